@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "log.h"
+
+#include <exception>
+#include <new>
+
+#include <nelvo.h>
+
+namespace nelvo {
+
+int logException(const char *function) noexcept {
+    try {
+        throw;
+    } catch (const std::bad_alloc &) {
+        NELVO_LOG(DLOG_ERROR, function, "out of memory");
+        return NELVO_ERROR_OUT_OF_MEMORY;
+    } catch (const std::exception &error) {
+        NELVO_LOG(DLOG_ERROR, function, "unexpected exception: %s", error.what());
+    } catch (...) {
+        NELVO_LOG(DLOG_ERROR, function, "unexpected exception");
+    }
+    return NELVO_ERROR_OPERATION_FAILED;
+}
+
+} // namespace nelvo

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <dlog.h>
+
+// One line of the library's log: a printf format, as a literal, and its values.
+#define NELVO_LOGD(...) NELVO_LOG(DLOG_DEBUG, __func__, __VA_ARGS__)
+#define NELVO_LOGI(...) NELVO_LOG(DLOG_INFO, __func__, __VA_ARGS__)
+#define NELVO_LOGE(...) NELVO_LOG(DLOG_ERROR, __func__, __VA_ARGS__)
+
+// The same from a helper that logs in the name of the operation it works for.
+#define NELVO_LOG(priority, function, ...)                                                         \
+    do {                                                                                           \
+        if (false)                                                                                 \
+            ::nelvo::checkLogFormat(__VA_ARGS__);                                                  \
+        ::nelvo::logLine(priority, __LINE__, function, "%s %d %s(): " __VA_ARGS__);                \
+    } while (false)
+
+namespace nelvo {
+
+// Never called: lets the compiler compare a format with its values.
+__attribute__((format(printf, 1, 2))) inline void checkLogFormat(const char *, ...) {}
+
+// Passes the values on unformatted: whether the line is wanted at all is known to the platform
+// only.
+template <typename... Values>
+void logLine(log_priority priority, int line, const char *function, const char *format,
+             Values... values) {
+    dlog_print(priority, "NELVO-APPSDK", format, "v1.0-beta.1.4 : ", line, function, values...);
+}
+
+// To be called from a catch block: logs the exception as an error of the given function and gives
+// its error code, NELVO_ERROR_OUT_OF_MEMORY or NELVO_ERROR_OPERATION_FAILED.
+int logException(const char *function) noexcept;
+
+} // namespace nelvo

@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "message.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include <dlog.h>
+
+namespace rpc_port {
+namespace message {
+namespace stub {
+namespace {
+
+enum Method : std::int32_t { RESULT = 0, CALLBACK = 1, SET_CB = 2, UNSET_CB = 3, SEND = 4 };
+
+constexpr const char *PORT_NAME = "message";
+
+template <typename... Values>
+void logLine(const char *function, int line, const char *format, Values... values) {
+    const char *slash = std::strrchr(__FILE__, '/');
+    dlog_print(DLOG_ERROR, "RPC_PORT_STUB", format, slash ? slash + 1 : __FILE__, function, line,
+               values...);
+}
+
+#define LOG_ERROR(...) logLine(__func__, __LINE__, "%s: %s(%d) > " __VA_ARGS__)
+
+// Owns a parcel; null when it could not be created.
+class Parcel {
+public:
+    Parcel() {
+        if (rpc_port_parcel_create(&_handle) != RPC_PORT_ERROR_NONE)
+            _handle = nullptr;
+    }
+    explicit Parcel(rpc_port_parcel_h handle) : _handle(handle) {}
+    Parcel(const Parcel &) = delete;
+    Parcel &operator=(const Parcel &) = delete;
+    ~Parcel() {
+        if (_handle)
+            rpc_port_parcel_destroy(_handle);
+    }
+
+    rpc_port_parcel_h handle() const { return _handle; }
+
+private:
+    rpc_port_parcel_h _handle = nullptr;
+};
+
+bool sendResult(const Parcel &reply, rpc_port_h port, int result) {
+    if (rpc_port_parcel_write_int32(reply.handle(), RESULT) != RPC_PORT_ERROR_NONE ||
+        rpc_port_parcel_write_int32(reply.handle(), result) != RPC_PORT_ERROR_NONE)
+        return false;
+    rpc_port_parcel_send(reply.handle(), port);
+    return true;
+}
+
+void require(int result) {
+    if (result != RPC_PORT_ERROR_NONE)
+        throw InvalidIOException();
+}
+
+} // namespace
+
+std::atomic<std::int32_t> message::CallbackBase::seq_num_{0};
+
+void *operator<<(void *parcel, const message::CallbackBase &callback) {
+    require(rpc_port_parcel_write_int32(parcel, callback._id));
+    require(rpc_port_parcel_write_int32(parcel, callback._seqId));
+    require(rpc_port_parcel_write_bool(parcel, callback._once));
+    return parcel;
+}
+
+void *operator>>(void *parcel, message::CallbackBase &callback) {
+    int number = 0;
+    bool flag = false;
+    if (rpc_port_parcel_read_int32(parcel, &number) == RPC_PORT_ERROR_NONE)
+        callback._id = number;
+    if (rpc_port_parcel_read_int32(parcel, &number) == RPC_PORT_ERROR_NONE)
+        callback._seqId = number;
+    if (rpc_port_parcel_read_bool(parcel, &flag) == RPC_PORT_ERROR_NONE)
+        callback._once = flag;
+    return parcel;
+}
+
+message::ResponseCB::ResponseCB(rpc_port_h port, std::weak_ptr<ServiceBase> service)
+    : CallbackBase(1, false), _port(port), _service(std::move(service)) {}
+
+void message::ResponseCB::Invoke(std::string text, Bundle response) {
+    if (!_port)
+        throw NotConnectedSocketException();
+    if (std::shared_ptr<ServiceBase> service = _service.lock(); !service || !service->_connected)
+        throw NotConnectedSocketException();
+    if (IsOnce() && !_valid)
+        throw InvalidCallbackException();
+
+    const Parcel parcel;
+    if (!parcel.handle())
+        throw InvalidIOException();
+    require(rpc_port_parcel_write_int32(parcel.handle(), CALLBACK));
+    parcel.handle() << *this;
+    require(rpc_port_parcel_write_string(parcel.handle(), text.c_str()));
+    require(rpc_port_parcel_write_bundle(parcel.handle(), response.GetHandle()));
+    rpc_port_parcel_send(parcel.handle(), _port);
+    _valid = false;
+}
+
+message::message() {
+    if (rpc_port_stub_create(&_stub, PORT_NAME) != RPC_PORT_ERROR_NONE) {
+        LOG_ERROR("Failed to create stub handle");
+        throw InvalidIOException();
+    }
+    if (rpc_port_stub_add_connected_event_cb(_stub, OnConnectedCB, this) != RPC_PORT_ERROR_NONE ||
+        rpc_port_stub_add_disconnected_event_cb(_stub, OnDisconnectedCB, this) !=
+            RPC_PORT_ERROR_NONE ||
+        rpc_port_stub_add_received_event_cb(_stub, OnReceivedCB, this) != RPC_PORT_ERROR_NONE) {
+        LOG_ERROR("Failed to register the event callbacks");
+        rpc_port_stub_destroy(_stub);
+        throw InvalidIOException();
+    }
+}
+
+message::~message() {
+    // Out of the list first: a disconnected event must not terminate a service a second time.
+    const auto services = std::exchange(_services, {});
+    for (const auto &service : services)
+        Terminate(*service);
+    rpc_port_stub_destroy(_stub);
+}
+
+void message::Listen(std::shared_ptr<ServiceBase::Factory> factory) {
+    _factory = std::move(factory);
+    const int result = rpc_port_stub_listen(_stub);
+    if (result == RPC_PORT_ERROR_NONE)
+        return;
+    LOG_ERROR("Failed to listen stub");
+    if (result == RPC_PORT_ERROR_IO_ERROR || result == RPC_PORT_ERROR_INVALID_PARAMETER)
+        throw InvalidIOException();
+}
+
+void message::OnConnectedCB(const char *sender, const char *instance, void *data) {
+    auto *self = static_cast<message *>(data);
+    try {
+        std::list<std::shared_ptr<ServiceBase>> created;
+        created.emplace_back(self->_factory->CreateService(sender, instance));
+        if (!created.front()) {
+            LOG_ERROR("Failed to create service for %s, connection ignored", sender);
+            return;
+        }
+        created.front()->OnCreate();
+        self->_services.splice(self->_services.end(), created);
+    } catch (const std::exception &error) {
+        LOG_ERROR("Failed to create service for %s, connection ignored: %s", sender, error.what());
+    }
+}
+
+void message::OnDisconnectedCB(const char *, const char *instance, void *data) {
+    auto *self = static_cast<message *>(data);
+    const std::shared_ptr<ServiceBase> service = self->FindService(instance);
+    if (!service)
+        return;
+    Terminate(*service);
+    self->_services.remove(service);
+}
+
+// A call may destroy the stub: after Send() only what is on the stack is used.
+int message::OnReceivedCB(const char *, const char *instance, rpc_port_h port, void *data) {
+    auto *self = static_cast<message *>(data);
+    const std::shared_ptr<ServiceBase> service = self->FindService(instance);
+    if (!service) {
+        LOG_ERROR("Failed to find $$ context(%s)", instance);
+        return -1;
+    }
+
+    rpc_port_h callbackPort = nullptr;
+    if (rpc_port_stub_get_port(self->_stub, RPC_PORT_PORT_CALLBACK, instance, &callbackPort) !=
+        RPC_PORT_ERROR_NONE) {
+        LOG_ERROR("Failed to get callback port");
+        callbackPort = nullptr;
+    }
+
+    rpc_port_parcel_h received = nullptr;
+    const int error = rpc_port_parcel_create_from_port(&received, port);
+    if (error != RPC_PORT_ERROR_NONE) {
+        LOG_ERROR("Failed to create parcel from port");
+        return error;
+    }
+    const Parcel request(received);
+    const Parcel reply;
+    if (!reply.handle()) {
+        LOG_ERROR("Failed to create reply parcel");
+        return RPC_PORT_ERROR_OUT_OF_MEMORY;
+    }
+
+    int method = -1;
+    if (rpc_port_parcel_read_int32(request.handle(), &method) != RPC_PORT_ERROR_NONE)
+        method = -1;
+    switch (method) {
+    case SET_CB: {
+        std::unique_ptr<ResponseCB> callback(new (std::nothrow) ResponseCB(callbackPort, service));
+        if (!callback) {
+            LOG_ERROR("Failed to create callback");
+            return -1;
+        }
+        request.handle() >> *callback;
+        return sendResult(reply, port, service->SetCB(std::move(callback))) ? 0 : -1;
+    }
+    case UNSET_CB:
+        return sendResult(reply, port, service->UnsetCB()) ? 0 : -1;
+    case SEND: {
+        bundle *content = nullptr;
+        if (rpc_port_parcel_read_bundle(request.handle(), &content) != RPC_PORT_ERROR_NONE)
+            content = nullptr;
+        const Bundle owner(content);
+        service->Send(owner);
+        return 0;
+    }
+    default:
+        LOG_ERROR("Unknown command(%d)", method);
+        return -1;
+    }
+}
+
+std::shared_ptr<message::ServiceBase> message::FindService(const char *instance) const {
+    const auto found = std::find_if(_services.begin(), _services.end(), [&](const auto &service) {
+        return service->GetInstance() == instance;
+    });
+    return found == _services.end() ? nullptr : *found;
+}
+
+void message::Terminate(ServiceBase &service) {
+    service._connected = false;
+    service.OnTerminate();
+}
+
+} // namespace stub
+} // namespace message
+} // namespace rpc_port

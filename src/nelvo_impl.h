@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include <bundle.h>
+#include <nelvo.h>
+
+#include "message/message.h"
+
+namespace nelvo {
+
+// The core: decides once whether the application may use the library at all, starts and stops it,
+// hands each request to the handler of its kind, and keeps the way back to each client.
+//
+// While _isInitialized is set, the stub is listening and every other singleton exists.
+//
+// Main-loop thread only, but for getInstance(). An application may stop the library from inside any
+// of its callbacks.
+class NelvoImpl {
+public:
+    // Null when the object could not be made, then and ever after.
+    static NelvoImpl *getInstance();
+
+    int initialize();
+    int deinitialize();
+
+    // Serves one request of a client that is allowed to send it. The bundle stays the caller's. A
+    // malformed request is logged and changes nothing; so is one that there is no memory for.
+    void executeRequest(const char *sender, bundle *request);
+
+    // What the exported functions of similar names do, once their arguments have been checked.
+    int setAppStateRequestCb(nelvo_app_state_request_cb callback, void *userData);
+    int unsetAppStateRequestCb();
+    int completeAppStateRequest(void *actionHandler, const std::string &appContext);
+    int setActionExcutionCb(const std::string &actionId, nelvo_action_execution_cb callback,
+                            void *userData);
+    int unsetExecuteActionCb(const std::string &actionId);
+    int completeActionExecution(void *actionHandler, const std::string &result);
+
+    // The action that the handler stands for; empty when there is none.
+    std::string getActionName(void *actionHandler);
+
+    // The response callback of each client, by its app id. A client that has gone keeps its entry.
+    std::map<std::string, std::unique_ptr<rpc_port::message::stub::message::ResponseCB>>
+        _responseCallbacks;
+
+private:
+    NelvoImpl();
+    static void _initInstance();
+    static int getAppSdkVersion(std::string appId);
+    bool checkInitialized(const char *function) const;
+
+    static NelvoImpl *_instance;
+
+    bool _isInitialized = false;
+    std::unique_ptr<rpc_port::message::stub::message> _messageStub;
+    int _tidlSupported; // 1 when the SDK version in the manifest admits the transport, else 0
+};
+
+} // namespace nelvo

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <Ecore.h>
+#include <rpc-port.h>
+
+#include "channel.h"
+#include "handshake.h"
+#include "listeners.h"
+#include "unique_fd.h"
+
+namespace host {
+
+// What stands behind an rpc_port_proxy_h.
+//
+//   idle        no channels
+//   connecting  hello said on both channels, _timer runs: the welcome has not come yet
+//   connected   from the welcome until either channel ends; then idle again
+//
+// It may be destroyed or connected anew from inside any of its events: whoever fires one holds it
+// by shared_ptr, and the names that the callback is given by their own.
+class Proxy : public ChannelOwner, public std::enable_shared_from_this<Proxy> {
+public:
+    int connect(const char *appId, const char *port);
+    void destroy();
+    void setSender(const char *appId) { _sender = appId ? appId : ""; }
+    // Null unless connected.
+    Channel *channel(rpc_port_port_type_e type) const;
+
+    const char *peer() const override { return _target->appId.c_str(); }
+    void onFrame(Channel &channel) override;
+    void onEnd(Channel &channel) override;
+
+    Listeners<rpc_port_proxy_connected_event_cb> connectedCbs;
+    Listeners<rpc_port_proxy_disconnected_event_cb> disconnectedCbs;
+    Listeners<rpc_port_proxy_rejected_event_cb> rejectedCbs;
+    Listeners<rpc_port_proxy_received_event_cb> receivedCbs;
+
+private:
+    enum class State { IDLE, CONNECTING, CONNECTED };
+    struct Target {
+        std::string appId;
+        std::string port;
+    };
+
+    static Eina_Bool onTimeoutCb(void *data);
+
+    int sayHello(UniqueFd mainSocket, UniqueFd callbackSocket, const std::string &sender);
+    void welcome(const std::vector<std::uint8_t> &bytes);
+    void end();
+    void reset();
+    bool isCurrent(const std::shared_ptr<Channel> &mainChannel) const {
+        return mainChannel == _main;
+    }
+
+    State _state = State::IDLE;
+    std::string _sender; // empty: the process's own app id
+    std::shared_ptr<const Target> _target;
+    std::shared_ptr<Channel> _main;
+    std::shared_ptr<Channel> _callback;
+    void *_timer = nullptr;
+};
+
+} // namespace host

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime_dir.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <dlog.h>
+
+#include "log_tag.h"
+
+namespace host {
+
+namespace {
+
+constexpr int BACKLOG = 1024;
+
+std::string runtimeDir() {
+    std::string dir;
+    if (const char *own = std::getenv("NELVO_HOST_RUNTIME_DIR"); own && *own) {
+        dir = own;
+    } else if (const char *users = std::getenv("XDG_RUNTIME_DIR"); users && *users) {
+        dir = std::string(users) + "/nelvo";
+    } else {
+        dir = "/tmp/nelvo-" + std::to_string(geteuid());
+    }
+    while (dir.size() > 1 && dir.back() == '/') {
+        dir.pop_back(); // behind a slash a link would be followed
+    }
+    return dir;
+}
+
+// Whoever can write here can pose as an application, so it has to be ours alone.
+const char *faultOf(const std::string &dir) {
+    const UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat state {};
+    if (!fd || fstat(fd.get(), &state) != 0) {
+        return errno == ENOTDIR || errno == ELOOP ? "it is a link or no directory"
+                                                  : std::strerror(errno);
+    }
+    if (state.st_uid != geteuid()) {
+        return "it belongs to another user";
+    }
+    return (state.st_mode & 077) != 0 ? "other users may enter it" : nullptr;
+}
+
+bool prepareDir(const std::string &dir) {
+    const bool made = mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
+    const char *const fault = made ? faultOf(dir) : std::strerror(errno);
+    if (fault) {
+        dlog_print(DLOG_ERROR, LOG_TAG,
+                   "the runtime directory %s cannot be used: %s; remove it, make it a directory of "
+                   "your own with mode 0700, or name another one in NELVO_HOST_RUNTIME_DIR",
+                   dir.c_str(), fault);
+    }
+    return !fault;
+}
+
+bool findAddress(const std::string &appId, const std::string &port, sockaddr_un &address) {
+    const std::string dir = runtimeDir();
+    const std::string path = dir + "/" + appId + ":" + port;
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        dlog_print(DLOG_ERROR, LOG_TAG,
+                   "the socket path %s is too long: %zu bytes where %zu are possible; name a "
+                   "shorter directory in NELVO_HOST_RUNTIME_DIR",
+                   path.c_str(), path.size(), sizeof(address.sun_path) - 1);
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return prepareDir(dir);
+}
+
+UniqueFd openSocket() {
+    return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
+const sockaddr *generic(const sockaddr_un &address) {
+    return reinterpret_cast<const sockaddr *>(&address);
+}
+
+// Leaves errno.
+UniqueFd connectTo(const sockaddr_un &address) {
+    UniqueFd fd = openSocket();
+    if (fd && connect(fd.get(), generic(address), sizeof(address)) != 0) {
+        const int error = errno;
+        fd.reset();
+        errno = error;
+    }
+    return fd;
+}
+
+void logRefusal(const sockaddr_un &address, const char *reason) {
+    dlog_print(DLOG_ERROR, LOG_TAG, "cannot listen at %s: %s", address.sun_path, reason);
+}
+
+void logOtherServer(const std::string &appId, const std::string &port, const UniqueFd &probe) {
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    if (probe) {
+        getsockopt(probe.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
+    }
+    const std::string process = peer.pid > 0 ? "process " + std::to_string(peer.pid) : "a process";
+    dlog_print(DLOG_ERROR, LOG_TAG,
+               "port \"%s\" of %s is served already, by %s; stop that one first", port.c_str(),
+               appId.c_str(), process.c_str());
+}
+
+UniqueFd openLock(const sockaddr_un &address) {
+    const std::string path = std::string(address.sun_path) + ".lock";
+    UniqueFd lock(
+        ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    if (!lock) {
+        logRefusal(address, std::strerror(errno));
+    }
+    return lock;
+}
+
+// Makes room for our socket: only what a dead process has left behind is removed.
+bool clearPath(const std::string &appId, const std::string &port, const sockaddr_un &address) {
+    struct stat state {};
+    if (lstat(address.sun_path, &state) != 0) {
+        return true; // bind() tells, if it is not for being absent
+    }
+    if (!S_ISSOCK(state.st_mode)) {
+        logRefusal(address, "there is something that is no socket; remove it");
+        return false;
+    }
+    const UniqueFd probe = connectTo(address);
+    if (probe || errno == EAGAIN) {
+        logOtherServer(appId, port, probe);
+        return false;
+    }
+    if (errno != ECONNREFUSED || unlink(address.sun_path) != 0) {
+        logRefusal(address, std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool ListenSocket::open(const std::string &appId, const std::string &port) {
+    sockaddr_un address{};
+    if (!findAddress(appId, port, address) || !(_lock = openLock(address))) {
+        return false;
+    }
+    if (flock(_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        logOtherServer(appId, port, connectTo(address));
+        return false;
+    }
+    if (!clearPath(appId, port, address)) {
+        return false;
+    }
+    std::string path = address.sun_path;
+    _socket = openSocket();
+    if (!_socket || bind(_socket.get(), generic(address), sizeof(address)) != 0) {
+        logRefusal(address, std::strerror(errno));
+        return false;
+    }
+    _path = std::move(path);
+    if (listen(_socket.get(), BACKLOG) != 0) {
+        logRefusal(address, std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+// The lock goes last: until then nobody else may put a socket there.
+void ListenSocket::close() {
+    if (!_path.empty()) {
+        unlink(_path.c_str());
+        _path.clear();
+    }
+    _socket.reset();
+    _lock.reset();
+}
+
+UniqueFd connectToPort(const std::string &appId, const std::string &port) {
+    sockaddr_un address{};
+    if (!findAddress(appId, port, address)) {
+        errno = 0;
+        return UniqueFd();
+    }
+    UniqueFd fd = connectTo(address);
+    if (fd && !isSameUser(fd.get())) {
+        fd.reset();
+        errno = EACCES;
+    }
+    return fd;
+}
+
+bool isSameUser(int socket) {
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
+}
+
+} // namespace host

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <bundle.h>
+
+namespace nelvo::client {
+
+// The action id that asks for the application's state instead of an action.
+extern const char *const STATE_ACTION_ID;
+
+// What "status_code" says when the application has answered; any other value is a failure.
+extern const char *const STATUS_SUCCESS;
+
+struct BundleDeleter {
+    void operator()(bundle *b) const { bundle_free(b); }
+};
+using BundlePtr = std::unique_ptr<bundle, BundleDeleter>;
+
+struct Request {
+    std::string actionId;
+    std::uint64_t requestId = 0; // comes back in the response
+    std::optional<std::string> actionType;
+    std::optional<std::string> actionParams;
+};
+
+// The request as it is sent; null when there was no memory for it.
+BundlePtr makeRequest(const Request &request);
+
+struct Response {
+    std::map<std::string, std::string> fields;
+    std::optional<std::uint64_t> requestId; // empty: absent, or not 8 bytes
+
+    // The text under key, or "" when there is none.
+    std::string field(const std::string &key) const;
+    bool succeeded() const;
+};
+
+// Takes what a response may hold, its texts and its request id, and leaves out anything else.
+Response readResponse(bundle *response);
+
+} // namespace nelvo::client

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <rpc-port.h>
+
+#include "envelope.h"
+
+namespace nelvo::client {
+
+// Names the callback that the application is to answer through; it comes back with each answer.
+struct CallbackFields {
+    int id = 1; // the one kind of callback that the interface knows
+    int seq = 0;
+    bool once = false; // true: the application may answer through it a single time
+};
+
+struct Answer {
+    CallbackFields callback;
+    std::string sender; // the app id of the application that answers
+    Response response;
+};
+
+// What became of a method that has a result.
+struct Reply {
+    int error = RPC_PORT_ERROR_NONE; // not 0: no reply came, result means nothing
+    int result = 0;                  // what the application's side of the interface returned
+
+    bool ok() const { return error == RPC_PORT_ERROR_NONE && result == 0; }
+};
+
+// One connection to an application's "message" port, the client's side of it.
+//
+//   idle        connect() leads to connecting, or fails and stays here
+//   connecting  one of the events connected or rejected follows
+//   connected   setCb(), unsetCb() and send() work; ends with the event disconnected
+//   ended       of no more use
+//
+// A setCb() or unsetCb() whose reply did not come leaves that reply, should it come after all, to
+// be taken for the next one: give the connection up then.
+//
+// Events come from the main loop. Each may destroy the proxy; none may throw. setCb() and unsetCb()
+// wait for the application and must not be called while it runs on this very thread, except on a
+// simulated device, where the wait runs the loop; the proxy must live until they return.
+//
+// Main-loop thread only.
+class MessageProxy {
+public:
+    struct Events {
+        std::function<void()> connected;
+        std::function<void()> rejected;
+        std::function<void()> disconnected;
+        std::function<void(const Answer &)> answered;
+        std::function<void(const char *reason)> malformed; // what came was no answer; it is dropped
+    };
+    Events events;
+
+    MessageProxy();
+    ~MessageProxy();
+    MessageProxy(const MessageProxy &) = delete;
+    MessageProxy &operator=(const MessageProxy &) = delete;
+
+    // The platform's handle, still the proxy's; null when it could not be created.
+    rpc_port_proxy_h handle() const { return _handle; }
+
+    // These return RPC_PORT_ERROR_NONE or the platform's error.
+    int connect(const std::string &appId);
+    int send(bundle *request); // the request stays the caller's
+
+    // The first registers with a fresh sequence number and the usual fields.
+    Reply setCb();
+    Reply setCb(const CallbackFields &fields);
+    Reply unsetCb();
+
+private:
+    static void _connectedCb(const char *, const char *, rpc_port_h port, void *data);
+    static void _rejectedCb(const char *, const char *, void *data);
+    static void _disconnectedCb(const char *, const char *, void *data);
+    static void _receivedCb(const char *, const char *, void *data);
+
+    rpc_port_proxy_h _handle = nullptr;
+    rpc_port_h _mainPort = nullptr; // null unless connected; stays the platform's
+    int _nextSeq = 0;
+};
+
+} // namespace nelvo::client

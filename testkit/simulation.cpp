@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "simulation.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <host/log.h>
+#include <host/sim.h>
+
+namespace nelvo::testkit {
+namespace {
+
+constexpr const char *ALLOW_LIST_FILE = "/usr/share/nelvo/allow_list.dat";
+constexpr const char *SDK_VERSION_KEY =
+    "http://developer.tizen.org/tizen/metadata/nelvo/sdk/version";
+
+struct Device {
+    bool running = false;
+    std::optional<std::string> allowList;
+    std::vector<LogLine> log;
+};
+
+Device device;
+
+// Takes "head function(...head" apart: the function ends at its "(", the message follows separator.
+void takeApart(LogLine &line, const char *separator, char functionStart) {
+    const std::size_t end = line.text.find(separator);
+    if (end == std::string::npos)
+        return;
+    const std::size_t open = line.text.rfind('(', end);
+    const std::size_t start = line.text.rfind(functionStart, open);
+    line.function = line.text.substr(start + 1, open - start - 1);
+    line.message = line.text.substr(end + std::strlen(separator));
+}
+
+void keepLine(log_priority priority, const char *tag, const char *text, void *) {
+    keepingLog = true;
+    LogLine line{priority, tag, "", text, text};
+    if (line.tag == "NELVO-APPSDK")
+        takeApart(line, "(): ", ' ');
+    else if (line.tag == "RPC_PORT_STUB")
+        takeApart(line, ") > ", ' ');
+    device.log.push_back(std::move(line));
+    keepingLog = false;
+}
+
+// A file of its own for each opening: readers work with the descriptor.
+FILE *openAllowList(const char *mode) {
+    if (!device.allowList) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    const int fd = memfd_create("allow_list", MFD_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    const std::string &content = *device.allowList;
+    FILE *file = nullptr;
+    if (write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
+        lseek(fd, 0, SEEK_SET) == 0)
+        file = fdopen(fd, mode);
+    if (!file)
+        close(fd);
+    return file;
+}
+
+FILE *openFile(const char *function, const char *path, const char *mode) {
+    if (device.running && std::strcmp(path, ALLOW_LIST_FILE) == 0)
+        return openAllowList(mode);
+    using Open = FILE *(*)(const char *, const char *);
+    return reinterpret_cast<Open>(dlsym(RTLD_NEXT, function))(path, mode);
+}
+
+} // namespace
+
+bool keepingLog = false;
+
+Simulation::Simulation(const std::string &appId) : _appId(appId) {
+    device = {true, std::nullopt, {}};
+    host_sim_start();
+    host_log_set_sink(keepLine, nullptr);
+    setSdkVersion("1.0");
+}
+
+Simulation::~Simulation() {
+    host_log_set_sink(nullptr, nullptr);
+    host_sim_set_manifest(nullptr);
+    device = {};
+}
+
+void Simulation::setManifest(const std::string &xml) {
+    host_sim_set_manifest(xml.c_str());
+}
+
+void Simulation::setSdkVersion(const std::string &version) {
+    setManifest("<manifest><ui-application appid=\"" + _appId + "\"><metadata key=\"" +
+                SDK_VERSION_KEY + "\" value=\"" + version + "\"/></ui-application></manifest>");
+}
+
+void Simulation::setAllowList(const std::string &content) {
+    device.allowList = content;
+}
+
+void Simulation::removeAllowList() {
+    device.allowList.reset();
+}
+
+void Simulation::advance(double seconds) {
+    host_sim_advance(seconds);
+}
+
+const std::vector<LogLine> &Simulation::log() const {
+    return device.log;
+}
+
+void Simulation::clearLog() {
+    device.log.clear();
+}
+
+int Simulation::countLog(log_priority priority, const std::string &function,
+                         const std::string &message) const {
+    return static_cast<int>(
+        std::count_if(device.log.begin(), device.log.end(), [&](const LogLine &line) {
+            return line.priority == priority && line.function == function &&
+                   line.message == message;
+        }));
+}
+
+std::vector<std::string> Simulation::logTexts(log_priority atLeast) const {
+    std::vector<std::string> texts;
+    for (const LogLine &line : device.log)
+        if (line.priority >= atLeast && line.tag == "NELVO-APPSDK")
+            texts.push_back(std::string(1, "??VDIWEF"[line.priority]) + " " + line.function + ": " +
+                            line.message);
+    return texts;
+}
+
+} // namespace nelvo::testkit
+
+// Stand before the C library's own, so that what opens the allow list finds the simulated one.
+extern "C" TESTKIT_API FILE *fopen(const char *path, const char *mode) {
+    return nelvo::testkit::openFile("fopen", path, mode);
+}
+
+extern "C" TESTKIT_API FILE *fopen64(const char *path, const char *mode) {
+    return nelvo::testkit::openFile("fopen64", path, mode);
+}

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <dlog.h>
+
+#include "testkit_export.h"
+
+namespace nelvo::testkit {
+
+// One entry of the log, taken apart: of "v1.0-beta.1.4 :  12 receiveRequest(): text" the function
+// is "receiveRequest" and the message "text"; the stub's lines likewise. Other lines have no
+// function.
+struct LogLine {
+    log_priority priority;
+    std::string tag;
+    std::string function;
+    std::string message;
+    std::string text; // as it was logged
+};
+
+// Set while the test kit itself is at work on the application's stack, keeping a log line: what it
+// allocates then is not the application's.
+TESTKIT_API extern bool keepingLog;
+
+// A device for one application, with a clock that is moved by hand and no allow list: what the
+// process does from here on happens there. One per process, to be created before anything else of
+// the platform is used.
+class TESTKIT_API Simulation {
+public:
+    // The application gets this id and a manifest that admits it.
+    explicit Simulation(const std::string &appId = "demo.app");
+    ~Simulation();
+    Simulation(const Simulation &) = delete;
+    Simulation &operator=(const Simulation &) = delete;
+
+    // Replaces the manifest; both count from the first call of the library on.
+    void setManifest(const std::string &xml);
+    void setSdkVersion(const std::string &version);
+
+    // What the allow list file holds from now on; without the second it is not there.
+    void setAllowList(const std::string &content);
+    void removeAllowList();
+
+    // Delivers every event and timer of the next seconds; 0 those that are due now.
+    void advance(double seconds = 0);
+
+    // Every line so far, in order.
+    const std::vector<LogLine> &log() const;
+    void clearLog();
+    int countLog(log_priority priority, const std::string &function,
+                 const std::string &message) const;
+
+    // The lines of the library as "E receiveRequest: text", from the given level up.
+    std::vector<std::string> logTexts(log_priority atLeast = DLOG_DEBUG) const;
+
+private:
+    std::string _appId;
+};
+
+} // namespace nelvo::testkit

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# check_exports.sh LIBRARY: fails unless the library exports its public functions and nothing else.
+set -euo pipefail
+
+wanted=$(sort <<'LIST'
+nelvo_complete_action_execution
+nelvo_complete_app_state_request
+nelvo_deinitialize
+nelvo_get_action_name
+nelvo_initialize
+nelvo_set_action_execution_cb
+nelvo_set_app_state_request_cb
+nelvo_unset_action_execution_cb
+nelvo_unset_app_state_request_cb
+LIST
+)
+# Type A is the name of a symbol version, which is no symbol of ours to call.
+exported=$(nm -D --defined-only "$1" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort)
+
+if ! difference=$(diff <(echo "$wanted") <(echo "$exported")); then
+    echo "check_exports: $1 does not export what it should (< missing, > too many):" >&2
+    grep '^[<>]' <<<"$difference" >&2
+    exit 1
+fi

@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "driven_application.h"
+
+#include "message/message.h"
+
+namespace nelvo {
+namespace {
+
+namespace stub = rpc_port::message::stub;
+using rpc_port::message::Bundle;
+using ResponseCB = stub::message::ResponseCB;
+using ServiceBase = stub::message::ServiceBase;
+
+std::vector<std::string> stubErrors(const testkit::Simulation &device) {
+    std::vector<std::string> errors;
+    for (const auto &line : device.log())
+        if (line.tag == "RPC_PORT_STUB") {
+            EXPECT_EQ(line.priority, DLOG_ERROR);
+            EXPECT_EQ(line.text.rfind("message.cpp: ", 0), 0u) << line.text;
+            errors.push_back(line.function + ": " + line.message);
+        }
+    return errors;
+}
+
+// A service that writes down what happens to it.
+struct Recorder : ServiceBase {
+    Recorder(std::string sender, std::string instance, std::vector<std::string> &events)
+        : ServiceBase(std::move(sender), std::move(instance)), _events(events) {}
+    ~Recorder() override { note("destroyed"); }
+
+    void OnCreate() override { note("created"); }
+    void OnTerminate() override { note("terminated"); }
+    int SetCB(std::unique_ptr<ResponseCB> callback) override {
+        note("set " + callback->GetTag());
+        kept = std::move(callback);
+        return 17;
+    }
+    int UnsetCB() override {
+        note("unset");
+        return -5;
+    }
+    void Send(Bundle request) override { note(request.GetHandle() ? "bundle" : "no bundle"); }
+    void note(const std::string &what) { _events.push_back(GetSender() + " " + what); }
+
+    std::unique_ptr<ResponseCB> kept;
+
+private:
+    std::vector<std::string> &_events;
+};
+
+class MessageStubTest : public testing::Test {
+protected:
+    struct RecorderFactory final : ServiceBase::Factory {
+        explicit RecorderFactory(MessageStubTest &owner) : test(owner) {}
+        std::unique_ptr<ServiceBase> CreateService(std::string sender,
+                                                   std::string instance) override {
+            if (test.refuse)
+                return nullptr;
+            auto service = std::make_unique<Recorder>(sender, instance, test.events);
+            test.latest = service.get();
+            return service;
+        }
+        MessageStubTest &test;
+    };
+
+    void SetUp() override {
+        message = std::make_unique<stub::message>();
+        message->Listen(std::make_shared<RecorderFactory>(*this));
+    }
+
+    static bundle *newBundle() { return bundle_create(); }
+
+    testkit::Simulation device;
+    std::vector<std::string> events;
+    Recorder *latest = nullptr;
+    bool refuse = false;
+    std::unique_ptr<stub::message> message;
+};
+
+TEST_F(MessageStubTest, RoutesEachConnectionToItsOwnService) {
+    Client a("client.a");
+    Client b("client.b");
+    ASSERT_TRUE(a.connect());
+    ASSERT_TRUE(b.connect());
+    EXPECT_EQ(a.setCb({1, 42, false}), 17);
+    EXPECT_EQ(b.unsetCb(), -5);
+    a.disconnect();
+    EXPECT_EQ(b.unsetCb(), -5);
+    message.reset();
+    EXPECT_THAT(events, ElementsAre("client.a created", "client.b created", "client.a set 1::42",
+                                    "client.b unset", "client.a terminated", "client.a destroyed",
+                                    "client.b unset", "client.b terminated", "client.b destroyed"));
+}
+
+TEST_F(MessageStubTest, DropsAClientWhoseParcelIsUnknown) {
+    for (const int method : {0, 1, 5, -1, 1 << 30}) {
+        SCOPED_TRACE(method);
+        Client client;
+        ASSERT_TRUE(client.connect());
+        device.clearLog();
+        rpc_port_parcel_h parcel = nullptr;
+        rpc_port_parcel_create(&parcel);
+        rpc_port_parcel_write_int32(parcel, method);
+        rpc_port_parcel_send(parcel, client.mainPort());
+        rpc_port_parcel_destroy(parcel);
+        device.advance();
+        EXPECT_FALSE(client.connected());
+        EXPECT_THAT(stubErrors(device),
+                    ElementsAre("OnReceivedCB: Unknown command(" + std::to_string(method) + ")"));
+    }
+}
+
+TEST_F(MessageStubTest, KeepsTheValueOfAFieldThatIsMissing) {
+    const struct {
+        const char *what;
+        std::function<void(rpc_port_parcel_h)> write;
+        const char *event; // null: the connection is dropped instead
+    } rows[] = {
+        {"no method", [](auto parcel) { rpc_port_parcel_write_bool(parcel, true); }, nullptr},
+        {"SetCB without fields", [](auto parcel) { rpc_port_parcel_write_int32(parcel, 2); },
+         "demo.client set 1::0"},
+        {"SetCB with the id only",
+         [](auto parcel) {
+             rpc_port_parcel_write_int32(parcel, 2);
+             rpc_port_parcel_write_int32(parcel, 8);
+         },
+         "demo.client set 8::1"},
+        {"Send without a bundle", [](auto parcel) { rpc_port_parcel_write_int32(parcel, 4); },
+         "demo.client no bundle"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        Client client;
+        ASSERT_TRUE(client.connect());
+        rpc_port_parcel_h parcel = nullptr;
+        rpc_port_parcel_create(&parcel);
+        row.write(parcel);
+        rpc_port_parcel_send(parcel, client.mainPort());
+        rpc_port_parcel_destroy(parcel);
+        device.advance();
+        EXPECT_EQ(client.connected(), row.event != nullptr);
+        EXPECT_EQ(events.at(1), row.event ? row.event : "demo.client terminated");
+        client.disconnect();
+        events.clear();
+    }
+}
+
+TEST_F(MessageStubTest, InvokesACallbackAsLongAsItsConnectionLasts) {
+    Client client;
+    ASSERT_TRUE(client.connect());
+    ASSERT_EQ(client.setCb({3, 42, false}), 17);
+    const std::unique_ptr<ResponseCB> callback = std::move(latest->kept);
+    bundle *content = newBundle();
+    bundle_add_str(content, "status_code", "x");
+    const Bundle owner(content);
+    callback->Invoke("app.id", owner);
+    callback->Invoke("app.id", owner);
+    device.advance();
+    ASSERT_EQ(client.answers.size(), 2u);
+    EXPECT_EQ(client.answers[1].callback.id, 3);
+    EXPECT_EQ(client.answers[1].callback.seq, 42);
+    EXPECT_FALSE(client.answers[1].callback.once);
+    EXPECT_EQ(client.answers[1].sender, "app.id");
+    EXPECT_EQ(client.answers[1].response.field("status_code"), "x");
+
+    client.disconnect();
+    EXPECT_THROW(callback->Invoke("app.id", owner), stub::NotConnectedSocketException);
+}
+
+TEST_F(MessageStubTest, InvokesACallbackForOneUseOnce) {
+    Client client;
+    ASSERT_TRUE(client.connect());
+    ASSERT_EQ(client.setCb({1, 1, true}), 17);
+    latest->kept->Invoke("app.id", Bundle(newBundle()));
+    EXPECT_THROW(latest->kept->Invoke("app.id", Bundle(newBundle())),
+                 stub::InvalidCallbackException);
+    device.advance();
+    EXPECT_EQ(client.answers.size(), 1u);
+}
+
+TEST_F(MessageStubTest, ServesAClientWithoutCallbackPortButCannotAnswerIt) {
+    Client client;
+    ASSERT_TRUE(client.connect());
+    testkit::failPlatformCall("rpc_port_stub_get_port");
+    EXPECT_EQ(client.setCb(), 17);
+    EXPECT_EQ(testkit::stopFailing(), 1);
+    EXPECT_THAT(stubErrors(device), ElementsAre("OnReceivedCB: Failed to get callback port"));
+    EXPECT_THROW(latest->kept->Invoke("app.id", Bundle(newBundle())),
+                 stub::NotConnectedSocketException);
+}
+
+TEST_F(MessageStubTest, IgnoresAConnectionThatTheFactoryRefuses) {
+    Client client;
+    refuse = true;
+    ASSERT_TRUE(client.connect());
+    EXPECT_EQ(stubErrors(device).size(), 1u);
+    device.clearLog();
+    EXPECT_LT(client.setCb(), -1);
+    EXPECT_FALSE(client.connected());
+    ASSERT_EQ(stubErrors(device).size(), 1u);
+    EXPECT_THAT(stubErrors(device)[0],
+                testing::StartsWith("OnReceivedCB: Failed to find $$ context("));
+}
+
+TEST(CallbackBaseTest, NumbersCallbacksFromZero) {
+    testkit::Simulation device;
+    const ResponseCB first(nullptr, {});
+    const ResponseCB second(nullptr, {});
+    EXPECT_EQ(first.GetTag(), "1::0");
+    EXPECT_EQ(second.GetTag(), "1::1");
+    EXPECT_FALSE(second.IsOnce());
+}
+
+} // namespace
+} // namespace nelvo

@@ -1,0 +1,16 @@
+# SPDX-License-Identifier: Apache-2.0
+
+# What every target of ours is compiled with; called once per target.
+function(nelvo_target_defaults target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+    if(NELVO_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+    if(NELVO_SANITIZE)
+        set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+        target_compile_options(${target} PRIVATE ${sanitizers})
+        target_link_options(${target} PRIVATE ${sanitizers})
+    endif()
+    set_target_properties(${target} PROPERTIES
+        C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+endfunction()

@@ -15,8 +15,7 @@ nelvo_unset_action_execution_cb
 nelvo_unset_app_state_request_cb
 LIST
 )
-# Type A is the name of a symbol version, which is no symbol of ours to call.
-exported=$(nm -D --defined-only "$1" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort)
+exported=$(nm -D --defined-only "$1" | awk '{ print $3 }' | sort)
 
 if ! difference=$(diff <(echo "$wanted") <(echo "$exported")); then
     echo "check_exports: $1 does not export what it should (< missing, > too many):" >&2

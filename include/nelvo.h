@@ -70,10 +70,11 @@ typedef void (*nelvo_app_state_request_cb)(void *action_handler, void *user_data
  *
  * @return NELVO_ERROR_NONE              started, or was already
  *         NELVO_ERROR_NOT_SUPPORTED     the manifest has no SDK-version metadata entry, or one of
- * an unsupported version; correct the manifest, trying again in this process is of no use
+ *                                       an unsupported version; correct the manifest, trying again
+ *                                       in this process is of no use
  *         NELVO_ERROR_OUT_OF_MEMORY     not started; try again when there is memory
  *         NELVO_ERROR_OPERATION_FAILED  the platform refused the port; not started. See the log,
- * try again later
+ *                                       try again later
  */
 NELVO_API int nelvo_initialize(void);
 
@@ -120,7 +121,7 @@ NELVO_API int nelvo_set_app_state_request_cb(nelvo_app_state_request_cb callback
  * @return NELVO_ERROR_NONE              no callback is registered any more
  *         NELVO_ERROR_OPERATION_FAILED  not initialised; nothing is registered then
  *         NELVO_ERROR_OUT_OF_MEMORY     the library could not even be created; nothing is
- * registered
+ *                                       registered
  */
 NELVO_API int nelvo_unset_app_state_request_cb(void);
 
@@ -131,14 +132,15 @@ NELVO_API int nelvo_unset_app_state_request_cb(void);
  *
  * @param action_handler  the handler given to your callback, and no other pointer
  * @param app_context     text for the client, copied before the call returns; null is sent as
- * "null"
+ *                        "null"
  *
  * Main-loop thread only.
  *
  * @return NELVO_ERROR_NONE               accepted, or nobody was waiting for it any more. Whether
- * the client could be reached is told by the log alone NELVO_ERROR_INVALID_PARAMETER  not a handler
- * that the library gave out; nothing was sent NELVO_ERROR_OPERATION_FAILED   not initialised, no
- * client has sent a request yet, or the request has already been answered; nothing was sent
+ *                                        the client could be reached is told by the log alone
+ *         NELVO_ERROR_INVALID_PARAMETER  not a handler that the library gave out; nothing was sent
+ *         NELVO_ERROR_OPERATION_FAILED   not initialised, no client has sent a request yet, or the
+ *                                        request has already been answered; nothing was sent
  *         NELVO_ERROR_OUT_OF_MEMORY      the answer could not be built; the client gets none
  */
 NELVO_API int nelvo_complete_app_state_request(void *action_handler, const char *app_context);
@@ -190,16 +192,17 @@ NELVO_API int nelvo_unset_action_execution_cb(const char *action_id);
  *
  * @param action_handler  the handler given to your callback, and no other pointer
  * @param result          text for the client, copied before the call returns; null is sent as
- * "null"
+ *                        "null"
  *
  * Main-loop thread only.
  *
  * @return NELVO_ERROR_NONE               sent, or nobody was waiting for it any more
  *         NELVO_ERROR_INVALID_PARAMETER  not a handler that the library gave out; nothing was sent
  *         NELVO_ERROR_OPERATION_FAILED   not initialised, no client has sent a request yet, the
- * wait for the outcome has already ended, or the client could not be reached; there is nothing to
- * do but to read the log NELVO_ERROR_OUT_OF_MEMORY      the answer could not be built; the client
- * gets none
+ *                                        wait for the outcome has already ended, or the client
+ *                                        could not be reached; there is nothing to do but to read
+ *                                        the log
+ *         NELVO_ERROR_OUT_OF_MEMORY      the answer could not be built; the client gets none
  */
 NELVO_API int nelvo_complete_action_execution(void *action_handler, const char *result);
 
@@ -211,7 +214,7 @@ NELVO_API int nelvo_complete_action_execution(void *action_handler, const char *
  * @param action_handler  the handler given to your callback
  * @param action_id       receives a copy of the action id, which the caller releases with free();
  *                        null with NELVO_ERROR_OPERATION_FAILED, and also with NELVO_ERROR_NONE
- * when there is no memory for the copy; left alone otherwise
+ *                        when there is no memory for the copy; left alone otherwise
  *
  * Main-loop thread only.
  *

@@ -95,17 +95,18 @@ void ActionRequestImpl::receiveRequest(const std::string &clientAppId, const std
         return;
     RequestCopy copy{bundle_create(), true};
     _actionRequestBundle = Bundle(copy.destination);
-    if (copy.destination)
-        bundle_foreach(request, _bundleDataCb, &copy);
-    if (!copy.destination || !copy.whole) {
+    if (!copy.destination) {
         NELVO_LOGE("bundle_create is failed");
-        _actionRequestBundle = Bundle(nullptr);
         return;
     }
+    bundle_foreach(request, _bundleDataCb, &copy);
     _fireRetryCount = 0;
-    _actionExecutionFireTimer = ecore_timer_add(REGISTRATION_TICK, _actionExecutionFireCb, this);
+    if (copy.whole)
+        _actionExecutionFireTimer =
+            ecore_timer_add(REGISTRATION_TICK, _actionExecutionFireCb, this);
     if (!_actionExecutionFireTimer) {
-        NELVO_LOGE("the registration timer can't be created");
+        NELVO_LOGE("%s", copy.whole ? "the registration timer can't be created"
+                                    : "the request can't be copied");
         _actionRequestBundle = Bundle(nullptr);
         sendFailure(NOT_REGISTERED, __func__);
     }

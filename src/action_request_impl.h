@@ -20,9 +20,8 @@ namespace nelvo {
 //
 // One request is pending at a time, and the two timers say where it stands:
 //   idle                      neither is set
-//   waiting for registration  _actionExecutionFireTimer: no callback yet; the first five ticks,
-//   0.02 s
-//                             apart, look for one again, the sixth answers with a failure
+//   waiting for registration  _actionExecutionFireTimer: no callback yet; each of the first five
+//                             ticks, 0.02 s apart, looks for one, the sixth answers with a failure
 //   awaiting completion       _completeActionExecutionTimer: callback called, 30 s to report
 // The dispatch calls deleteTimer() before each new request: an overtaken one is dropped unanswered.
 // A request that can't be watched never reaches the application; it is answered with a failure.

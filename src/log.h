@@ -21,8 +21,7 @@ namespace nelvo {
 // Never called: lets the compiler compare a format with its values.
 __attribute__((format(printf, 1, 2))) inline void checkLogFormat(const char *, ...) {}
 
-// Passes the values on unformatted: whether the line is wanted at all is known to the platform
-// only.
+// Passes the values on unformatted: only the platform knows whether the line is wanted at all.
 template <typename... Values>
 void logLine(log_priority priority, int line, const char *function, const char *format,
              Values... values) {

@@ -13,6 +13,19 @@ namespace {
 constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_PATH = "/usr/share/nelvo/";
 constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME = "allow_list.dat";
 
+// All lines that can be read. Throws std::bad_alloc: a part of them for want of memory is no list.
+std::unordered_set<std::string> readLines(std::ifstream &file) {
+    std::unordered_set<std::string> lines;
+    file.exceptions(std::ios::badbit); // or getline() takes want of memory for the end of the file
+    try {
+        for (std::string line; std::getline(file, line);)
+            lines.insert(line);
+    } catch (const std::ios::failure &) {
+        // A directory, or a disk that fails: what was read until then counts.
+    }
+    return lines;
+}
+
 } // namespace
 
 std::unique_ptr<messageService::ServiceBase>
@@ -97,10 +110,7 @@ bool messageService::isPermittedSender() {
             NELVO_LOGD("allow_list.dat file not present, allowing all apps");
             return true;
         }
-        std::unordered_set<std::string> appIds; // taken over whole or not at all
-        for (std::string line; std::getline(file, line);)
-            appIds.insert(line);
-        _allowedAppIds = std::move(appIds);
+        _allowedAppIds = readLines(file);
     }
     if (_allowedAppIds.count(GetSender()) != 0)
         return true;

@@ -8,6 +8,7 @@
 #include <new>
 
 #include <dlog.h>
+#include <rpc-port-parcel.h>
 
 namespace rpc_port {
 namespace message {
@@ -27,14 +28,10 @@ void logLine(const char *function, int line, const char *format, Values... value
 
 #define LOG_ERROR(...) logLine(__func__, __LINE__, "%s: %s(%d) > " __VA_ARGS__)
 
-// Owns a parcel; null when it could not be created.
+// Owns a parcel, or none.
 class Parcel {
 public:
-    Parcel() {
-        if (rpc_port_parcel_create(&_handle) != RPC_PORT_ERROR_NONE)
-            _handle = nullptr;
-    }
-    explicit Parcel(rpc_port_parcel_h handle) : _handle(handle) {}
+    Parcel() = default;
     Parcel(const Parcel &) = delete;
     Parcel &operator=(const Parcel &) = delete;
     ~Parcel() {
@@ -42,18 +39,26 @@ public:
             rpc_port_parcel_destroy(_handle);
     }
 
+    int create() { return keep(rpc_port_parcel_create(&_handle)); }
+    int takeFrom(rpc_port_h port) { return keep(rpc_port_parcel_create_from_port(&_handle, port)); }
     rpc_port_parcel_h handle() const { return _handle; }
 
 private:
+    int keep(int error) {
+        if (error != RPC_PORT_ERROR_NONE)
+            _handle = nullptr;
+        return error;
+    }
+
     rpc_port_parcel_h _handle = nullptr;
 };
 
-bool sendResult(const Parcel &reply, rpc_port_h port, int result) {
+int sendResult(const Parcel &reply, rpc_port_h port, int result) {
     if (rpc_port_parcel_write_int32(reply.handle(), RESULT) != RPC_PORT_ERROR_NONE ||
         rpc_port_parcel_write_int32(reply.handle(), result) != RPC_PORT_ERROR_NONE)
-        return false;
+        return -1;
     rpc_port_parcel_send(reply.handle(), port);
-    return true;
+    return 0;
 }
 
 void require(int result) {
@@ -95,9 +100,8 @@ void message::ResponseCB::Invoke(std::string text, Bundle response) {
     if (IsOnce() && !_valid)
         throw InvalidCallbackException();
 
-    const Parcel parcel;
-    if (!parcel.handle())
-        throw InvalidIOException();
+    Parcel parcel;
+    require(parcel.create());
     require(rpc_port_parcel_write_int32(parcel.handle(), CALLBACK));
     parcel.handle() << *this;
     require(rpc_port_parcel_write_string(parcel.handle(), text.c_str()));
@@ -180,34 +184,36 @@ int message::OnReceivedCB(const char *, const char *instance, rpc_port_h port, v
         callbackPort = nullptr;
     }
 
-    rpc_port_parcel_h received = nullptr;
-    const int error = rpc_port_parcel_create_from_port(&received, port);
+    Parcel reply; // before the request, so that it goes after it
+    Parcel request;
+    const int error = request.takeFrom(port);
     if (error != RPC_PORT_ERROR_NONE) {
         LOG_ERROR("Failed to create parcel from port");
         return error;
     }
-    const Parcel request(received);
-    const Parcel reply;
-    if (!reply.handle()) {
-        LOG_ERROR("Failed to create reply parcel");
-        return RPC_PORT_ERROR_OUT_OF_MEMORY;
-    }
+    const int replyError = reply.create();
 
     int method = -1;
     if (rpc_port_parcel_read_int32(request.handle(), &method) != RPC_PORT_ERROR_NONE)
         method = -1;
     switch (method) {
-    case SET_CB: {
+    case SET_CB:
+    case UNSET_CB: {
+        // A client that can't be answered is dropped, which it notices, before anything is changed.
+        if (replyError != RPC_PORT_ERROR_NONE) {
+            LOG_ERROR("Failed to create reply parcel");
+            return replyError;
+        }
+        if (method == UNSET_CB)
+            return sendResult(reply, port, service->UnsetCB());
         std::unique_ptr<ResponseCB> callback(new (std::nothrow) ResponseCB(callbackPort, service));
         if (!callback) {
             LOG_ERROR("Failed to create callback");
-            return -1;
+            return RPC_PORT_ERROR_OUT_OF_MEMORY;
         }
         request.handle() >> *callback;
-        return sendResult(reply, port, service->SetCB(std::move(callback))) ? 0 : -1;
+        return sendResult(reply, port, service->SetCB(std::move(callback)));
     }
-    case UNSET_CB:
-        return sendResult(reply, port, service->UnsetCB()) ? 0 : -1;
     case SEND: {
         bundle *content = nullptr;
         if (rpc_port_parcel_read_bundle(request.handle(), &content) != RPC_PORT_ERROR_NONE)

@@ -44,8 +44,7 @@ class InvalidCallbackException : public Exception {};
 class InvalidIOException : public Exception {};
 
 // The server side of the "message" interface: accepts clients, turns their parcels into calls of
-// one service per connection, and carries answers back through the callback that a client
-// registered.
+// one service per connection, and carries answers back through the callbacks that they registered.
 //
 // Wire format. Every parcel begins with an int32 that says what follows:
 //   0 Result    to the client, on the port of the request: int32, what the method returned
@@ -59,8 +58,7 @@ class InvalidIOException : public Exception {};
 // sequence numbers of callbacks. A service may destroy the stub from inside Send().
 class message {
 public:
-    // What identifies a callback of the client's: both sides write and read it as the callback
-    // fields.
+    // What identifies a callback of the client's, on the wire the callback fields.
     class CallbackBase {
     public:
         CallbackBase(int id, bool once) : _id(id), _seqId(seq_num_.fetch_add(1)), _once(once) {}

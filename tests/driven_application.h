@@ -81,6 +81,11 @@ protected:
         EXPECT_EQ(host_sim_timer_count(), 0) << "a timer of the library or the platform is left";
     }
 
+    static void restart() {
+        nelvo_deinitialize();
+        ASSERT_EQ(nelvo_initialize(), NELVO_ERROR_NONE);
+    }
+
     int answerCount() const { return static_cast<int>(client.answers.size()); }
     const client::Answer &answer() const { return client.answers.back(); }
 

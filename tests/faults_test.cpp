@@ -165,15 +165,16 @@ TEST_F(FaultsTest, OfThePlatformAreToldAndLeaveTheNextRequestWhole) {
          "E completeActionExecution: bundle_create is failed"},
         {"bundle_create", "unknown", 1, 1, "", "E receiveRequest: bundle_create is failed"},
         {"bundle_create", "unknown", 2, 1, "", "E _actionExecutionFireCb: bundle_create is failed"},
-        {"bundle_add_str", "unknown", 1, 1, "", "E receiveRequest: bundle_create is failed"},
-        {"bundle_keyval_get_basic_val", "unknown", 1, 1, "",
-         "E receiveRequest: bundle_create is failed"},
+        {"bundle_add_str", "unknown", 1, 1, failure,
+         "E receiveRequest: the request can't be copied"},
+        {"bundle_keyval_get_basic_val", "unknown", 1, 1, failure, "the request can't be copied"},
         {"bundle_get_str", "unknown", 2, 1, failure, "There is no matching"},
         {"bundle_get_str", "play", 1, 1, "", "E executeRequest: request without actionId"},
         {"bundle_get_byte", "play", 1, 1, "", "E executeRequest: request whose requestId"},
         {"bundle_dup", "play", 1, 1, "", "E executeRequest: request without actionId"},
         {"app_get_id", "play", 1, FAILED, "", "E sendResponse: app_get_id failed ERROR[-1]"},
         {"app_get_id", "getAppContext", 1, 0, "", "E sendResponse: app_get_id failed ERROR[-1]"},
+        {"rpc_port_parcel_create", "play", 1, 0, success, nullptr}, // the reply, which Send has not
         {"rpc_port_parcel_create", "play", 2, FAILED, "", "E sendResponse: "},
         {"rpc_port_parcel_write_int32", "play", 2, FAILED, "", "E sendResponse: "},
         {"rpc_port_parcel_write_bool", "play", 1, FAILED, "", "E sendResponse: "},
@@ -306,6 +307,21 @@ TEST_F(FaultsTest, OfMemoryDuringARequestAreSurvived) {
                 EXPECT_LE(answerCount(), 1);
                 expectHealthy();
             }
+}
+
+TEST_F(FaultsTest, OfMemoryLeaveNoHalfOfTheAllowList) {
+    device.setAllowList("first.client\n" + std::string(300, 'x') + "\ndemo.client\n");
+    for (int nth = 1, failed = 1; failed > 0; ++nth) {
+        SCOPED_TRACE(nth);
+        ASSERT_TRUE(client.connect());
+        testkit::failAllocation(nth);
+        client.setCb();
+        failed = testkit::stopFailingAllocations();
+        if (!client.connected()) {
+            ASSERT_TRUE(client.connect());
+        }
+        EXPECT_EQ(client.setCb(), 0) << "on the same connection";
+    }
 }
 
 } // namespace

@@ -17,18 +17,13 @@ struct Deed {
 
 class ReentrancyTest : public DrivenApplication {
 protected:
-    void restart() {
-        nelvo_deinitialize();
-        ASSERT_EQ(nelvo_initialize(), NELVO_ERROR_NONE);
-    }
-
     std::vector<Deed> deeds() {
         return {
             {"nothing", [](void *) {}},
             {"initialize", [](void *) { EXPECT_EQ(nelvo_initialize(), NELVO_ERROR_NONE); }},
             {"deinitialize", [](void *) { EXPECT_EQ(nelvo_deinitialize(), NELVO_ERROR_NONE); },
              true},
-            {"restart", [this](void *) { restart(); }},
+            {"restart", [](void *) { restart(); }},
             {"restart, and a client comes",
              [this](void *) {
                  restart();

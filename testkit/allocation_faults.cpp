@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "simulation.h"
+#include "fault_scope.h"
 #include "testkit_export.h"
 
 extern "C" void *__real_malloc(std::size_t size);
@@ -16,9 +16,10 @@ namespace {
 int allocationsBefore = -1; // negative: none fails
 bool failAlways = false;
 int failedAllocations = 0;
+long blocks = 0;
 
 bool fails() {
-    if (nelvo::testkit::keepingLog || allocationsBefore < 0 || allocationsBefore-- > 0)
+    if (!nelvo::testkit::FaultScope::allowed() || allocationsBefore < 0 || allocationsBefore-- > 0)
         return false;
     if (failAlways)
         allocationsBefore = 0;
@@ -27,7 +28,14 @@ bool fails() {
 }
 
 void *allocate(std::size_t size) noexcept {
-    return fails() ? nullptr : __real_malloc(size != 0 ? size : 1);
+    void *memory = fails() ? nullptr : __real_malloc(size != 0 ? size : 1);
+    blocks += memory != nullptr;
+    return memory;
+}
+
+void release(void *memory) noexcept {
+    blocks -= memory != nullptr;
+    std::free(memory);
 }
 
 void *allocateOrThrow(std::size_t size) {
@@ -49,6 +57,10 @@ void failAllocation(int nth, bool always) {
 int stopFailingAllocations() {
     allocationsBefore = -1;
     return failedAllocations;
+}
+
+long liveBlocks() {
+    return blocks;
 }
 
 } // namespace nelvo::testkit
@@ -77,20 +89,20 @@ void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
     return allocate(size);
 }
 void operator delete(void *memory) noexcept {
-    std::free(memory);
+    release(memory);
 }
 void operator delete[](void *memory) noexcept {
-    std::free(memory);
+    release(memory);
 }
 void operator delete(void *memory, std::size_t) noexcept {
-    std::free(memory);
+    release(memory);
 }
 void operator delete[](void *memory, std::size_t) noexcept {
-    std::free(memory);
+    release(memory);
 }
 void operator delete(void *memory, const std::nothrow_t &) noexcept {
-    std::free(memory);
+    release(memory);
 }
 void operator delete[](void *memory, const std::nothrow_t &) noexcept {
-    std::free(memory);
+    release(memory);
 }

@@ -11,4 +11,7 @@ void failAllocation(int nth = 1, bool always = false);
 // Ends that, and gives the number of allocations that failed.
 int stopFailingAllocations();
 
+// How many blocks of `new` are live.
+long liveBlocks();
+
 } // namespace nelvo::testkit

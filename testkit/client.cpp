@@ -37,6 +37,8 @@ bool Client::connect(const std::string &appId) {
 }
 
 void Client::disconnect() {
+    if (_proxy)
+        host_sim_advance(0); // what has been sent to it arrives
     _proxy.reset();
     _connected = false;
     host_sim_advance(0);

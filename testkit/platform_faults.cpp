@@ -11,6 +11,8 @@
 #include <bundle.h>
 #include <rpc-port.h>
 
+#include "fault_scope.h"
+
 namespace nelvo::testkit {
 namespace {
 
@@ -23,16 +25,24 @@ struct Fault {
 };
 
 Fault fault;
+int bundles = 0;
+int parcels = 0;
+int stubs = 0;
+int infos = 0;
 
 const void *moduleOf(const void *address) {
     Dl_info info{};
     return dladdr(address, &info) ? info.dli_fbase : nullptr;
 }
 
+bool isOurs(const void *caller) {
+    return moduleOf(caller) == moduleOf(&fault);
+}
+
 bool fails(const char *function, const void *caller) {
-    if (!fault.function || std::strcmp(fault.function, function) != 0)
+    if (!fault.function || std::strcmp(fault.function, function) != 0 || !FaultScope::allowed())
         return false;
-    if (moduleOf(caller) == moduleOf(&fault)) // a client of ours
+    if (isOurs(caller))
         return false;
     if (fault.callsBefore-- > 0)
         return false;
@@ -54,21 +64,133 @@ int stopFailing() {
     return failed;
 }
 
+bool FaultScope::_allowed = true;
+
+// The callbacks that the application's side has given to the platform. The platform calls ours, so
+// that allocations may fail for as long as the library runs.
+template <typename Callback>
+struct Registered {
+    Callback callback = nullptr;
+    void *data = nullptr;
+};
+
+Registered<rpc_port_stub_connected_event_cb> connected;
+Registered<rpc_port_stub_disconnected_event_cb> disconnected;
+Registered<rpc_port_stub_received_event_cb> received;
+
+void onConnected(const char *sender, const char *instance, void *) {
+    const FaultScope scope(true);
+    connected.callback(sender, instance, connected.data);
+}
+
+void onDisconnected(const char *sender, const char *instance, void *) {
+    const FaultScope scope(true);
+    disconnected.callback(sender, instance, disconnected.data);
+}
+
+int onReceived(const char *sender, const char *instance, rpc_port_h port, void *) {
+    const FaultScope scope(true);
+    return received.callback(sender, instance, port, received.data);
+}
+
+Eina_Bool onTimer(void *data) {
+    auto *timer = static_cast<Registered<Ecore_Task_Cb> *>(data);
+    const FaultScope scope(true);
+    const Eina_Bool again = timer->callback(timer->data);
+    if (again == ECORE_CALLBACK_CANCEL) {
+        const FaultScope none(false);
+        delete timer;
+    }
+    return again;
+}
+
+// The timer deletes its record when it ends; a timer that could not be added has none.
+Ecore_Timer *addTimer(Ecore_Timer *(*real)(double, Ecore_Task_Cb, const void *), double in,
+                      Ecore_Task_Cb callback, const void *data) {
+    const FaultScope scope(false);
+    auto *record = new Registered<Ecore_Task_Cb>{callback, const_cast<void *>(data)};
+    Ecore_Timer *timer = real(in, onTimer, record);
+    if (!timer)
+        delete record;
+    return timer;
+}
+
+void *deleteTimer(void *(*real)(Ecore_Timer *), Ecore_Timer *timer) {
+    const FaultScope scope(false);
+    auto *record = static_cast<Registered<Ecore_Task_Cb> *>(real(timer));
+    void *data = record ? record->data : nullptr;
+    delete record;
+    return data;
+}
+
+const std::vector<FailableCall> &failableCalls() {
+    const std::vector<int> memory = {RPC_PORT_ERROR_OUT_OF_MEMORY};
+    const std::vector<int> ports = {RPC_PORT_ERROR_IO_ERROR, RPC_PORT_ERROR_OUT_OF_MEMORY,
+                                    RPC_PORT_ERROR_INVALID_PARAMETER,
+                                    RPC_PORT_ERROR_PERMISSION_DENIED};
+    static const std::vector<FailableCall> calls = {
+        {"bundle_create", {0}},
+        {"bundle_dup", {0}},
+        {"bundle_add_str",
+         {BUNDLE_ERROR_OUT_OF_MEMORY, BUNDLE_ERROR_KEY_EXISTS, BUNDLE_ERROR_INVALID_PARAMETER}},
+        {"bundle_add_byte", {BUNDLE_ERROR_OUT_OF_MEMORY, BUNDLE_ERROR_KEY_EXISTS}},
+        {"bundle_get_str", {BUNDLE_ERROR_KEY_NOT_AVAILABLE, BUNDLE_ERROR_INVALID_PARAMETER}},
+        {"bundle_get_byte", {BUNDLE_ERROR_INVALID_PARAMETER}},
+        {"bundle_keyval_get_basic_val", {BUNDLE_ERROR_INVALID_PARAMETER}},
+        {"app_get_id", {-22, -12}},
+        {"app_info_create", {-22, -12}},
+        {"app_info_foreach_metadata", {-22, -12}},
+        {"ecore_timer_add", {0}},
+        {"rpc_port_stub_create", ports},
+        {"rpc_port_stub_listen", ports},
+        {"rpc_port_stub_add_connected_event_cb", ports},
+        {"rpc_port_stub_add_disconnected_event_cb", ports},
+        {"rpc_port_stub_add_received_event_cb", ports},
+        {"rpc_port_stub_get_port", ports},
+        {"rpc_port_parcel_create", memory},
+        {"rpc_port_parcel_create_from_port", ports},
+        {"rpc_port_parcel_send", ports},
+        {"rpc_port_parcel_write_int32", memory},
+        {"rpc_port_parcel_write_bool", memory},
+        {"rpc_port_parcel_write_string", memory},
+        {"rpc_port_parcel_write_bundle", memory},
+        {"rpc_port_parcel_read_int32", ports},
+        {"rpc_port_parcel_read_bool", ports},
+        {"rpc_port_parcel_read_bundle", ports},
+    };
+    return calls;
+}
+
+std::string liveHandles() {
+    return std::to_string(bundles) + " bundles, " + std::to_string(parcels) + " parcels, " +
+           std::to_string(stubs) + " stubs, " + std::to_string(infos) + " app infos";
+}
+
 } // namespace nelvo::testkit
 
 // Each wrapper stands before the platform's function of the same name.
-#define WRAP(type, name, parameters, arguments, failure)                                           \
+#define WRAP(type, name, parameters, arguments, failure, counted)                                  \
     extern "C" TESTKIT_API type name parameters {                                                  \
         static const auto real = reinterpret_cast<type(*) parameters>(dlsym(RTLD_NEXT, #name));    \
         if (nelvo::testkit::fails(#name, __builtin_return_address(0)))                             \
             return failure;                                                                        \
-        return real arguments;                                                                     \
+        const auto result = real arguments;                                                        \
+        if (sizeof(#counted) > 1 && !nelvo::testkit::isOurs(__builtin_return_address(0))) {        \
+            counted;                                                                               \
+        }                                                                                          \
+        return result;                                                                             \
     }
 #define WRAP_INT(name, parameters, arguments)                                                      \
-    WRAP(int, name, parameters, arguments, nelvo::testkit::fault.error)
+    WRAP(int, name, parameters, arguments, nelvo::testkit::fault.error, )
+#define WRAP_NEW(name, live, parameters, arguments)                                                \
+    WRAP(int, name, parameters, arguments, nelvo::testkit::fault.error,                            \
+         nelvo::testkit::live += result == 0)
+#define WRAP_END(name, live, parameters, arguments)                                                \
+    WRAP(int, name, parameters, arguments, 0, --nelvo::testkit::live)
 
-WRAP(bundle *, bundle_create, (), (), nullptr)
-WRAP(bundle *, bundle_dup, (bundle * from), (from), nullptr)
+WRAP(bundle *, bundle_create, (), (), nullptr, nelvo::testkit::bundles += result != nullptr)
+WRAP(bundle *, bundle_dup, (bundle * from), (from), nullptr,
+     nelvo::testkit::bundles += result != nullptr)
 WRAP_INT(bundle_add_str, (bundle * b, const char *key, const char *str), (b, key, str))
 WRAP_INT(bundle_add_byte, (bundle * b, const char *key, const void *byte, const size_t size),
          (b, key, byte, size))
@@ -78,24 +200,26 @@ WRAP_INT(bundle_get_byte, (bundle * b, const char *key, void **byte, size_t *siz
 WRAP_INT(bundle_keyval_get_basic_val, (bundle_keyval_t * kv, void **val, size_t *size),
          (kv, val, size))
 WRAP_INT(app_get_id, (char **id), (id))
-WRAP_INT(app_info_create, (const char *appId, app_info_h *info), (appId, info))
+WRAP_NEW(app_info_create, infos, (const char *appId, app_info_h *info), (appId, info))
 WRAP_INT(app_info_foreach_metadata, (app_info_h info, app_info_metadata_cb callback, void *data),
          (info, callback, data))
-WRAP(Ecore_Timer *, ecore_timer_add, (double in, Ecore_Task_Cb callback, const void *data),
-     (in, callback, data), nullptr)
-WRAP_INT(rpc_port_stub_create, (rpc_port_stub_h * h, const char *port), (h, port))
+WRAP_NEW(rpc_port_stub_create, stubs, (rpc_port_stub_h * h, const char *port), (h, port))
 WRAP_INT(rpc_port_stub_listen, (rpc_port_stub_h h), (h))
 WRAP_INT(rpc_port_stub_add_connected_event_cb,
-         (rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb, void *data), (h, cb, data))
+         (rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb, void *data),
+         (h, (nelvo::testkit::connected = {cb, data}, nelvo::testkit::onConnected), nullptr))
 WRAP_INT(rpc_port_stub_add_disconnected_event_cb,
-         (rpc_port_stub_h h, rpc_port_stub_disconnected_event_cb cb, void *data), (h, cb, data))
+         (rpc_port_stub_h h, rpc_port_stub_disconnected_event_cb cb, void *data),
+         (h, (nelvo::testkit::disconnected = {cb, data}, nelvo::testkit::onDisconnected), nullptr))
 WRAP_INT(rpc_port_stub_add_received_event_cb,
-         (rpc_port_stub_h h, rpc_port_stub_received_event_cb cb, void *data), (h, cb, data))
+         (rpc_port_stub_h h, rpc_port_stub_received_event_cb cb, void *data),
+         (h, (nelvo::testkit::received = {cb, data}, nelvo::testkit::onReceived), nullptr))
 WRAP_INT(rpc_port_stub_get_port,
          (rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance, rpc_port_h *port),
          (h, type, instance, port))
-WRAP_INT(rpc_port_parcel_create, (rpc_port_parcel_h * h), (h))
-WRAP_INT(rpc_port_parcel_create_from_port, (rpc_port_parcel_h * h, rpc_port_h port), (h, port))
+WRAP_NEW(rpc_port_parcel_create, parcels, (rpc_port_parcel_h * h), (h))
+WRAP_NEW(rpc_port_parcel_create_from_port, parcels, (rpc_port_parcel_h * h, rpc_port_h port),
+         (h, port))
 WRAP_INT(rpc_port_parcel_send, (rpc_port_parcel_h h, rpc_port_h port), (h, port))
 WRAP_INT(rpc_port_parcel_write_int32, (rpc_port_parcel_h h, int i), (h, i))
 WRAP_INT(rpc_port_parcel_write_bool, (rpc_port_parcel_h h, bool b), (h, b))
@@ -103,4 +227,28 @@ WRAP_INT(rpc_port_parcel_write_string, (rpc_port_parcel_h h, const char *str), (
 WRAP_INT(rpc_port_parcel_write_bundle, (rpc_port_parcel_h h, bundle *b), (h, b))
 WRAP_INT(rpc_port_parcel_read_int32, (rpc_port_parcel_h h, int *i), (h, i))
 WRAP_INT(rpc_port_parcel_read_bool, (rpc_port_parcel_h h, bool *b), (h, b))
-WRAP_INT(rpc_port_parcel_read_bundle, (rpc_port_parcel_h h, bundle **b), (h, b))
+WRAP_NEW(rpc_port_parcel_read_bundle, bundles, (rpc_port_parcel_h h, bundle **b), (h, b))
+
+WRAP_END(bundle_free, bundles, (bundle * b), (b))
+WRAP_END(app_info_destroy, infos, (app_info_h info), (info))
+WRAP_END(rpc_port_stub_destroy, stubs, (rpc_port_stub_h h), (h))
+WRAP_END(rpc_port_parcel_destroy, parcels, (rpc_port_parcel_h h), (h))
+
+extern "C" TESTKIT_API Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func,
+                                                    const void *data) {
+    using Add = Ecore_Timer *(*)(double, Ecore_Task_Cb, const void *);
+    static const auto real = reinterpret_cast<Add>(dlsym(RTLD_NEXT, "ecore_timer_add"));
+    if (nelvo::testkit::isOurs(__builtin_return_address(0)))
+        return real(in, func, data);
+    if (nelvo::testkit::fails("ecore_timer_add", __builtin_return_address(0)))
+        return nullptr;
+    return nelvo::testkit::addTimer(real, in, func, data);
+}
+
+extern "C" TESTKIT_API void *ecore_timer_del(Ecore_Timer *timer) {
+    using Delete = void *(*)(Ecore_Timer *);
+    static const auto real = reinterpret_cast<Delete>(dlsym(RTLD_NEXT, "ecore_timer_del"));
+    if (nelvo::testkit::isOurs(__builtin_return_address(0)))
+        return real(timer);
+    return nelvo::testkit::deleteTimer(real, timer);
+}

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "testkit_export.h"
 
 namespace nelvo::testkit {
@@ -15,5 +18,16 @@ TESTKIT_API void failPlatformCall(const char *function, int error = -1, int nth 
 
 // Ends that, and gives the number of calls that failed.
 TESTKIT_API int stopFailing();
+
+// The functions that can be made to fail, each with the errors that it is documented to give; 0
+// stands for the null of those that return a pointer.
+struct FailableCall {
+    const char *function;
+    std::vector<int> errors;
+};
+TESTKIT_API const std::vector<FailableCall> &failableCalls();
+
+// How many bundles, parcels, stubs and app infos the application's side holds now, as a text.
+TESTKIT_API std::string liveHandles();
 
 } // namespace nelvo::testkit

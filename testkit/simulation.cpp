@@ -14,6 +14,8 @@
 #include <host/log.h>
 #include <host/sim.h>
 
+#include "fault_scope.h"
+
 namespace nelvo::testkit {
 namespace {
 
@@ -41,14 +43,13 @@ void takeApart(LogLine &line, const char *separator, char functionStart) {
 }
 
 void keepLine(log_priority priority, const char *tag, const char *text, void *) {
-    keepingLog = true;
+    const FaultScope scope(false);
     LogLine line{priority, tag, "", text, text};
     if (line.tag == "NELVO-APPSDK")
         takeApart(line, "(): ", ' ');
     else if (line.tag == "RPC_PORT_STUB")
         takeApart(line, ") > ", ' ');
     device.log.push_back(std::move(line));
-    keepingLog = false;
 }
 
 // A file of its own for each opening: readers work with the descriptor.
@@ -78,8 +79,6 @@ FILE *openFile(const char *function, const char *path, const char *mode) {
 }
 
 } // namespace
-
-bool keepingLog = false;
 
 Simulation::Simulation(const std::string &appId) : _appId(appId) {
     device = {true, std::nullopt, {}};

@@ -21,10 +21,6 @@ struct LogLine {
     std::string text; // as it was logged
 };
 
-// Set while the test kit itself is at work on the application's stack, keeping a log line: what it
-// allocates then is not the application's.
-TESTKIT_API extern bool keepingLog;
-
 // A device for one application, with a clock that is moved by hand and no allow list: what the
 // process does from here on happens there. One per process, to be created before anything else of
 // the platform is used.

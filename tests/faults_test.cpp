@@ -287,28 +287,6 @@ TEST_F(FaultsTest, OfMemoryChangeNothingByHalves) {
             }
 }
 
-TEST_F(FaultsTest, OfMemoryDuringARequestAreSurvived) {
-    const std::string longId(100, 'y');
-    ASSERT_EQ(callback.registerAction(longId.c_str()), NELVO_ERROR_NONE);
-    for (const std::string &action : {longId, std::string("getAppContext"), "unknown" + longId})
-        for (const bool always : {false, true})
-            for (int nth = 1, failed = 1; failed > 0; ++nth) {
-                SCOPED_TRACE(action + " " + std::to_string(nth));
-                ASSERT_LT(nth, 400);
-                if (!client.connected()) {
-                    ASSERT_TRUE(client.join());
-                }
-                client.answers.clear();
-                client.post(action, 6);
-                testkit::failAllocation(nth, always);
-                host_sim_advance(0.2);
-                failed = testkit::stopFailingAllocations();
-                device.advance(40);
-                EXPECT_LE(answerCount(), 1);
-                expectHealthy();
-            }
-}
-
 TEST_F(FaultsTest, OfMemoryLeaveNoHalfOfTheAllowList) {
     device.setAllowList("first.client\n" + std::string(300, 'x') + "\ndemo.client\n");
     for (int nth = 1, failed = 1; failed > 0; ++nth) {

@@ -80,6 +80,10 @@ FILE *openFile(const char *function, const char *path, const char *mode) {
 
 } // namespace
 
+std::string LogLine::summary() const {
+    return std::string(1, "??VDIWEF"[priority]) + " " + function + ": " + message;
+}
+
 Simulation::Simulation(const std::string &appId) : _appId(appId) {
     device = {true, std::nullopt, {}};
     host_sim_start();
@@ -135,8 +139,7 @@ std::vector<std::string> Simulation::logTexts(log_priority atLeast) const {
     std::vector<std::string> texts;
     for (const LogLine &line : device.log)
         if (line.priority >= atLeast && line.tag == "NELVO-APPSDK")
-            texts.push_back(std::string(1, "??VDIWEF"[line.priority]) + " " + line.function + ": " +
-                            line.message);
+            texts.push_back(line.summary());
     return texts;
 }
 

@@ -13,12 +13,14 @@ namespace nelvo::testkit {
 // One entry of the log, taken apart: of "v1.0-beta.1.4 :  12 receiveRequest(): text" the function
 // is "receiveRequest" and the message "text"; the stub's lines likewise. Other lines have no
 // function.
-struct LogLine {
+struct TESTKIT_API LogLine {
     log_priority priority;
     std::string tag;
     std::string function;
     std::string message;
     std::string text; // as it was logged
+
+    std::string summary() const; // "E receiveRequest: message"
 };
 
 // A device for one application, with a clock that is moved by hand and no allow list: what the
@@ -49,7 +51,7 @@ public:
     int countLog(log_priority priority, const std::string &function,
                  const std::string &message) const;
 
-    // The lines of the library as "E receiveRequest: text", from the given level up.
+    // The lines of the library, summed up, from the given level up.
     std::vector<std::string> logTexts(log_priority atLeast = DLOG_DEBUG) const;
 
 private:

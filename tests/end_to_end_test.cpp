@@ -5,116 +5,23 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "process.h"
+
 namespace {
 
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
+using nelvo::testkit::PATIENCE;
+using nelvo::testkit::Process;
 using Arguments = std::vector<std::string>;
-
-constexpr std::chrono::seconds PATIENCE(20); // for what takes milliseconds on an idle machine
-
-// A child process and what it writes; killed and reaped when it goes out of scope.
-class Process {
-public:
-    Process(const std::string &program, const Arguments &arguments) {
-        std::vector<char *> argv{const_cast<char *>(program.c_str())};
-        for (const std::string &argument : arguments)
-            argv.push_back(const_cast<char *>(argument.c_str()));
-        argv.push_back(nullptr);
-        int outPipe[2], errPipe[2];
-        if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe2");
-        _pid = fork();
-        if (_pid == 0) {
-            dup2(outPipe[1], STDOUT_FILENO);
-            dup2(errPipe[1], STDERR_FILENO);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(outPipe[1]);
-        close(errPipe[1]);
-        _fds[0] = outPipe[0];
-        _fds[1] = errPipe[0];
-    }
-
-    Process(const Process &) = delete;
-    Process &operator=(const Process &) = delete;
-
-    ~Process() {
-        if (_pid > 0) {
-            signal(SIGKILL);
-            waitpid(_pid, nullptr, 0);
-        }
-        closeFd(0);
-        closeFd(1);
-    }
-
-    void signal(int number) const { kill(_pid, number); }
-    const std::string &out() const { return _texts[0]; }
-    const std::string &err() const { return _texts[1]; }
-
-    // The exit code; -1 when a signal ended it or it did not end.
-    int wait() {
-        if (!readUntil([this] { return _fds[0] < 0 && _fds[1] < 0; }))
-            return -1;
-        int status = 0;
-        waitpid(_pid, &status, 0);
-        _pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    bool waitForErr(const std::string &text) {
-        return readUntil([&] { return err().find(text) != std::string::npos; });
-    }
-
-private:
-    template <typename Condition>
-    bool readUntil(Condition condition) {
-        const auto deadline = Clock::now() + PATIENCE;
-        while (!condition()) {
-            pollfd polled[] = {{_fds[0], POLLIN, 0}, {_fds[1], POLLIN, 0}};
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            if (left.count() <= 0 || poll(polled, 2, static_cast<int>(left.count())) <= 0)
-                return false;
-            for (size_t i = 0; i < 2; i++)
-                if (polled[i].revents)
-                    readFrom(i);
-        }
-        return true;
-    }
-
-    void readFrom(size_t i) {
-        char buffer[4096];
-        ssize_t size = read(_fds[i], buffer, sizeof buffer);
-        if (size > 0)
-            _texts[i].append(buffer, static_cast<size_t>(size));
-        else
-            closeFd(i);
-    }
-
-    void closeFd(size_t i) {
-        if (_fds[i] >= 0)
-            close(std::exchange(_fds[i], -1));
-    }
-
-    pid_t _pid = -1;
-    int _fds[2] = {-1, -1};
-    std::string _texts[2];
-};
 
 class EndToEndTest : public testing::Test {
 protected:

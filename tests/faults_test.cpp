@@ -240,53 +240,6 @@ TEST_F(FaultsTest, OfTheReplyEndTheConnection) {
     }
 }
 
-// Every allocation of the whole process fails in turn, in each of these operations, once or from
-// there on. A long id needs memory wherever it is copied.
-TEST_F(FaultsTest, OfMemoryChangeNothingByHalves) {
-    const std::string longId(100, 'x');
-    Callback other;
-    const struct {
-        const char *what;
-        std::function<int()> operation;
-        bool (*allowed)(int result);
-    } rows[] = {
-        {"register an action",
-         [&] { return nelvo_set_action_execution_cb(longId.c_str(), Callback::action, &other); },
-         [](int result) { return result == OOM || result == NELVO_ERROR_INVALID_PARAMETER; }},
-        {"replace a registration",
-         [&] { return nelvo_set_action_execution_cb("play", Callback::action, &callback); },
-         [](int result) { return result == NELVO_ERROR_INVALID_PARAMETER; }},
-        {"unset an action", [&] { return nelvo_unset_action_execution_cb(longId.c_str()); },
-         [](int result) { return result == OOM; }},
-        {"register for the state",
-         [&] {
-             nelvo_unset_app_state_request_cb();
-             return state.registerState();
-         },
-         [](int result) { return result == OOM; }},
-        {"complete an action",
-         [&] {
-             return nelvo_complete_action_execution(
-                 callback.handlers.empty() ? nullptr : callback.last(), longId.c_str());
-         },
-         [](int result) { return result == OOM; }},
-    };
-    for (const auto &row : rows)
-        for (const bool always : {false, true})
-            for (int nth = 1, failed = 1; failed > 0; ++nth) {
-                SCOPED_TRACE(std::string(row.what) + " " + std::to_string(nth));
-                ASSERT_LT(nth, 100);
-                client.request("play");
-                testkit::failAllocation(nth, always);
-                const int result = row.operation();
-                failed = testkit::stopFailingAllocations();
-                EXPECT_TRUE(failed == 0 || result == NELVO_ERROR_NONE || row.allowed(result))
-                    << result;
-                state.registerState();
-                expectHealthy();
-            }
-}
-
 TEST_F(FaultsTest, OfMemoryLeaveNoHalfOfTheAllowList) {
     device.setAllowList("first.client\n" + std::string(300, 'x') + "\ndemo.client\n");
     for (int nth = 1, failed = 1; failed > 0; ++nth) {

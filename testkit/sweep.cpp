@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sweep.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+
+#include <fnmatch.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <host/sim.h>
+#include <nelvo.h>
+
+#include "platform_faults.h"
+
+namespace nelvo::testkit {
+namespace {
+
+constexpr unsigned HANG_SECONDS = 20;
+
+bool matchesAny(const std::string &text, const std::vector<std::string> &patterns) {
+    return std::any_of(patterns.begin(), patterns.end(), [&](const std::string &pattern) {
+        return fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
+    });
+}
+
+std::vector<std::string> playHere(const Point &point, const std::vector<std::string> &logPatterns,
+                                  bool &reached) {
+    Simulation device;
+    Play play(device, point.check);
+    const std::size_t bar = point.script.find('|');
+    const std::string behind = point.script.substr(bar + 1);
+    play.play(point.script.substr(0, bar));
+    point.arm();
+    play.play(behind);
+    reached = point.disarm();
+
+    // A singleton that there was no memory for is missing for good.
+    const bool isWhole = nelvo_initialize() == NELVO_ERROR_NONE;
+    nelvo_deinitialize();
+    if (isWhole && reached)
+        play.finishHealthily();
+    std::vector<std::string> complaints = play.complaints();
+    for (const LogLine &line : device.log())
+        if (!line.function.empty() && !matchesAny(line.summary(), logPatterns))
+            complaints.push_back("log line that is not documented: " + line.summary());
+    if (host_sim_timer_count() != 0)
+        complaints.push_back("a timer is left");
+    return complaints;
+}
+
+[[noreturn]] void playChild(const Point &point, const std::vector<std::string> &logPatterns) {
+    alarm(HANG_SECONDS); // a hang ends as a death
+    bool reached = true;
+    std::vector<std::string> complaints;
+    try {
+        complaints = playHere(point, logPatterns, reached);
+    } catch (const std::exception &error) {
+        complaints.push_back(std::string("exception: ") + error.what());
+    }
+    if (liveHandles() != "0 bundles, 0 parcels, 0 stubs, 0 app infos")
+        complaints.push_back("left: " + liveHandles());
+    for (const std::string &complaint : complaints)
+        std::fprintf(stderr, "%s: %s\n", point.script.c_str(), complaint.c_str());
+    const Outcome outcome = !complaints.empty() ? Outcome::BROKEN
+                            : reached           ? Outcome::HELD
+                                                : Outcome::NOT_REACHED;
+    std::exit(static_cast<int>(outcome)); // not _exit(): a leak is looked for on the way out
+}
+
+} // namespace
+
+Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns) {
+    const pid_t child = fork();
+    if (child == 0)
+        playChild(point, logPatterns);
+    int status = 0;
+    if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+        WEXITSTATUS(status) <= static_cast<int>(Outcome::BROKEN))
+        return static_cast<Outcome>(WEXITSTATUS(status));
+    std::fprintf(stderr, "%s: died, status %d\n", point.script.c_str(), status);
+    return Outcome::BROKEN;
+}
+
+std::vector<std::string> readTable(const char *path) {
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        if (!line.empty() && line[0] != '#')
+            lines.push_back(line);
+    return lines;
+}
+
+} // namespace nelvo::testkit

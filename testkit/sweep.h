@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "play.h"
+
+namespace nelvo::testkit {
+
+// One point of a sweep: a script, and the fault that is armed where the bar stands in it.
+struct Point {
+    std::string script;
+    Play::Check check = Play::Check::INVARIANTS;
+    std::function<void()> arm = [] {};
+    std::function<bool()> disarm = [] { return true; }; // whether the fault came to pass
+};
+
+enum class Outcome : int { HELD, NOT_REACHED, BROKEN };
+
+// Plays the point in a process of its own. Afterwards a healthy application must be possible, nothing
+// may be left of what the library held, and each line that it logged must match one of the patterns
+// ("E receiveRequest: text", with wildcards). Says on stderr what does not hold.
+Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns);
+
+// The lines of a file but for empty ones and those that begin with "#".
+std::vector<std::string> readTable(const char *path);
+
+} // namespace nelvo::testkit

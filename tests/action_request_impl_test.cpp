@@ -49,21 +49,6 @@ TEST_F(ActionRequestTest, WaitsForARegistrationForFiveTicks) {
     }
 }
 
-TEST_F(ActionRequestTest, DropsAWaitingRequestForANewerOne) {
-    registerPlay();
-    client.request("late", 1);
-    client.request("later", 2);
-    device.advance(0.03);
-    client.request("play", 3);
-    ASSERT_EQ(callback.registerAction("late"), NELVO_ERROR_NONE);
-    device.advance(1);
-    EXPECT_EQ(callback.count(), 1);
-    EXPECT_EQ(complete(), NELVO_ERROR_NONE);
-    device.advance(100);
-    ASSERT_EQ(answerCount(), 1);
-    EXPECT_EQ(answer().response.requestId, 3u);
-}
-
 TEST_F(ActionRequestTest, KeepsStringsAndBytesOfAWaitingRequest) {
     const client::BundlePtr request = client::makeRequest({"late", 9, {}, "p"});
     const char *array[] = {"a", "b"};

@@ -106,21 +106,6 @@ TEST(NelvoImplTest, IsReachableOnlyWhileInitialised) {
     }
 }
 
-TEST(NelvoImplTest, ForgetsResponseCallbacksWhenItStops) {
-    testkit::Simulation device;
-    Client client;
-    nelvo_initialize();
-    ASSERT_TRUE(client.join());
-    nelvo_deinitialize();
-    nelvo_initialize();
-    ASSERT_TRUE(client.connect());
-    client.request("getAppContext");
-    EXPECT_THAT(client.answers, IsEmpty());
-    EXPECT_EQ(device.countLog(DLOG_ERROR, "sendResponse", "demo.client has no response callback"),
-              1);
-    nelvo_deinitialize();
-}
-
 TEST(NelvoImplTest, RefusesEverythingWhileNotInitialised) {
     testkit::Simulation device;
     Callback callback;
@@ -227,32 +212,6 @@ TEST_F(DispatchTest, ServesARequestWithoutAnIdAsNumberZero) {
     device.advance();
     ASSERT_EQ(answerCount(), 1);
     EXPECT_EQ(answer().response.requestId, 0u);
-}
-
-TEST_F(DispatchTest, AnswersTheClientOfTheLatestRequest) {
-    Client other("other.client");
-    ASSERT_TRUE(other.join());
-    client.request("play", 1);
-    void *superseded = callback.last();
-    other.request("getAppContext", 2);
-    EXPECT_EQ(nelvo_complete_action_execution(superseded, "late"), NELVO_ERROR_NONE);
-    EXPECT_EQ(nelvo_complete_app_state_request(state.last(), "{}"), NELVO_ERROR_NONE);
-    device.advance(60);
-    EXPECT_EQ(answerCount(), 0);
-    ASSERT_EQ(other.answers.size(), 1u);
-    EXPECT_EQ(other.answers[0].response.requestId, 2u);
-}
-
-TEST_F(DispatchTest, RefusesACompletionOfTheOtherKind) {
-    client.request("play");
-    EXPECT_EQ(nelvo_complete_app_state_request(callback.last(), "{}"),
-              NELVO_ERROR_OPERATION_FAILED);
-    EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NELVO_ERROR_NONE);
-    client.request("getAppContext");
-    EXPECT_EQ(nelvo_complete_action_execution(state.last(), "done"), NELVO_ERROR_OPERATION_FAILED);
-    EXPECT_EQ(nelvo_complete_app_state_request(state.last(), "{}"), NELVO_ERROR_NONE);
-    device.advance();
-    EXPECT_EQ(answerCount(), 2);
 }
 
 TEST_F(DispatchTest, NamesTheActionOfTheLatestHandlerOnly) {

@@ -29,8 +29,14 @@ TEST_F(MessageServiceTest, AdmitsWhomTheAllowListNames) {
                 {"leading blank", " demo.client\n", false},
                 {"other case", "Demo.client\n", false},
                 {"commented out", "# demo.client\n", false}};
+    Callback callback;
+    ASSERT_EQ(callback.registerState(), NELVO_ERROR_NONE);
+    callback.then = [](void *handler, bundle *) {
+        nelvo_complete_app_state_request(handler, "{}");
+    };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
+        callback.handlers.clear();
         if (row.content)
             device.setAllowList(row.content);
         else
@@ -40,6 +46,7 @@ TEST_F(MessageServiceTest, AdmitsWhomTheAllowListNames) {
         device.clearLog();
         EXPECT_EQ(client.setCb(), row.admitted ? 0 : -1);
         client.request("getAppContext");
+        EXPECT_EQ(callback.count(), row.admitted ? 1 : 0);
         EXPECT_EQ(client.answers.size(), row.admitted ? 1u : 0u);
         EXPECT_EQ(client.unsetCb(), row.admitted ? 0 : -1);
         EXPECT_EQ(

@@ -17,7 +17,7 @@ public:
     static bool allowed() { return _allowed; }
 
 private:
-    static bool _allowed; // true at first
+    inline static bool _allowed = true;
     bool _before;
 };
 

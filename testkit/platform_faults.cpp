@@ -64,8 +64,6 @@ int stopFailing() {
     return failed;
 }
 
-bool FaultScope::_allowed = true;
-
 // The callbacks that the application's side has given to the platform. The platform calls ours, so
 // that allocations may fail for as long as the library runs.
 template <typename Callback>

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <app_info.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -9,8 +8,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <memory>
-#include <mutex>
-#include <new>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,10 +19,10 @@
 
 #include "log_tag.h"
 #include "manifest_parser.h"
+#include "unique_fd.h"
 
 struct app_info_s {
-    std::shared_ptr<const host::Manifest> manifest; // keeps application
-    const host::Application *application;
+    std::shared_ptr<const host::Application> application; // keeps the manifest that it is part of
 };
 
 namespace host {
@@ -35,51 +32,22 @@ namespace {
 constexpr const char *MANIFEST_NAME = "tizen-manifest.xml";
 constexpr std::size_t LONGEST_NAME = 127;
 
-class File {
-public:
-    // Not blocking: the path may be that of a pipe that nobody writes to.
-    explicit File(const std::string &path)
-        : _fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-    File(const File &) = delete;
-    File &operator=(const File &) = delete;
-    ~File() {
-        if (_fd >= 0)
-            close(_fd);
-    }
-
-    bool isOpen() const { return _fd >= 0; }
-
-    bool isRegular() const {
-        struct stat status;
-        return fstat(_fd, &status) == 0 && S_ISREG(status.st_mode);
-    }
-
-    // 0 at the end, negative with errno on failure.
-    ssize_t read(void *to, std::size_t size) { return ::read(_fd, to, size); }
-
-private:
-    const int _fd;
-};
-
 Manifest parseFile(const std::string &path) {
-    Manifest manifest;
-    File file(path);
-    if (!file.isOpen() || !file.isRegular()) {
-        manifest.problem = path + ": " + (file.isOpen() ? "not a file" : std::strerror(errno));
-        return manifest;
-    }
-    ManifestParser parser(manifest, path);
-    std::array<char, 4096> piece;
-    for (;;) {
-        const ssize_t size = file.read(piece.data(), piece.size());
-        if (size < 0) {
-            parser.fail(std::string(": ") + std::strerror(errno));
-            return manifest;
-        }
-        const bool isLast = size == 0;
-        if (!parser.feed({piece.data(), static_cast<std::size_t>(size)}, isLast) || isLast)
-            return manifest;
-    }
+    // Not blocking: the path may be that of a pipe that nobody writes to.
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status;
+    if (!file || fstat(file.get(), &status) != 0)
+        return {{}, path + ": " + std::strerror(errno)};
+    if (!S_ISREG(status.st_mode))
+        return {{}, path + ": not a file"};
+    std::string xml;
+    char piece[4096];
+    ssize_t size = 0;
+    while (xml.size() <= LARGEST_MANIFEST && (size = read(file.get(), piece, sizeof piece)) > 0)
+        xml.append(piece, static_cast<std::size_t>(size));
+    if (size < 0)
+        return {{}, path + ": " + std::strerror(errno), true};
+    return ManifestParser().parse(xml, path);
 }
 
 std::string manifestPath() {
@@ -93,52 +61,34 @@ std::string manifestPath() {
     return path + MANIFEST_NAME;
 }
 
-// Null: not needed yet. Neither is ever destroyed: applications ask from their own destructors.
-struct Current {
-    std::mutex mutex;
-    std::shared_ptr<const Manifest> manifest;
-};
+using SharedManifest = std::shared_ptr<const Manifest>;
 
-Current &current() {
-    static Current &instance = *new Current;
+// Read and written atomically. Null: not needed yet. Never destroyed: applications ask from their
+// own destructors.
+SharedManifest &current() {
+    static SharedManifest &instance = *new SharedManifest;
     return instance;
 }
 
-// Call without the lock: whoever takes the log may ask for the manifest.
 void logIfBroken(const Manifest &manifest) {
     if (manifest.isBroken)
         dlog_print(DLOG_ERROR, LOG_TAG, "The manifest is not used: %s", manifest.problem.c_str());
 }
 
-std::shared_ptr<const Manifest> manifest() {
-    {
-        std::lock_guard<std::mutex> lock(current().mutex);
-        if (current().manifest != nullptr)
-            return current().manifest;
-    }
-    std::shared_ptr<const Manifest> read =
-        std::make_shared<const Manifest>(parseFile(manifestPath()));
-    {
-        std::lock_guard<std::mutex> lock(current().mutex);
-        if (current().manifest != nullptr)
-            return current().manifest; // another thread was faster
-        current().manifest = read;
-    }
+SharedManifest manifest() {
+    SharedManifest known = std::atomic_load(&current());
+    if (known != nullptr)
+        return known;
+    auto read = std::make_shared<const Manifest>(parseFile(manifestPath()));
+    if (!std::atomic_compare_exchange_strong(&current(), &known, SharedManifest(read)))
+        return known; // another thread was faster
     logIfBroken(*read);
     return read;
 }
 
-void install(const char *xml) {
-    Manifest parsed;
-    if (xml == nullptr)
-        parsed.problem = "the manifest has been uninstalled";
-    else
-        ManifestParser(parsed, "installed manifest").feed({xml, std::strlen(xml)}, true);
-    std::shared_ptr<const Manifest> installed = std::make_shared<const Manifest>(std::move(parsed));
-    {
-        std::lock_guard<std::mutex> lock(current().mutex);
-        current().manifest = installed;
-    }
+void install(Manifest parsed) {
+    auto installed = std::make_shared<const Manifest>(std::move(parsed));
+    std::atomic_store(&current(), SharedManifest(installed));
     logIfBroken(*installed);
 }
 
@@ -161,39 +111,31 @@ std::string ownId() {
         logMissingId("NELVO_HOST_APP_ID is \"" + std::string(named) + "\"; " + VALID_NAME_HINT);
         return {};
     }
-    const std::shared_ptr<const Manifest> known = manifest();
+    const SharedManifest known = manifest();
     if (!known->applications.empty())
         return known->applications.front().id;
     logMissingId(known->problem);
     return {};
 }
 
-std::unique_ptr<app_info_s> findApplication(const char *id) {
-    std::shared_ptr<const Manifest> known = manifest();
+// Null: not in the manifest.
+app_info_h findApplication(const char *id) {
+    const SharedManifest known = manifest();
     for (const Application &application : known->applications) {
         if (application.id == id)
-            return std::unique_ptr<app_info_s>(new app_info_s{known, &application});
+            return new app_info_s{{known, &application}};
     }
     return nullptr;
-}
-
-bool isNameCharacter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-           c == '_' || c == '-';
 }
 
 } // namespace
 
 bool isValidName(const char *text) {
-    if (text == nullptr || *text == '\0' || *text == '.' || *text == '-')
-        return false;
-    std::size_t length = 0;
-    for (; text[length] != '\0'; length++) {
-        const bool isDoubleDot = text[length] == '.' && text[length + 1] == '.';
-        if (length == LONGEST_NAME || !isNameCharacter(text[length]) || isDoubleDot)
-            return false;
-    }
-    return true;
+    constexpr const char *CHARACTERS =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
+    const std::size_t length = text != nullptr ? std::strspn(text, CHARACTERS) : 0;
+    return length > 0 && length <= LONGEST_NAME && text[length] == '\0' && text[0] != '.' &&
+           text[0] != '-' && std::strstr(text, "..") == nullptr;
 }
 
 } // namespace host
@@ -219,10 +161,10 @@ int app_info_create(const char *app_id, app_info_h *app_info) {
     if (app_id == nullptr || app_info == nullptr)
         return APP_MANAGER_ERROR_INVALID_PARAMETER;
     try {
-        std::unique_ptr<app_info_s> found = host::findApplication(app_id);
+        const app_info_h found = host::findApplication(app_id);
         if (found == nullptr)
             return APP_MANAGER_ERROR_NO_SUCH_APP;
-        *app_info = found.release();
+        *app_info = found;
         return APP_MANAGER_ERROR_NONE;
     } catch (...) {
         return APP_MANAGER_ERROR_OUT_OF_MEMORY;
@@ -232,9 +174,8 @@ int app_info_create(const char *app_id, app_info_h *app_info) {
 int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback, void *user_data) {
     if (app_info == nullptr || callback == nullptr)
         return APP_MANAGER_ERROR_INVALID_PARAMETER;
-    // The callback may destroy the handle.
-    const std::shared_ptr<const host::Manifest> manifest = app_info->manifest;
-    for (const auto &[key, value] : app_info->application->metadata) {
+    const auto application = app_info->application; // the callback may destroy the handle
+    for (const auto &[key, value] : application->metadata) {
         if (!callback(key.c_str(), value.c_str(), user_data))
             break;
     }
@@ -242,15 +183,14 @@ int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback
 }
 
 int app_info_destroy(app_info_h app_info) {
-    if (app_info == nullptr)
-        return APP_MANAGER_ERROR_INVALID_PARAMETER;
     delete app_info;
-    return APP_MANAGER_ERROR_NONE;
+    return app_info != nullptr ? APP_MANAGER_ERROR_NONE : APP_MANAGER_ERROR_INVALID_PARAMETER;
 }
 
 void host_sim_set_manifest(const char *xml) {
     try {
-        host::install(xml);
+        host::install(xml != nullptr ? host::ManifestParser().parse(xml, "installed manifest")
+                                     : host::Manifest{{}, "the manifest has been uninstalled"});
     } catch (...) {
         // The manifest stays as it was.
         dlog_print(DLOG_ERROR, host::LOG_TAG, "No memory for the manifest");

@@ -3,44 +3,42 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <new>
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include <dlog.h>
-
+#include "handles.h"
 #include "log_tag.h"
 #include "loop.h"
-#include "parcel.h"
 
 namespace host {
 
 namespace {
 
 constexpr std::size_t HEADER_BYTES = 4;
-constexpr std::size_t READ_BYTES = std::size_t{64} << 10;
+constexpr std::size_t READ_BYTES = std::size_t{256} << 10;
+constexpr std::size_t GROWTH = 16;                       // of a frame's memory over what has come
 constexpr std::size_t KEPT_BYTES = std::size_t{4} << 10; // of an empty buffer, per channel
+constexpr char OUT_OF_MEMORY[] = "out of memory";
 constexpr char SPOKE_UNASKED[] = "it sent something on the callback channel";
 
-SlotTable<Channel *, 3> &ports() {
-    static auto &table = *new SlotTable<Channel *, 3>;
-    return table;
-}
+using Ports = Handles<Channel *>;
 
 bool isTemporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-// Empties a buffer; after a burst its memory goes back.
-void clear(std::vector<std::uint8_t> &buffer, std::size_t &start) {
+// Moves the start of what is left in a buffer. When that is nothing, a burst's memory goes back.
+void consume(std::vector<std::uint8_t> &buffer, std::size_t &start, std::size_t size) {
+    start += size;
+    if (start < buffer.size())
+        return;
     start = 0;
     buffer.clear();
-    if (buffer.capacity() > KEPT_BYTES) {
-        std::vector<std::uint8_t>().swap(buffer);
-    }
+    if (buffer.capacity() > KEPT_BYTES)
+        buffer.shrink_to_fit();
 }
 
 } // namespace
@@ -50,20 +48,22 @@ std::shared_ptr<Channel> Channel::open(UniqueFd socket, std::size_t frameLimit,
     auto channel = std::make_shared<Channel>(std::move(socket));
     channel->_frameLimit = frameLimit;
     channel->_owner = std::move(owner);
-    channel->_port = ports().add(channel.get());
+    channel->_port = Ports::instance().add(channel.get());
     channel->_handler = Loop::instance().addHandler(channel->_socket.get(), ECORE_FD_READ,
                                                     onReadyCb, channel.get(), nullptr, nullptr);
-    return channel->_handler ? channel : nullptr;
+    if (!channel->_handler)
+        throw std::bad_alloc();
+    return channel;
 }
 
 std::shared_ptr<Channel> Channel::find(rpc_port_h port) {
-    Channel *const *const channel = ports().find(port);
+    Channel *const *const channel = Ports::instance().find(port);
     return channel ? (*channel)->shared_from_this() : nullptr;
 }
 
 Channel::~Channel() {
     close();
-    ports().remove(_port);
+    Ports::instance().remove(_port);
 }
 
 void Channel::close() {
@@ -72,25 +72,17 @@ void Channel::close() {
     _socket.reset();
 }
 
-void Channel::setMode(Mode mode) {
-    _mode = mode;
-    if (mode == Mode::KEEP && !_framing) {
-        startFromAhead();
-    } else if (mode == Mode::DELIVER && (_framing || !_ahead.empty())) {
-        wantTurn();
-    } else if (mode == Mode::SILENT && (_framing || !_ahead.empty())) {
-        fail(SPOKE_UNASKED);
-    }
+void Channel::expect(std::size_t frameLimit, bool keeping) {
+    _frameLimit = frameLimit;
+    _keeping = keeping;
+    if (hasBegun())
+        frameLimit == 0 ? fail(SPOKE_UNASKED) : wantTurn();
     watch();
 }
 
+// From here on a read gives what is there, and then the end.
 void Channel::drain() {
-    _draining = true;
-    wantTurn();
-}
-
-bool Channel::isReading() const {
-    return _mode != Mode::HOLD && !(_mode == Mode::KEEP && isWhole());
+    shutdown(_socket.get(), SHUT_RD);
 }
 
 void Channel::watch() {
@@ -100,14 +92,11 @@ void Channel::watch() {
 }
 
 void Channel::wantTurn() {
-    if (_moreTimer || !isOpen()) {
+    if (_moreTimer || !isOpen())
         return;
-    }
-    try {
-        _moreTimer = Loop::instance().addTimer(0, onMoreCb, this, true);
-    } catch (const std::bad_alloc &) {
-        fail("out of memory");
-    }
+    _moreTimer = Loop::instance().addTimer(0, onMoreCb, this, true);
+    if (!_moreTimer)
+        fail(OUT_OF_MEMORY);
 }
 
 void Channel::fail(const char *reason, log_priority priority) {
@@ -122,18 +111,15 @@ void Channel::fail(const char *reason, log_priority priority) {
 
 Eina_Bool Channel::onReadyCb(void *data, Ecore_Fd_Handler *handler) {
     const auto self = static_cast<Channel *>(data)->shared_from_this();
-    const bool broken = ecore_main_fd_handler_active_get(handler, ECORE_FD_ERROR);
-    const bool readable = ecore_main_fd_handler_active_get(handler, ECORE_FD_READ);
-    if (broken && !self->isReading()) {
+    const unsigned active = Loop::instance().active(handler);
+    if ((active & ECORE_FD_ERROR) && !self->isReading()) {
         self->end();
         return ECORE_CALLBACK_RENEW;
     }
-    if (ecore_main_fd_handler_active_get(handler, ECORE_FD_WRITE)) {
+    if (active & ECORE_FD_WRITE)
         self->flush();
-    }
-    if (readable) {
+    if (active & ECORE_FD_READ)
         self->turn(true);
-    }
     return ECORE_CALLBACK_RENEW;
 }
 
@@ -141,154 +127,114 @@ Eina_Bool Channel::onMoreCb(void *data) {
     const auto self = static_cast<Channel *>(data)->shared_from_this();
     // First: a timer that is being called does not count as one that will be.
     self->_moreTimer = nullptr;
-    if (self->isReading()) {
-        self->turn(self->_draining);
-    }
+    self->turn(false);
     return ECORE_CALLBACK_CANCEL;
 }
 
 void Channel::turn(bool readable) {
     const auto owner = _owner.lock();
-    if (!_framing) {
-        startFromAhead();
-    }
-    const bool alive = !_failed && (isWhole() || !readable || receive());
-    if (!alive || _failed || !owner) {
+    if (!owner || !fill(readable)) {
         end();
-    } else if (_mode == Mode::DELIVER && isWhole()) {
-        deliver(*owner);
-    } else {
+    } else if (_keeping) {
         watch();
+    } else if (isWhole()) {
+        offerFrame(*owner);
     }
 }
 
-void Channel::deliver(ChannelOwner &owner) {
-    std::vector<std::uint8_t> outerOffer = std::exchange(_offer, finishFrame());
-    const bool outerOffered = std::exchange(_offered, true);
-    if (!_ahead.empty() || _draining) {
+void Channel::offerFrame(ChannelOwner &owner) {
+    Bytes frame = finish();
+    Bytes *const outer = std::exchange(_offer, &frame);
+    if (!_ahead.empty())
         wantTurn();
-    }
     try {
         owner.onFrame(*this);
     } catch (const std::bad_alloc &) {
-        fail("out of memory");
+        fail(OUT_OF_MEMORY);
     } catch (...) {
         fail("an exception has left a callback");
     }
-    _offer = std::move(outerOffer);
-    _offered = outerOffered;
+    _offer = outer;
 }
 
 void Channel::end() {
-    if (!isOpen()) {
+    if (!isOpen())
         return;
-    }
     close();
-    if (const auto owner = _owner.lock()) {
+    if (const auto owner = _owner.lock())
         owner->onEnd(*this);
+}
+
+// Goes on with the frame in the making: with what has been read already, then with one read. False:
+// nothing more will come.
+bool Channel::fill(bool readable) {
+    try {
+        if (!_ahead.empty() && !isWhole()) {
+            consume(_ahead, _aheadStart,
+                    extend(_ahead.data() + _aheadStart, _ahead.size() - _aheadStart));
+        }
+        return !_failed && (isWhole() || !readable || receive());
+    } catch (const std::bad_alloc &) {
+        fail(OUT_OF_MEMORY);
+        return false;
     }
 }
 
-// One read. False: there will be nothing more.
+// Into a buffer that all channels share: it is empty again before anybody else runs. A frame takes
+// its part from there while that is still in the processor's cache.
 bool Channel::receive() {
-    ssize_t count = 0;
-    try {
-        count = _framing ? readFrame() : readAhead();
-    } catch (const std::bad_alloc &) {
-        fail("out of memory");
-        return false;
-    }
-    if (count < 0) {
-        return isTemporary(errno) && !_draining;
-    }
-    if (count > 0 && _mode == Mode::SILENT) {
-        fail(SPOKE_UNASKED);
-    } else if (count == 0 && (_framing || !_ahead.empty())) {
+    static std::uint8_t buffer[READ_BYTES];
+    const ssize_t count = recv(_socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+    if (count < 0)
+        return isTemporary(errno);
+    if (count == 0 && hasBegun()) {
         fail("its last frame is incomplete");
+    } else if (count > 0 && _frameLimit == 0) {
+        fail(SPOKE_UNASKED);
+    } else {
+        const auto size = static_cast<std::size_t>(count);
+        _ahead.assign(buffer + extend(buffer, size), buffer + size);
     }
     return count > 0 && !_failed;
 }
 
-// The buffer is shared: it is empty again before anybody else runs.
-ssize_t Channel::readAhead() {
-    static std::uint8_t buffer[READ_BYTES];
-    const ssize_t count = recv(_socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-    if (count <= 0) {
-        return count;
-    }
-    const auto size = static_cast<std::size_t>(count);
-    const std::size_t used = _ahead.empty() ? startFrame(buffer, size) : 0;
-    _ahead.erase(_ahead.begin(), _ahead.begin() + static_cast<std::ptrdiff_t>(_aheadStart));
-    _aheadStart = 0;
-    _ahead.insert(_ahead.end(), buffer + used, buffer + size);
-    if (!_framing) {
-        startFromAhead();
-    }
-    return count;
-}
-
-// Straight into the frame. It is enlarged fourfold each time, so that little is copied and what is
-// set aside stays in proportion to what has come.
-ssize_t Channel::readFrame() {
-    if (_frame.size() == _filled) {
-        _frame.resize(std::min(_length, std::max(_filled * 4, READ_BYTES)));
-    }
-    const ssize_t count =
-        recv(_socket.get(), _frame.data() + _filled, _frame.size() - _filled, MSG_DONTWAIT);
-    _filled += count > 0 ? static_cast<std::size_t>(count) : 0;
-    return count;
-}
-
-void Channel::startFromAhead() {
-    try {
-        _aheadStart += startFrame(_ahead.data() + _aheadStart, _ahead.size() - _aheadStart);
-    } catch (const std::bad_alloc &) {
-        fail("out of memory");
-    }
-    if (_aheadStart == _ahead.size()) {
-        clear(_ahead, _aheadStart);
-    }
-}
-
-// Begins the next frame with what there is of it. Gives the number of bytes used.
-std::size_t Channel::startFrame(const std::uint8_t *bytes, std::size_t size) {
-    if (size < HEADER_BYTES) {
-        return 0;
-    }
-    const std::size_t length = std::size_t{bytes[0]} | std::size_t{bytes[1]} << 8 |
-                               std::size_t{bytes[2]} << 16 | std::size_t{bytes[3]} << 24;
-    if (length > _frameLimit) {
+// Goes on with the frame in the making, with what there is of it. Gives the number of bytes used:
+// all of them unless the frame is whole.
+std::size_t Channel::extend(const std::uint8_t *bytes, std::size_t size) {
+    std::size_t used = 0;
+    while (_headerFilled < HEADER_BYTES && used < size)
+        _length |= std::size_t{bytes[used++]} << (8 * _headerFilled++);
+    if (_length > _frameLimit) {
         fail("a frame is longer than is allowed");
-        return size;
+    } else if (_headerFilled == HEADER_BYTES) {
+        const std::size_t part = std::min(_length - _frame.size(), size - used);
+        const std::size_t filled = _frame.size() + part;
+        if (filled > _frame.capacity())
+            _frame.reserve(std::min(_length, filled * GROWTH));
+        _frame.insert(_frame.end(), bytes + used, bytes + used + part);
+        used += part;
     }
-    const std::size_t part = std::min(length, size - HEADER_BYTES);
-    _frame.assign(bytes + HEADER_BYTES, bytes + HEADER_BYTES + part);
-    _framing = true;
-    _length = length;
-    _filled = part;
-    return HEADER_BYTES + part;
+    return used;
 }
 
-std::vector<std::uint8_t> Channel::finishFrame() {
-    _framing = false;
+Bytes Channel::finish() {
+    _headerFilled = 0;
+    _length = 0;
     return std::exchange(_frame, {});
 }
 
-int Channel::take(std::vector<std::uint8_t> &payload) {
-    if (_mode == Mode::KEEP) {
+int Channel::take(Bytes &payload) {
+    if (_keeping) {
         const auto self = shared_from_this();
-        if (!isWhole() && !awaitFrame()) {
+        if (!fill(false) || !(isWhole() || awaitFrame()))
             return RPC_PORT_ERROR_IO_ERROR;
-        }
-        payload = finishFrame();
-        startFromAhead();
+        payload = finish();
         watch();
         return RPC_PORT_ERROR_NONE;
     }
-    if (!std::exchange(_offered, false)) {
+    if (!_offer)
         return RPC_PORT_ERROR_IO_ERROR;
-    }
-    payload = std::exchange(_offer, {});
+    payload = std::move(*std::exchange(_offer, nullptr));
     return RPC_PORT_ERROR_NONE;
 }
 
@@ -299,15 +245,12 @@ bool Channel::awaitFrame() {
     if (loop.isSimulated()) {
         while (isOpen() && !isWhole() && loop.runOnce(false)) {
         }
-        return isOpen() && isWhole();
+        return isWhole();
     }
     const std::int64_t deadline = loop.now() + static_cast<std::int64_t>(REPLY_SECONDS * 1e9);
-    while (isOpen() && !_failed && !isWhole()) {
-        if (!pollOnce(deadline)) {
-            return false;
-        }
+    while (isOpen() && !isWhole() && pollOnce(deadline)) {
     }
-    return isOpen() && !_failed;
+    return isWhole();
 }
 
 // A reply that came later would be taken for the next one's, so the connection does not outlive it.
@@ -321,49 +264,46 @@ bool Channel::pollOnce(std::int64_t deadline) {
     state.fd = _socket.get();
     state.events = static_cast<short>(_queue.empty() ? POLLIN : POLLIN | POLLOUT);
     const int ready = poll(&state, 1, static_cast<int>(left / 1'000'000 + 1));
-    if (ready > 0 && (state.revents & POLLOUT)) {
+    if (ready > 0 && (state.revents & POLLOUT))
         flush();
-    }
-    if (ready > 0 && (state.revents & ~POLLOUT) && !receive()) {
-        return isWhole();
-    }
-    return true;
+    return ready <= 0 || !(state.revents & ~POLLOUT) || fill(true);
 }
 
-int Channel::send(const std::vector<std::uint8_t> &payload) {
-    if (!isOpen() || _failed) {
+int Channel::send(const Bytes &payload) {
+    if (!isOpen() || _failed)
         return RPC_PORT_ERROR_IO_ERROR;
-    }
     if (payload.size() > MAX_FRAME_BYTES) {
         dlog_print(DLOG_ERROR, LOG_TAG, "a parcel of %zu bytes is not sent: the limit is %zu",
                    payload.size(), MAX_FRAME_BYTES);
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     }
     std::uint8_t header[HEADER_BYTES];
-    for (std::size_t i = 0; i < HEADER_BYTES; ++i) {
+    for (std::size_t i = 0; i < HEADER_BYTES; ++i)
         header[i] = static_cast<std::uint8_t>(payload.size() >> (8 * i));
-    }
     iovec parts[] = {{header, sizeof(header)},
                      {const_cast<std::uint8_t *>(payload.data()), payload.size()}};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = 2;
     // Behind a queue nothing is sent directly: frames keep their order.
-    const ssize_t sent =
-        _queue.empty() ? sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) : 0;
-    if (sent < 0 && !isTemporary(errno)) {
-        fail("the other side is gone", DLOG_INFO);
+    std::size_t sent = 0;
+    if (_queue.empty() && !transmit(parts, 2, sent))
         return RPC_PORT_ERROR_IO_ERROR;
-    }
-    return enqueue(header, payload, sent < 0 ? 0 : static_cast<std::size_t>(sent));
+    return sent < HEADER_BYTES + payload.size() ? enqueue(parts, sent) : RPC_PORT_ERROR_NONE;
 }
 
-int Channel::enqueue(const std::uint8_t *header, const std::vector<std::uint8_t> &payload,
-                     std::size_t sent) {
-    const std::size_t left = HEADER_BYTES + payload.size() - sent;
-    if (left == 0) {
-        return RPC_PORT_ERROR_NONE;
+bool Channel::transmit(iovec *parts, std::size_t count, std::size_t &sent) {
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    const ssize_t result = sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (result < 0 && !isTemporary(errno)) {
+        fail("the other side is gone", DLOG_INFO);
+        return false;
     }
+    sent = result < 0 ? 0 : static_cast<std::size_t>(result);
+    return true;
+}
+
+int Channel::enqueue(const iovec (&parts)[2], std::size_t sent) {
+    const std::size_t left = parts[0].iov_len + parts[1].iov_len - sent;
     if (_queue.size() - _queueStart + left > MAX_QUEUE_BYTES) {
         fail("it does not read what it is sent");
         return RPC_PORT_ERROR_IO_ERROR;
@@ -373,12 +313,14 @@ int Channel::enqueue(const std::uint8_t *header, const std::vector<std::uint8_t>
             _queue.erase(_queue.begin(), _queue.begin() + static_cast<std::ptrdiff_t>(_queueStart));
             _queueStart = 0;
         }
-        const std::size_t ofHeader = std::min(sent, HEADER_BYTES);
-        _queue.insert(_queue.end(), header + ofHeader, header + HEADER_BYTES);
-        const auto rest = static_cast<std::ptrdiff_t>(sent - ofHeader);
-        _queue.insert(_queue.end(), payload.begin() + rest, payload.end());
+        for (const iovec &part : parts) {
+            const auto *const bytes = static_cast<const std::uint8_t *>(part.iov_base);
+            const std::size_t skipped = std::min(sent, part.iov_len);
+            _queue.insert(_queue.end(), bytes + skipped, bytes + part.iov_len);
+            sent -= skipped;
+        }
     } catch (const std::bad_alloc &) {
-        fail("out of memory");
+        fail(OUT_OF_MEMORY);
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
     watch();
@@ -386,45 +328,32 @@ int Channel::enqueue(const std::uint8_t *header, const std::vector<std::uint8_t>
 }
 
 void Channel::flush() {
-    if (_queue.empty()) {
-        return;
+    iovec part{_queue.data() + _queueStart, _queue.size() - _queueStart};
+    std::size_t sent = 0;
+    if (part.iov_len > 0 && transmit(&part, 1, sent)) {
+        consume(_queue, _queueStart, sent);
+        watch();
     }
-    const ssize_t sent = ::send(_socket.get(), _queue.data() + _queueStart,
-                                _queue.size() - _queueStart, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0 && !isTemporary(errno)) {
-        fail("the other side is gone", DLOG_INFO);
-        return;
-    }
-    _queueStart += sent > 0 ? static_cast<std::size_t>(sent) : 0;
-    if (_queueStart == _queue.size()) {
-        clear(_queue, _queueStart);
-    }
-    watch();
 }
 
 } // namespace host
 
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
     const auto channel = host::Channel::find(port);
-    if (!h || !channel) {
+    if (!h || !channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    }
-    try {
+    return host::guarded([&] {
         auto parcel = std::make_unique<host::Parcel>();
         const int result = channel->take(parcel->bytes);
-        if (result == RPC_PORT_ERROR_NONE) {
+        if (result == RPC_PORT_ERROR_NONE)
             *h = parcel.release();
-        }
         return result;
-    } catch (...) {
-        return RPC_PORT_ERROR_OUT_OF_MEMORY;
-    }
+    });
 }
 
 int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
     const auto channel = host::Channel::find(port);
-    if (!h || !channel) {
+    if (!h || !channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    }
     return channel->send(static_cast<host::Parcel *>(h)->bytes);
 }

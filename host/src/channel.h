@@ -4,19 +4,25 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <Ecore.h>
 #include <dlog.h>
 #include <rpc-port.h>
 
+#include "parcel.h"
 #include "unique_fd.h"
+
+struct iovec;
 
 namespace host {
 
 constexpr std::size_t MAX_FRAME_BYTES = std::size_t{16} << 20;
 constexpr std::size_t MAX_QUEUE_BYTES = std::size_t{32} << 20;
 constexpr double REPLY_SECONDS = 10.0;
+
+using Bytes = decltype(Parcel::bytes);
 
 class Channel;
 
@@ -43,17 +49,10 @@ public:
 // shut down, which makes the loop come here and end the channel.
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
-    enum class Mode {
-        DELIVER, // each frame goes to the owner
-        HOLD,    // what comes stays in the socket
-        KEEP,    // a frame stays until it is taken; no further one is read
-        SILENT,  // nothing may come
-    };
-
-    // Null when the loop cannot watch the socket. Throws std::bad_alloc.
+    // Throws std::bad_alloc, also when the loop cannot watch the socket.
     static std::shared_ptr<Channel> open(UniqueFd socket, std::size_t frameLimit,
                                          std::weak_ptr<ChannelOwner> owner);
-    // Null for a handle of no open channel.
+    // Null for a handle of no channel.
     static std::shared_ptr<Channel> find(rpc_port_h port);
 
     explicit Channel(UniqueFd socket) : _socket(std::move(socket)) {}
@@ -66,8 +65,10 @@ public:
     bool hasFailed() const { return _failed; }
 
     void setOwner(std::weak_ptr<ChannelOwner> owner) { _owner = std::move(owner); }
-    void setFrameLimit(std::size_t bytes) { _frameLimit = bytes; }
-    void setMode(Mode mode);
+    // Frames up to the limit go to the owner, or stay until they are taken: then no more than one
+    // is read. With a limit of 0 nothing at all may come.
+    void deliver(std::size_t frameLimit) { expect(frameLimit, false); }
+    void keep(std::size_t frameLimit) { expect(frameLimit, true); }
     // The other channel is gone: what has come before that is still delivered, then this one ends.
     void drain();
     // Lets go of the socket; no event comes afterwards. The port handle lives on with the object.
@@ -75,34 +76,35 @@ public:
 
     // Both give an rpc-port error. A payload that is too long is refused and changes nothing; any
     // other failure ends the channel.
-    int send(const std::vector<std::uint8_t> &payload);
-    int take(std::vector<std::uint8_t> &payload);
+    int send(const Bytes &payload);
+    int take(Bytes &payload);
 
 private:
     static Eina_Bool onReadyCb(void *data, Ecore_Fd_Handler *handler);
     static Eina_Bool onMoreCb(void *data);
 
+    void expect(std::size_t frameLimit, bool keeping);
     void turn(bool readable);
-    void deliver(ChannelOwner &owner);
+    void offerFrame(ChannelOwner &owner);
     void end();
     void fail(const char *reason, log_priority priority = DLOG_WARN);
-
-    bool isWhole() const { return _framing && _filled == _length; }
-    bool isReading() const;
     void watch();
     void wantTurn();
 
+    bool hasBegun() const { return _headerFilled > 0 || !_ahead.empty(); }
+    bool isWhole() const {
+        return _headerFilled == sizeof(std::uint32_t) && _frame.size() == _length;
+    }
+    bool isReading() const { return !_keeping || !isWhole(); }
+    bool fill(bool readable);
     bool receive();
-    ssize_t readAhead();
-    ssize_t readFrame();
-    void startFromAhead();
-    std::size_t startFrame(const std::uint8_t *bytes, std::size_t size);
-    std::vector<std::uint8_t> finishFrame();
+    std::size_t extend(const std::uint8_t *bytes, std::size_t size);
+    Bytes finish();
     bool awaitFrame();
     bool pollOnce(std::int64_t deadline);
 
-    int enqueue(const std::uint8_t *header, const std::vector<std::uint8_t> &payload,
-                std::size_t sent);
+    bool transmit(iovec *parts, std::size_t count, std::size_t &sent);
+    int enqueue(const iovec (&parts)[2], std::size_t sent);
     void flush();
 
     UniqueFd _socket;
@@ -110,20 +112,17 @@ private:
     void *_moreTimer = nullptr; // null: no turn is asked for
     rpc_port_h _port = nullptr;
     std::weak_ptr<ChannelOwner> _owner;
-    Mode _mode = Mode::DELIVER;
     std::size_t _frameLimit = 0;
-    bool _draining = false;
+    bool _keeping = false;
     bool _failed = false;
 
     // Received: at most one frame in the making, then bytes behind it that nobody has looked at.
-    bool _framing = false;
+    std::size_t _headerFilled = 0; // 0: no frame has begun
     std::size_t _length = 0;
-    std::size_t _filled = 0;
-    std::vector<std::uint8_t> _frame; // grows with what arrives, not with what is announced
+    Bytes _frame; // its memory grows with what arrives, not with what is announced
     std::vector<std::uint8_t> _ahead;
     std::size_t _aheadStart = 0;
-    bool _offered = false; // onFrame() is running and has not taken its frame yet
-    std::vector<std::uint8_t> _offer;
+    Bytes *_offer = nullptr; // while onFrame() runs and has not taken its frame
 
     std::vector<std::uint8_t> _queue; // what the socket had no room for
     std::size_t _queueStart = 0;

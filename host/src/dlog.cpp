@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <new>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -21,25 +20,26 @@ namespace {
 
 constexpr std::size_t LONGEST_TEXT = 16 * 1024;
 constexpr std::string_view CUT_MARK = " [cut]";
-constexpr int SILENT = DLOG_FATAL + 1;
 
 struct Level {
     const char *name; // in NELVO_LOG
-    char letter;      // in front of an entry
     const char *colour;
 };
 
-// By priority, from DLOG_VERBOSE to SILENT.
+// By priority, from DLOG_VERBOSE. An entry begins with the first letter, as a capital.
 constexpr Level LEVELS[] = {
-    {"verbose", 'V', "\x1b[2m"}, {"debug", 'D', "\x1b[36m"}, {"info", 'I', "\x1b[32m"},
-    {"warn", 'W', "\x1b[33m"},   {"error", 'E', "\x1b[31m"}, {"fatal", 'F', "\x1b[1;31m"},
-    {"silent", '\0', nullptr},
+    {"verbose", "\x1b[2m"}, {"debug", "\x1b[36m"},   {"info", "\x1b[32m"}, {"warn", "\x1b[33m"},
+    {"error", "\x1b[31m"},  {"fatal", "\x1b[1;31m"}, {"silent", ""},
 };
 constexpr const char *COLOUR_END = "\x1b[0m";
 
-const Level &levelOf(int prio) {
-    return LEVELS[prio - DLOG_VERBOSE];
-}
+struct Entry {
+    log_priority prio;
+    const char *tag;
+
+    const Level &level() const { return LEVELS[prio - DLOG_VERBOSE]; }
+    char letter() const { return static_cast<char>(level().name[0] - 'a' + 'A'); }
+};
 
 struct Sink {
     host_log_sink call = nullptr; // null: stderr
@@ -54,15 +54,6 @@ Sink currentSink() {
     return installedSink;
 }
 
-// Callers log first and look at errno later.
-class ErrnoKeeper {
-public:
-    ~ErrnoKeeper() { errno = _errno; }
-
-private:
-    int _errno = errno;
-};
-
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
@@ -74,63 +65,48 @@ std::size_t printableLength(std::string_view text) {
     if (first < 0x80)
         return first >= 0x20 && first != 0x7F ? 1 : 0;
     const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || text.size() < length)
+    if (first < 0xC2 || first > 0xF4 || text.size() < length ||
+        !std::all_of(&text[1], &text[0] + length, isContinuation))
         return 0;
     unsigned code = first & (0x7Fu >> length);
-    for (std::size_t i = 1; i < length; i++) {
-        if (!isContinuation(text[i]))
-            return 0;
+    for (std::size_t i = 1; i < length; i++)
         code = code << 6 | (static_cast<unsigned char>(text[i]) & 0x3Fu);
-    }
     const unsigned smallest = length == 2 ? 0xA0 : length == 3 ? 0x800 : 0x10000;
     const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
     return code >= smallest && code <= 0x10FFFF && !isSurrogate ? length : 0;
 }
 
 void appendEscaped(std::string &line, char byte) {
-    if (byte == '\n') {
-        line += "\\n";
-    } else if (byte == '\r') {
-        line += "\\r";
-    } else if (byte == '\t') {
-        line += "\\t";
-    } else {
-        constexpr char DIGITS[] = "0123456789abcdef";
-        const auto value = static_cast<unsigned char>(byte);
-        line += {'\\', 'x', DIGITS[value >> 4], DIGITS[value & 0xF]};
-    }
+    char hex[8];
+    std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(byte));
+    line += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : byte == '\t' ? "\\t" : hex;
 }
 
 void appendPrintable(std::string &line, std::string_view text) {
     while (!text.empty()) {
         const std::size_t length = printableLength(text);
-        if (length > 0)
-            line += text.substr(0, length);
-        else
+        if (length == 0)
             appendEscaped(line, text[0]);
+        line += text.substr(0, length);
         text.remove_prefix(length > 0 ? length : 1);
     }
 }
 
-std::string_view cut(std::string_view text) {
-    std::size_t end = LONGEST_TEXT;
-    while (end > LONGEST_TEXT - 4 && isContinuation(text[end]))
-        end--; // not inside a character
-    return text.substr(0, end);
-}
-
-std::string lineOf(int prio, const char *tag, std::string_view text) {
+std::string lineOf(const Entry &entry, std::string_view text) {
     static const bool isColoured = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
-    std::string line;
-    line.reserve(text.size() + 64);
-    if (isColoured)
-        line += levelOf(prio).colour;
-    line += levelOf(prio).letter;
+    const bool isCut = text.size() > LONGEST_TEXT;
+    std::size_t end = isCut ? LONGEST_TEXT : text.size();
+    while (isCut && end > LONGEST_TEXT - 4 && isContinuation(text[end]))
+        end--; // not inside a character
+
+    std::string line(isColoured ? entry.level().colour : "");
+    line.reserve(end + 64);
+    line += entry.letter();
     line += ' ';
-    appendPrintable(line, tag);
+    appendPrintable(line, entry.tag);
     line += ": ";
-    appendPrintable(line, text.size() > LONGEST_TEXT ? cut(text) : text);
-    if (text.size() > LONGEST_TEXT)
+    appendPrintable(line, text.substr(0, end));
+    if (isCut)
         line += CUT_MARK;
     if (isColoured)
         line += COLOUR_END;
@@ -151,20 +127,35 @@ int writeLine(std::string_view line) {
     return static_cast<int>(done);
 }
 
+int writeEntry(const Entry &entry, std::string_view text) {
+    try {
+        return writeLine(lineOf(entry, text));
+    } catch (...) { // no memory: its beginning, from the stack alone
+        char line[256];
+        std::snprintf(line, sizeof line - 1, "%c %.40s: %.*s", entry.letter(), entry.tag,
+                      static_cast<int>(std::min(text.size(), sizeof line)), text.data());
+        char *end = line + std::strlen(line);
+        std::replace_if(
+            line, end, [](char byte) { return byte < ' ' || byte > '~'; }, '?');
+        *end++ = '\n';
+        return writeLine({line, static_cast<std::size_t>(end - line)});
+    }
+}
+
 int readLevel() {
     const char *wanted = std::getenv("NELVO_LOG");
     if (wanted == nullptr || *wanted == '\0')
         return DLOG_WARN;
-    std::string names;
-    for (int prio = DLOG_VERBOSE; prio <= SILENT; prio++) {
-        if (std::strcmp(wanted, levelOf(prio).name) == 0)
-            return prio;
-        names += prio == DLOG_VERBOSE ? "" : prio == SILENT ? " or " : ", ";
-        names += levelOf(prio).name;
+    for (const Level &level : LEVELS) {
+        if (std::strcmp(wanted, level.name) == 0)
+            return DLOG_VERBOSE + static_cast<int>(&level - LEVELS);
     }
-    const std::string complaint = "NELVO_LOG is \"" + std::string(wanted, strnlen(wanted, 64)) +
-                                  "\", taken as warn; set it to " + names;
-    writeLine(lineOf(DLOG_WARN, host::LOG_TAG, complaint));
+    char complaint[256];
+    std::snprintf(complaint, sizeof complaint,
+                  "NELVO_LOG is \"%.64s\", taken as warn; set it to verbose, debug, info, warn, "
+                  "error, fatal or silent",
+                  wanted);
+    writeEntry({DLOG_WARN, host::LOG_TAG}, complaint);
     return DLOG_WARN;
 }
 
@@ -173,77 +164,45 @@ int level() {
     return value;
 }
 
-// At most limit bytes of the text. False: the format or an argument is beyond printf.
-__attribute__((format(printf, 3, 0))) bool format(std::string &text, std::size_t limit,
-                                                  const char *fmt, va_list args) {
-    char small[512];
-    va_list again;
-    va_copy(again, args);
-    const int length = std::vsnprintf(small, sizeof small, fmt, args);
-    bool isDone = length >= 0;
-    if (isDone && static_cast<std::size_t>(length) < sizeof small) {
-        text.assign(small, static_cast<std::size_t>(length));
-    } else if (isDone) {
-        text.resize(std::min(static_cast<std::size_t>(length), limit));
-        isDone = std::vsnprintf(text.data(), text.size() + 1, fmt, again) >= 0;
-    }
-    va_end(again);
-    return isDone;
-}
-
-__attribute__((format(printf, 3, 0))) int print(log_priority prio, const char *tag, const char *fmt,
-                                                va_list args) {
+// Both lists are the same arguments: the first shows how long the text is.
+int print(const Entry &entry, const char *fmt, va_list args, va_list again) {
     const Sink sink = currentSink();
-    if (sink.call == nullptr && prio < level())
+    if (sink.call == nullptr && entry.prio < level())
         return 0;
-    std::string text;
-    // One byte more than will be shown tells that there is more.
-    if (!format(text, sink.call != nullptr ? text.max_size() : LONGEST_TEXT + 1, fmt, args))
+    char start[512];
+    const int length = std::vsnprintf(start, sizeof start, fmt, args);
+    if (length < 0)
         return -EINVAL;
-    if (sink.call == nullptr)
-        return writeLine(lineOf(prio, tag, text));
-    sink.call(prio, tag, text.c_str(), sink.data);
-    return static_cast<int>(text.size());
-}
-
-// An entry that there is no memory for: its beginning, from the stack alone.
-__attribute__((format(printf, 3, 0))) int printShort(log_priority prio, const char *tag,
-                                                     const char *fmt, va_list args) {
-    const Sink sink = currentSink();
-    char text[256];
-    if (std::vsnprintf(text, sizeof text, fmt, args) < 0)
-        return -EINVAL;
-    if (sink.call != nullptr) {
-        sink.call(prio, tag, text, sink.data);
-        return static_cast<int>(std::strlen(text));
+    std::string_view text(start, std::min(static_cast<std::size_t>(length), sizeof start - 1));
+    std::string whole;
+    if (static_cast<std::size_t>(length) > text.size()) {
+        try {
+            whole.resize(static_cast<std::size_t>(length));
+            std::vsnprintf(whole.data(), whole.size() + 1, fmt, again);
+            text = whole;
+        } catch (...) { // no memory: the beginning has to do
+        }
     }
-    char line[sizeof text + 64];
-    std::snprintf(line, sizeof line, "%c %.40s: %s", levelOf(prio).letter, tag, text);
-    std::size_t size = std::strlen(line);
-    std::replace_if(
-        line, line + size, [](char byte) { return byte < ' ' || byte > '~'; }, '?');
-    line[size++] = '\n';
-    return writeLine({line, size});
+    if (sink.call == nullptr)
+        return writeEntry(entry, text);
+    sink.call(entry.prio, entry.tag, text.data(), sink.data);
+    return static_cast<int>(text.size());
 }
 
 } // namespace
 
 int dlog_print(log_priority prio, const char *tag, const char *fmt, ...) {
-    const ErrnoKeeper keeper;
     if (prio < DLOG_VERBOSE || prio > DLOG_FATAL || tag == nullptr || fmt == nullptr)
         return -EINVAL;
+    const int errnoBefore = errno; // callers log first and look at it later
     va_list args;
     va_list again;
     va_start(args, fmt);
-    va_copy(again, args);
-    int result = -ENOMEM;
-    try {
-        result = print(prio, tag, fmt, args);
-    } catch (const std::bad_alloc &) {
-        result = printShort(prio, tag, fmt, again);
-    }
+    va_start(again, fmt);
+    const int result = print({prio, tag}, fmt, args, again);
     va_end(again);
     va_end(args);
+    errno = errnoBefore;
     return result;
 }
 

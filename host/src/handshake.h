@@ -4,47 +4,42 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
-#include <vector>
+
+#include <rpc-port.h>
+
+#include "channel.h"
 
 namespace host {
 
 // The two messages that open a connection, each the payload of one frame.
 //
-//   hello    "NVRP" version kind token[16] length sender[length]    first on each of the two
-//   sockets welcome  "NVRP" version                                         the answer, on the main
-//   one
+//   hello    "NVRP" version kind token[16] length sender[length]
+//   welcome  "NVRP" version
 //
-// Version, kind and length are single bytes.
-constexpr char HANDSHAKE_MAGIC[] = {'N', 'V', 'R', 'P'};
-constexpr std::uint8_t HANDSHAKE_VERSION = 1;
+// The hello is the first frame on each of the two sockets, the welcome the answer on the main one.
+// Version, kind (an rpc_port_port_type_e) and length are single bytes.
+constexpr char HANDSHAKE_START[] = {'N', 'V', 'R', 'P', 1};
 constexpr std::size_t MAX_SENDER_BYTES = 127;
 
-enum class ChannelKind : std::uint8_t { MAIN = 0, CALLBACK = 1 };
-
-// Random; says which two sockets belong together.
-using Token = std::array<std::uint8_t, 16>;
-
 struct Hello {
-    ChannelKind kind;
-    Token token;
+    rpc_port_port_type_e kind;
+    std::array<std::uint8_t, 16> token; // random; says which two sockets belong together
     std::string sender;
 };
 
-constexpr std::size_t WELCOME_BYTES = sizeof(HANDSHAKE_MAGIC) + 1;
-constexpr std::size_t HELLO_HEAD_BYTES = WELCOME_BYTES + 1 + std::tuple_size<Token>::value + 1;
+constexpr std::size_t HELLO_HEAD_BYTES = sizeof(HANDSHAKE_START) + 1 + sizeof(Hello::token) + 1;
 constexpr std::size_t MAX_HELLO_BYTES = HELLO_HEAD_BYTES + MAX_SENDER_BYTES;
 
-inline std::vector<std::uint8_t> encodeWelcome() {
-    std::vector<std::uint8_t> bytes(std::begin(HANDSHAKE_MAGIC), std::end(HANDSHAKE_MAGIC));
-    bytes.push_back(HANDSHAKE_VERSION);
-    return bytes;
+inline Bytes encodeWelcome() {
+    return Bytes(std::begin(HANDSHAKE_START), std::end(HANDSHAKE_START));
 }
 
 // A sender that is too long is cut where the other side still sees that it is.
-inline std::vector<std::uint8_t> encodeHello(const Hello &hello) {
+inline Bytes encodeHello(const Hello &hello) {
     const std::string sender = hello.sender.substr(0, MAX_SENDER_BYTES + 1);
-    std::vector<std::uint8_t> bytes = encodeWelcome();
+    Bytes bytes = encodeWelcome();
     bytes.push_back(static_cast<std::uint8_t>(hello.kind));
     bytes.insert(bytes.end(), hello.token.begin(), hello.token.end());
     bytes.push_back(static_cast<std::uint8_t>(sender.size()));
@@ -52,31 +47,19 @@ inline std::vector<std::uint8_t> encodeHello(const Hello &hello) {
     return bytes;
 }
 
-inline bool opensHandshake(const std::vector<std::uint8_t> &bytes) {
-    return bytes.size() >= WELCOME_BYTES &&
-           std::memcmp(bytes.data(), HANDSHAKE_MAGIC, sizeof(HANDSHAKE_MAGIC)) == 0 &&
-           bytes[sizeof(HANDSHAKE_MAGIC)] == HANDSHAKE_VERSION;
-}
-
-inline bool decodeWelcome(const std::vector<std::uint8_t> &bytes) {
-    return bytes.size() == WELCOME_BYTES && opensHandshake(bytes);
-}
-
 // Does not judge the sender, except that it has no zero inside.
-inline bool decodeHello(const std::vector<std::uint8_t> &bytes, Hello &hello) {
-    if (bytes.size() < HELLO_HEAD_BYTES || !opensHandshake(bytes)) {
-        return false;
+inline std::optional<Hello> decodeHello(const Bytes &bytes) {
+    if (bytes.size() < HELLO_HEAD_BYTES ||
+        std::memcmp(bytes.data(), HANDSHAKE_START, sizeof(HANDSHAKE_START)) != 0 ||
+        bytes[sizeof(HANDSHAKE_START)] > RPC_PORT_PORT_CALLBACK ||
+        bytes.size() != HELLO_HEAD_BYTES + bytes[HELLO_HEAD_BYTES - 1]) {
+        return std::nullopt;
     }
-    const std::uint8_t kind = bytes[WELCOME_BYTES];
-    const std::uint8_t length = bytes[HELLO_HEAD_BYTES - 1];
-    if (kind > static_cast<std::uint8_t>(ChannelKind::CALLBACK) ||
-        bytes.size() != HELLO_HEAD_BYTES + length) {
-        return false;
-    }
-    hello.kind = static_cast<ChannelKind>(kind);
-    std::memcpy(hello.token.data(), &bytes[WELCOME_BYTES + 1], hello.token.size());
+    Hello hello{};
+    hello.kind = static_cast<rpc_port_port_type_e>(bytes[sizeof(HANDSHAKE_START)]);
+    std::memcpy(hello.token.data(), &bytes[sizeof(HANDSHAKE_START) + 1], hello.token.size());
     hello.sender.assign(bytes.begin() + HELLO_HEAD_BYTES, bytes.end());
-    return hello.sender.find('\0') == std::string::npos;
+    return hello.sender.find('\0') == std::string::npos ? std::optional(hello) : std::nullopt;
 }
 
 } // namespace host

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "handles.h"
+
 namespace host {
 
 // The callbacks registered for one kind of event, in order.
@@ -11,15 +13,16 @@ template <typename Cb>
 class Listeners {
 public:
     void add(Cb cb, void *data) { _entries.push_back({cb, data}); }
+    void clear() { _entries.clear(); }
 
-    // Calls call(cb, data) for each until one answers false. A callback may add further ones.
+    // Calls call(cb, data) for each until one answers false. A callback may add further ones, or
+    // clear them.
     template <typename Call>
     void each(Call call) const {
         for (std::size_t i = 0; i < _entries.size(); ++i) {
             const Entry entry = _entries[i];
-            if (!call(entry.cb, entry.data)) {
+            if (!call(entry.cb, entry.data))
                 return;
-            }
         }
     }
 
@@ -30,5 +33,14 @@ private:
     };
     std::vector<Entry> _entries;
 };
+
+// What the exported functions that register a callback do.
+template <typename Object, typename Cb>
+int addListener(void *handle, Listeners<Cb> Object::*listeners, Cb cb, void *data) {
+    return guarded<Object>(handle, cb != nullptr, [&](Object &object) {
+        (object.*listeners).add(cb, data);
+        return RPC_PORT_ERROR_NONE;
+    });
+}
 
 } // namespace host

@@ -42,9 +42,8 @@ std::uint32_t toEpoll(unsigned flags) {
 // A failed descriptor counts as ready for whatever it is watched for: only a read or write shows
 // it.
 unsigned fromEpoll(std::uint32_t events, unsigned watched) {
-    if (events & (EPOLLERR | EPOLLHUP)) {
+    if (events & (EPOLLERR | EPOLLHUP))
         return watched | ECORE_FD_ERROR;
-    }
     return ((events & EPOLLIN) ? unsigned{ECORE_FD_READ} : 0U) |
            ((events & EPOLLOUT) ? unsigned{ECORE_FD_WRITE} : 0U);
 }
@@ -57,9 +56,8 @@ Loop &Loop::instance() {
 }
 
 std::int64_t Loop::now() const {
-    if (_simulated) {
+    if (_simulated)
         return _virtualNow;
-    }
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return time.tv_sec * NANOSECONDS + time.tv_nsec;
@@ -70,15 +68,12 @@ int Loop::start() {
 }
 
 int Loop::stop() {
-    if (_users == 0 || --_users > 0) {
+    if (_users == 0 || --_users > 0)
         return _users;
-    }
-    for (std::size_t i = 0; i < _timers.slotCount(); ++i) {
-        deleteTimer(_timers.handleAt(i));
-    }
-    for (std::size_t i = 0; i < _handlers.slotCount(); ++i) {
-        deleteHandler(_handlers.handleAt(i));
-    }
+    while (!_timers.all().empty())
+        deleteTimer(_timers.all().begin()->first);
+    while (!_handlers.all().empty())
+        deleteHandler(_handlers.all().begin()->first);
     _poll.reset();
     _quit = false;
     return 0;
@@ -91,7 +86,7 @@ void Loop::run() {
 }
 
 bool Loop::runOnce(bool wait) {
-    const bool buffered = _bufferedHandlers > 0 && deliverBuffered();
+    const bool buffered = deliverBuffered();
     const bool ready = deliverReady(wait && !buffered ? waitMilliseconds() : 0);
     const bool due = deliverTimers();
     return buffered || ready || due;
@@ -108,53 +103,44 @@ void Loop::advance(std::int64_t nanoseconds) {
 
 // To the next deadline. Not for what is due already: that a round would have delivered.
 bool Loop::jump(std::int64_t latest) {
-    if (_due.empty() || _due.begin()->deadline > latest) {
+    if (_due.empty() || _due.begin()->first > latest)
         return false;
-    }
-    _virtualNow = std::max(_virtualNow, _due.begin()->deadline);
+    _virtualNow = std::max(_virtualNow, _due.begin()->first);
     return true;
 }
 
 void *Loop::addTimer(double seconds, Ecore_Task_Cb func, void *data, bool internal) {
-    if (!func || std::isnan(seconds)) {
+    if (!func || std::isnan(seconds))
         return nullptr;
-    }
-    Timer timer;
-    timer.interval = toNanoseconds(seconds);
-    timer.deadline = now() + timer.interval;
-    timer.sequence = ++_sequence;
-    timer.func = func;
-    timer.data = data;
-    timer.round = _round;
-    timer.internal = internal;
-    void *const handle = _timers.add(timer);
+    const std::int64_t interval = toNanoseconds(seconds);
+    const std::int64_t deadline = now() + interval;
+    void *handle = nullptr;
     try {
-        _due.insert(Due{timer.deadline, timer.sequence, handle});
-    } catch (...) {
+        handle = _timers.add(Timer{deadline, interval, func, data, internal, _round});
+        _due.emplace(deadline, handle);
+    } catch (const std::bad_alloc &) {
         _timers.remove(handle);
-        throw;
+        return nullptr;
     }
     _countedTimers += internal ? 0 : 1;
     return handle;
 }
 
 void *Loop::deleteTimer(void *handle) {
-    if (!_timers.find(handle)) {
+    if (!_timers.find(handle))
         return nullptr;
-    }
     const Timer timer = _timers.remove(handle);
-    _due.erase(Due{timer.deadline, timer.sequence, handle}); // not in it while its callback runs
+    _due.erase({timer.deadline, handle}); // not there while it is called
     _countedTimers -= timer.internal ? 0 : 1;
     return timer.data;
 }
 
 // Rounded up: a wait that ends early would only be followed by another one.
 int Loop::waitMilliseconds() const {
-    if (_due.empty()) {
+    if (_due.empty())
         return -1;
-    }
     constexpr std::int64_t MILLISECOND = 1'000'000;
-    const std::int64_t left = std::max<std::int64_t>(_due.begin()->deadline - now(), 0);
+    const std::int64_t left = std::max<std::int64_t>(_due.begin()->first - now(), 0);
     return static_cast<int>(
         std::min<std::int64_t>((left + MILLISECOND - 1) / MILLISECOND, INT_MAX));
 }
@@ -162,16 +148,15 @@ int Loop::waitMilliseconds() const {
 // Walks by deadline, from the one before: the callbacks may change the set in any way. What they
 // add or renew waits for the next round, so the walk ends.
 bool Loop::deliverTimers() {
-    if (_due.empty()) {
+    if (_due.empty())
         return false;
-    }
     const std::uint64_t round = ++_round;
     const std::int64_t moment = now();
     bool delivered = false;
     auto due = _due.begin();
-    while (due != _due.end() && due->deadline <= moment) {
+    while (due != _due.end() && due->first <= moment) {
         const Due current = *due;
-        if (_timers.find(current.timer)->round < round) {
+        if (_timers.find(current.second)->round < round) {
             fire(due);
             delivered = true;
         }
@@ -180,125 +165,116 @@ bool Loop::deliverTimers() {
     return delivered;
 }
 
+// The set's node is kept for the renewal, which therefore cannot run out of memory.
 void Loop::fire(std::set<Due>::iterator due) {
-    void *const handle = due->timer;
     auto node = _due.extract(due);
-    const Timer timer = *_timers.find(handle);
-    const bool again = timer.func(timer.data) != ECORE_CALLBACK_CANCEL;
-    Timer *const left = _timers.find(handle);
-    if (left && again) {
-        renew(*left, std::move(node));
-    } else if (left) {
+    void *const handle = node.value().second;
+    const Timer called = *_timers.find(handle);
+    const bool again = called.func(called.data) != ECORE_CALLBACK_CANCEL;
+    Timer *const timer = _timers.find(handle);
+    if (!again) {
         deleteTimer(handle);
+    } else if (timer) {
+        const std::int64_t interval = std::max(timer->interval, MIN_RENEWAL);
+        timer->deadline += interval;
+        if (timer->deadline < now())
+            timer->deadline = now() + interval;
+        timer->round = _round;
+        node.value().first = timer->deadline;
+        _due.insert(std::move(node));
     }
-}
-
-void Loop::renew(Timer &timer, std::set<Due>::node_type node) {
-    const std::int64_t interval = std::max(timer.interval, MIN_RENEWAL);
-    timer.deadline += interval;
-    if (timer.deadline < now()) {
-        timer.deadline = now() + interval;
-    }
-    timer.round = _round;
-    node.value().deadline = timer.deadline;
-    _due.insert(std::move(node));
 }
 
 bool Loop::openPoll() {
-    if (!_poll) {
+    if (!_poll)
         _poll.reset(epoll_create1(EPOLL_CLOEXEC));
-    }
-    if (!_poll) {
+    if (!_poll)
         dlog_print(DLOG_ERROR, LOG_TAG, "the main loop cannot start: %s", std::strerror(errno));
-    }
     return static_cast<bool>(_poll);
 }
 
 void *Loop::addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Ecore_Fd_Cb bufFunc,
                        void *bufData) {
-    if (!func || !openPoll()) {
+    if (!func || !openPoll())
         return nullptr;
+    void *handle = nullptr;
+    try {
+        handle = _handlers.add(Handler{fd, flags, 0, func, data, bufFunc, bufData});
+        if (bufFunc)
+            _buffered.insert(handle);
+        if (control(EPOLL_CTL_ADD, handle))
+            return handle;
+    } catch (const std::bad_alloc &) {
     }
-    void *const handle = _handlers.add(Handler{fd, flags, 0, func, data, bufFunc, bufData});
-    epoll_event event{};
-    event.events = toEpoll(flags);
-    event.data.ptr = handle;
-    if (epoll_ctl(_poll.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
-        _handlers.remove(handle);
-        return nullptr;
-    }
-    _bufferedHandlers += bufFunc ? 1 : 0;
-    return handle;
+    _buffered.erase(handle);
+    _handlers.remove(handle);
+    return nullptr;
 }
 
 void *Loop::deleteHandler(void *handle) {
-    if (!_handlers.find(handle)) {
+    if (!_handlers.find(handle))
         return nullptr;
-    }
-    const Handler handler = _handlers.remove(handle);
-    epoll_ctl(_poll.get(), EPOLL_CTL_DEL, handler.fd, nullptr);
-    _bufferedHandlers -= handler.bufFunc ? 1 : 0;
-    return handler.data;
-}
-
-bool Loop::isActive(void *handle, unsigned flags) {
-    const Handler *const handler = _handlers.find(handle);
-    return handler && (handler->active & flags) != 0;
+    control(EPOLL_CTL_DEL, handle);
+    _buffered.erase(handle);
+    return _handlers.remove(handle).data;
 }
 
 void Loop::setFlags(void *handle, unsigned flags) {
     Handler *const handler = _handlers.find(handle);
-    if (!handler || handler->flags == flags) {
-        return;
+    if (handler && handler->flags != flags) {
+        handler->flags = flags;
+        control(EPOLL_CTL_MOD, handle);
     }
-    handler->flags = flags;
-    epoll_event event{};
-    event.events = toEpoll(flags);
-    event.data.ptr = handle;
-    epoll_ctl(_poll.get(), EPOLL_CTL_MOD, handler->fd, &event);
 }
 
+bool Loop::control(int operation, void *handle) {
+    const Handler &handler = *_handlers.find(handle);
+    epoll_event event{};
+    event.events = toEpoll(handler.flags);
+    event.data.ptr = handle;
+    return epoll_ctl(_poll.get(), operation, handler.fd, &event) == 0;
+}
+
+unsigned Loop::active(void *handle) {
+    const Handler *const handler = _handlers.find(handle);
+    return handler ? handler->active : 0;
+}
+
+// Walks as deliverTimers() does: the callbacks may change the set.
 bool Loop::deliverBuffered() {
     bool delivered = false;
-    for (std::size_t i = 0; i < _handlers.slotCount(); ++i) {
-        void *const handle = _handlers.handleAt(i);
-        const Handler *const handler = _handlers.find(handle);
-        if (!handler || !handler->bufFunc) {
-            continue;
-        }
-        if (handler->bufFunc(handler->bufData, static_cast<Ecore_Fd_Handler *>(handle))) {
-            callHandler(handle, ECORE_FD_READ);
+    for (auto next = _buffered.begin(); next != _buffered.end();) {
+        void *const handle = *next;
+        const Handler &handler = *_handlers.find(handle);
+        if (handler.bufFunc(handler.bufData, static_cast<Ecore_Fd_Handler *>(handle))) {
+            callHandler(handle, EPOLLIN);
             delivered = true;
         }
+        next = _buffered.upper_bound(handle);
     }
     return delivered;
 }
 
 bool Loop::deliverReady(int timeout) {
-    if (!openPoll()) {
+    if (!openPoll())
         return false;
-    }
     epoll_event events[EVENTS_PER_ROUND];
     const int count = epoll_wait(_poll.get(), events, EVENTS_PER_ROUND, timeout);
     // A nested round has delivered what is left here, and perhaps read it: the next one asks again.
     const std::uint64_t poll = ++_polls;
-    for (int i = 0; i < count && poll == _polls; ++i) {
-        if (const Handler *const handler = _handlers.find(events[i].data.ptr)) {
-            callHandler(events[i].data.ptr, fromEpoll(events[i].events, handler->flags));
-        }
-    }
+    for (int i = 0; i < count && poll == _polls; ++i)
+        callHandler(events[i].data.ptr, events[i].events);
     return count > 0;
 }
 
-void Loop::callHandler(void *handle, unsigned active) {
+// The handler may be gone already: deleted by its own bufFunc or by another one of this round.
+void Loop::callHandler(void *handle, std::uint32_t events) {
     Handler *const handler = _handlers.find(handle);
-    if (!handler) {
-        return; // its own bufFunc has deleted it
-    }
+    if (!handler)
+        return;
     const unsigned outer = handler->active; // of the call that runs this round from inside
-    handler->active = active;
-    const Ecore_Fd_Cb func = handler->func;
-    const Eina_Bool answer = func(handler->data, static_cast<Ecore_Fd_Handler *>(handle));
+    handler->active = fromEpoll(events, handler->flags);
+    const Eina_Bool answer = handler->func(handler->data, static_cast<Ecore_Fd_Handler *>(handle));
     if (answer == ECORE_CALLBACK_CANCEL) {
         deleteHandler(handle);
     } else if (Handler *const left = _handlers.find(handle)) {
@@ -335,12 +311,8 @@ double ecore_time_get(void) {
 }
 
 Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func, const void *data) {
-    try {
-        return static_cast<Ecore_Timer *>(
-            Loop::instance().addTimer(in, func, const_cast<void *>(data), false));
-    } catch (...) {
-        return nullptr;
-    }
+    return static_cast<Ecore_Timer *>(
+        Loop::instance().addTimer(in, func, const_cast<void *>(data), false));
 }
 
 void *ecore_timer_del(Ecore_Timer *timer) {
@@ -350,12 +322,8 @@ void *ecore_timer_del(Ecore_Timer *timer) {
 Ecore_Fd_Handler *ecore_main_fd_handler_add(int fd, Ecore_Fd_Handler_Flags flags, Ecore_Fd_Cb func,
                                             const void *data, Ecore_Fd_Cb buf_func,
                                             const void *buf_data) {
-    try {
-        return static_cast<Ecore_Fd_Handler *>(Loop::instance().addHandler(
-            fd, flags, func, const_cast<void *>(data), buf_func, const_cast<void *>(buf_data)));
-    } catch (...) {
-        return nullptr;
-    }
+    return static_cast<Ecore_Fd_Handler *>(Loop::instance().addHandler(
+        fd, flags, func, const_cast<void *>(data), buf_func, const_cast<void *>(buf_data)));
 }
 
 void *ecore_main_fd_handler_del(Ecore_Fd_Handler *fd_handler) {
@@ -364,7 +332,7 @@ void *ecore_main_fd_handler_del(Ecore_Fd_Handler *fd_handler) {
 
 Eina_Bool ecore_main_fd_handler_active_get(Ecore_Fd_Handler *fd_handler,
                                            Ecore_Fd_Handler_Flags flags) {
-    return Loop::instance().isActive(fd_handler, flags) ? EINA_TRUE : EINA_FALSE;
+    return (Loop::instance().active(fd_handler) & flags) != 0 ? EINA_TRUE : EINA_FALSE;
 }
 
 void ecore_main_fd_handler_active_set(Ecore_Fd_Handler *fd_handler, Ecore_Fd_Handler_Flags flags) {

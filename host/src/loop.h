@@ -3,10 +3,11 @@
 
 #include <cstdint>
 #include <set>
+#include <utility>
 
 #include <Ecore.h>
 
-#include "slot_table.h"
+#include "handles.h"
 #include "unique_fd.h"
 
 namespace host {
@@ -38,40 +39,36 @@ public:
     // Moves the virtual clock.
     void advance(std::int64_t nanoseconds);
 
-    // An internal timer is one of the platform's own; countTimers() leaves it out.
+    // Null when memory ran out, or the arguments are wrong. An internal timer is one of the
+    // platform's own, which countTimers() leaves out.
     void *addTimer(double seconds, Ecore_Task_Cb func, void *data, bool internal);
     void *deleteTimer(void *timer);
     int countTimers() const { return _countedTimers; }
 
+    // Null as above, and when the system cannot watch the descriptor.
     void *addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Ecore_Fd_Cb bufFunc,
                      void *bufData);
     void *deleteHandler(void *handler);
-    bool isActive(void *handler, unsigned flags);
+    // What the handler is being called for; 0 outside its callback.
+    unsigned active(void *handler);
     void setFlags(void *handler, unsigned flags);
 
 private:
     struct Timer {
         std::int64_t deadline = 0;
-        std::uint64_t sequence = 0; // order of creation, decides between equal deadlines
         std::int64_t interval = 0;
         Ecore_Task_Cb func = nullptr;
         void *data = nullptr;
-        std::uint64_t round = 0; // in which it was added or renewed: not due again in this one
         bool internal = false;
+        std::uint64_t round = 0; // in which it was added or renewed: not due again in this one
     };
-    struct Due {
-        std::int64_t deadline;
-        std::uint64_t sequence;
-        void *timer;
-        bool operator<(const Due &other) const {
-            return deadline != other.deadline ? deadline < other.deadline
-                                              : sequence < other.sequence;
-        }
-    };
+    // A deadline and the timer's handle: a later one is greater, so equal deadlines keep the order
+    // of creation.
+    using Due = std::pair<std::int64_t, void *>;
     struct Handler {
         int fd = -1;
         unsigned flags = 0;
-        unsigned active = 0; // what it is being called for; 0 outside its callback
+        unsigned active = 0;
         Ecore_Fd_Cb func = nullptr;
         void *data = nullptr;
         Ecore_Fd_Cb bufFunc = nullptr;
@@ -79,30 +76,28 @@ private:
     };
 
     bool openPoll();
-    bool drain();
     bool jump(std::int64_t latest);
     int waitMilliseconds() const;
     bool deliverBuffered();
     bool deliverReady(int timeout);
-    void callHandler(void *handler, unsigned active);
+    void callHandler(void *handler, std::uint32_t events);
+    bool control(int operation, void *handler);
     bool deliverTimers();
     void fire(std::set<Due>::iterator due);
-    void renew(Timer &timer, std::set<Due>::node_type node);
 
     bool _simulated = false;
     std::int64_t _virtualNow = 0;
     int _users = 0;
     bool _quit = false;
 
-    SlotTable<Timer, 1> _timers;
+    Handles<Timer> _timers;
     std::set<Due> _due; // all timers but those whose callback is running
-    std::uint64_t _sequence = 0;
     std::uint64_t _round = 0;
     int _countedTimers = 0;
 
     UniqueFd _poll;
-    SlotTable<Handler, 2> _handlers;
-    int _bufferedHandlers = 0;
+    Handles<Handler> _handlers;
+    std::set<void *> _buffered; // the handlers with a bufFunc
     std::uint64_t _polls = 0;
 };
 

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "parcel.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <optional>
+#include <new>
 #include <string_view>
-#include <utility>
 
 #include <rpc-port-parcel.h>
 
@@ -29,244 +27,171 @@ namespace host {
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
 enum EncodedType : std::uint8_t { ENCODED_STR = 1, ENCODED_STR_ARRAY = 2, ENCODED_BYTE = 3 };
 
 constexpr std::size_t NUMBER = sizeof(std::uint32_t);
-constexpr std::size_t SMALLEST_TEXT = NUMBER + 1;
-constexpr std::size_t SMALLEST_ENTRY = 1 + SMALLEST_TEXT + 1 + NUMBER;
+constexpr std::size_t SMALLEST_ENTRY = 1 + (NUMBER + 2) + NUMBER;
 constexpr std::size_t USUAL_SIZE = 256;
 
-// Fills room that has been measured before.
-class Writer {
-public:
-    explicit Writer(std::uint8_t *to) : _to(to) {}
+template <typename Put>
+void encodeNumber(std::size_t value, Put &put) {
+    const auto narrow = static_cast<std::uint32_t>(value);
+    put(&narrow, NUMBER);
+}
 
-    void byte(std::uint8_t value) { *_to++ = value; }
-    void number(std::size_t value) {
-        const auto narrow = static_cast<std::uint32_t>(value);
-        copy(&narrow, sizeof narrow);
+template <typename Put>
+void encodeSized(const void *data, std::size_t size, Put &put) {
+    encodeNumber(size, put);
+    put(data, size);
+}
+
+// Calls put(data, size) for one piece after the other, so that what measures is what writes.
+template <typename Put>
+void encodeBundle(const bundle &b, Put put) {
+    encodeNumber(b.entries->count(), put);
+    for (const keyval_t &entry : *b.entries) {
+        const bool isArray = entry.type == BUNDLE_TYPE_STR_ARRAY;
+        const EncodedType type = isArray                         ? ENCODED_STR_ARRAY
+                                 : entry.type == BUNDLE_TYPE_STR ? ENCODED_STR
+                                                                 : ENCODED_BYTE;
+        put(&type, sizeof type);
+        encodeSized(entry.key.data(), entry.key.size() + 1, put);
+        if (!isArray) {
+            encodeSized(entry.value, entry.size, put);
+            continue;
+        }
+        encodeNumber(entry.size, put);
+        for (std::size_t i = 0; i < entry.size; i++)
+            encodeSized(entry.texts()[i], std::strlen(entry.texts()[i]) + 1, put);
     }
-    void sized(const void *data, std::size_t size) {
-        number(size);
-        copy(data, size);
-    }
+}
 
-private:
-    void copy(const void *data, std::size_t size) {
-        std::memcpy(_to, data, size);
-        _to += size;
-    }
-
-    std::uint8_t *_to;
-};
-
-// Consumes bytes from the front. What is not wholly there is not taken.
+// Consumes bytes from the front. What is not wholly there, or not as required, breaks the reader:
+// from then on every value is 0 or empty, and no byte is left.
 class Reader {
 public:
-    Reader(const std::uint8_t *from, std::size_t size) : _from(from), _left(size) {}
+    explicit Reader(std::string_view bytes) : _left(bytes) {}
 
-    std::size_t left() const { return _left; }
+    bool isBroken() const { return _isBroken; }
+    std::size_t left() const { return _left.size(); }
 
-    const std::uint8_t *take(std::size_t size) {
-        if (size > _left)
-            return nullptr;
-        _left -= size;
-        return std::exchange(_from, _from + size);
+    bool require(bool isTrue) {
+        if (!isTrue) {
+            _isBroken = true;
+            _left = {};
+        }
+        return isTrue;
+    }
+
+    std::string_view take(std::size_t size) {
+        if (!require(size <= _left.size()))
+            return {};
+        const std::string_view taken(_left.data(), size);
+        _left.remove_prefix(size);
+        return taken;
     }
 
     template <typename Value>
-    std::optional<Value> value() {
-        const std::uint8_t *bytes = take(sizeof(Value));
-        if (bytes == nullptr)
-            return std::nullopt;
-        Value value;
-        std::memcpy(&value, bytes, sizeof value);
+    Value value() {
+        Value value = 0;
+        const std::string_view bytes = take(sizeof value);
+        if (!bytes.empty())
+            std::memcpy(&value, bytes.data(), sizeof value);
         return value;
     }
 
-    std::optional<std::string_view> sized() {
-        const auto size = value<std::uint32_t>();
-        const std::uint8_t *bytes = size ? take(*size) : nullptr;
-        if (bytes == nullptr)
-            return std::nullopt;
-        return std::string_view(reinterpret_cast<const char *>(bytes), *size);
-    }
+    std::string_view sized() { return take(value<std::uint32_t>()); }
 
-    // Without its terminating zero, which follows.
-    std::optional<std::string_view> text() {
-        const auto bytes = sized();
-        if (!bytes || bytes->empty() || bytes->find('\0') != bytes->size() - 1)
-            return std::nullopt;
-        return bytes->substr(0, bytes->size() - 1);
+    // Without its zero, which follows.
+    std::string_view text() {
+        const std::string_view bytes = sized();
+        if (!require(!bytes.empty() && bytes.find('\0') == bytes.size() - 1))
+            return {};
+        return {bytes.data(), bytes.size() - 1};
     }
 
 private:
-    const std::uint8_t *_from;
-    std::size_t _left;
+    std::string_view _left;
+    bool _isBroken = false;
 };
 
-std::size_t encodedSize(const keyval_t &entry) {
-    std::size_t size = 1 + NUMBER + entry.key.size() + 1 + NUMBER;
-    if (entry.type != BUNDLE_TYPE_STR_ARRAY)
-        return size + entry.size;
-    for (std::size_t i = 0; i < entry.size; i++)
-        size += NUMBER + std::strlen(entry.texts()[i]) + 1;
-    return size;
-}
-
-std::size_t encodedSize(const bundle &b) {
-    std::size_t size = NUMBER;
-    if (b.entries)
-        b.entries->forEach([&](const keyval_t &entry) { size += encodedSize(entry); });
-    return size;
-}
-
-void encode(const keyval_t &entry, Writer &writer) {
-    const bool isText = entry.type == BUNDLE_TYPE_STR;
-    const bool isArray = entry.type == BUNDLE_TYPE_STR_ARRAY;
-    writer.byte(isText ? ENCODED_STR : isArray ? ENCODED_STR_ARRAY : ENCODED_BYTE);
-    writer.sized(entry.key.data(), entry.key.size() + 1);
-    if (!isArray) {
-        writer.sized(entry.value, entry.size);
-        return;
+keyval_t decodeEntry(Reader &reader, Entries &entries, const Memory &memory) {
+    const auto type = reader.value<std::uint8_t>();
+    const std::string_view key = reader.text();
+    reader.require(!key.empty());
+    if (type == ENCODED_STR) {
+        const std::string_view text = reader.text();
+        const auto size = static_cast<std::uint32_t>(text.size() + 1);
+        return {key, BUNDLE_TYPE_STR, size, const_cast<char *>(text.data()), memory};
     }
-    writer.number(entry.size);
-    for (std::size_t i = 0; i < entry.size; i++)
-        writer.sized(entry.texts()[i], std::strlen(entry.texts()[i]) + 1);
-}
-
-void encode(const bundle &b, Writer &writer) {
-    writer.number(b.entries ? b.entries->count() : 0);
-    if (b.entries)
-        b.entries->forEach([&](const keyval_t &entry) { encode(entry, writer); });
+    if (type == ENCODED_STR_ARRAY) {
+        std::vector<std::string_view> texts;
+        for (auto count = reader.value<std::uint32_t>(); count > 0 && !reader.isBroken(); count--)
+            texts.push_back(reader.text());
+        return entries.makeArray(key, texts);
+    }
+    const std::string_view bytes = reader.sized();
+    reader.require(type == ENCODED_BYTE && !bytes.empty());
+    return entries.make(BUNDLE_TYPE_BYTE, key, bytes);
 }
 
 // Builds a bundle from bytes that a peer chose: nothing is believed before it has been checked, and
 // memory is reserved only for what the bytes that are there can hold. Texts stay in one copy of
 // those bytes, so that a bundle costs few allocations however many texts it has.
-class BundleDecoder {
-public:
-    BundleDecoder(const Ref<Block> &block, std::size_t size)
-        : _block(block), _reader(reinterpret_cast<std::uint8_t *>(block->data()), size) {}
-
-    // False: malformed. Throws std::bad_alloc.
-    bool decodeInto(Entries &entries) {
-        const auto count = _reader.value<std::uint32_t>();
-        if (!count || *count > _reader.left() / SMALLEST_ENTRY)
-            return false;
-        entries.reserve(*count);
-        for (std::uint32_t i = 0; i < *count; i++) {
-            std::optional<keyval_t> decoded = entry();
-            if (!decoded || entries.find(decoded->key) != nullptr)
-                return false;
-            entries.add(std::move(*decoded));
-        }
-        return _reader.left() == 0;
+//
+// Null, and the reader broken: malformed. Throws std::bad_alloc.
+bundle *decodeBundle(Reader &reader) {
+    const std::string_view encoded = reader.sized();
+    auto entries = std::make_shared<Entries>();
+    const Memory memory = entries->allocate(encoded.size());
+    Reader inner({memory.get(), encoded.copy(memory.get(), encoded.size())});
+    const auto count = inner.value<std::uint32_t>();
+    if (inner.require(count <= inner.left() / SMALLEST_ENTRY))
+        entries->reserve(count);
+    for (std::uint32_t i = 0; i < count && !inner.isBroken(); i++) {
+        keyval_t entry = decodeEntry(inner, *entries, memory);
+        if (inner.require(!inner.isBroken() && entries->find(entry.key) == nullptr))
+            entries->add(std::move(entry));
     }
-
-private:
-    std::optional<keyval_t> entry() {
-        const auto type = _reader.value<std::uint8_t>();
-        const auto key = _reader.text();
-        if (!type || !key || key->empty())
-            return std::nullopt;
-        switch (*type) {
-        case ENCODED_STR:
-            return textEntry(*key);
-        case ENCODED_STR_ARRAY:
-            return arrayEntry(*key);
-        case ENCODED_BYTE:
-            return byteEntry(*key);
-        default:
-            return std::nullopt;
-        }
-    }
-
-    std::optional<keyval_t> textEntry(std::string_view key) {
-        const auto text = _reader.text();
-        if (!text)
-            return std::nullopt;
-        keyval_t entry;
-        entry.block = _block;
-        entry.key = key;
-        entry.type = BUNDLE_TYPE_STR;
-        entry.size = static_cast<std::uint32_t>(text->size() + 1);
-        entry.value = const_cast<char *>(text->data());
-        return entry;
-    }
-
-    std::optional<keyval_t> arrayEntry(std::string_view key) {
-        const auto count = _reader.value<std::uint32_t>();
-        if (!count || *count > _reader.left() / SMALLEST_TEXT || *count > INT32_MAX)
-            return std::nullopt;
-        std::vector<const char *> texts;
-        texts.reserve(*count);
-        for (std::uint32_t i = 0; i < *count; i++) {
-            const auto text = _reader.text();
-            if (!text)
-                return std::nullopt;
-            texts.push_back(text->data());
-        }
-        return makeArrayEntry(key, texts.data(), texts.size());
-    }
-
-    std::optional<keyval_t> byteEntry(std::string_view key) {
-        const auto bytes = _reader.sized();
-        if (!bytes || bytes->empty())
-            return std::nullopt;
-        return makeEntry(BUNDLE_TYPE_BYTE, key, bytes->data(), bytes->size());
-    }
-
-    const Ref<Block> &_block;
-    Reader _reader;
-};
-
-// Null: malformed. Throws std::bad_alloc.
-std::unique_ptr<bundle> decodeBundle(std::string_view encoded) {
-    Ref<Block> block = Block::make(encoded.size());
-    std::memcpy(block->data(), encoded.data(), encoded.size());
-    auto decoded = std::make_unique<bundle>();
-    decoded->entries = Ref<Entries>(new Entries);
-    if (!BundleDecoder(block, encoded.size()).decodeInto(*decoded->entries))
-        return nullptr;
-    return decoded;
+    return reader.require(!inner.isBroken() && inner.left() == 0) ? new bundle{std::move(entries)}
+                                                                  : nullptr;
 }
 
-// Room for size more bytes at the parcel's end; grows in steps, so that many small writes stay
-// cheap. The parcel is as it was when this throws std::bad_alloc.
-Writer append(Parcel &parcel, std::size_t size) {
-    const std::size_t end = parcel.bytes.size();
-    parcel.bytes.resize(end + size);
-    return Writer(parcel.bytes.data() + end);
-}
-
-template <typename Work>
-int write(rpc_port_parcel_h h, Work work) {
-    if (h == nullptr)
+// Has encode(put) write size bytes at the parcel's end, which grows in steps, so that many small
+// writes stay cheap.
+template <typename Encode>
+int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
+    if (h == nullptr || size > NUMBER + MAX_SIZE)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
+    auto &bytes = static_cast<Parcel *>(h)->bytes;
+    const std::size_t end = bytes.size();
     try {
-        work(*static_cast<Parcel *>(h));
-        return RPC_PORT_ERROR_NONE;
+        bytes.resize(end + size);
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
+    std::uint8_t *to = bytes.data() + end;
+    encode([&](const void *data, std::size_t length) {
+        std::memcpy(to, data, length);
+        to += length;
+    });
+    return RPC_PORT_ERROR_NONE;
 }
 
-// The place of reading moves on only when work(), which stores the value, returns no error.
-template <typename Work>
-int read(rpc_port_parcel_h h, const void *out, Work work) {
+template <typename Value, typename Decode>
+int read(rpc_port_parcel_h h, Value *out, Decode decode) {
     if (h == nullptr || out == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     auto &parcel = *static_cast<Parcel *>(h);
-    const std::size_t left = parcel.bytes.size() - parcel.readPosition;
-    Reader reader(parcel.bytes.data() + parcel.readPosition, left);
+    const std::string_view all(reinterpret_cast<char *>(parcel.bytes.data()), parcel.bytes.size());
+    Reader reader(all.substr(parcel.readPosition));
     try {
-        const int result = work(reader);
-        if (result == RPC_PORT_ERROR_NONE)
-            parcel.readPosition += left - reader.left();
-        return result;
+        const Value value = decode(reader);
+        if (reader.isBroken())
+            return RPC_PORT_ERROR_IO_ERROR;
+        *out = value;
+        parcel.readPosition = all.size() - reader.left();
+        return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
@@ -290,83 +215,60 @@ int rpc_port_parcel_create(rpc_port_parcel_h *h) {
 }
 
 int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
-    if (h == nullptr)
-        return RPC_PORT_ERROR_INVALID_PARAMETER;
     delete static_cast<host::Parcel *>(h);
-    return RPC_PORT_ERROR_NONE;
+    return h != nullptr ? RPC_PORT_ERROR_NONE : RPC_PORT_ERROR_INVALID_PARAMETER;
 }
 
 int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i) {
-    return host::write(h, [=](host::Parcel &parcel) {
-        host::append(parcel, host::NUMBER).number(static_cast<std::uint32_t>(i));
-    });
+    return host::write(h, sizeof i, [=](auto put) { put(&i, sizeof i); });
 }
 
 int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b) {
-    return host::write(h, [=](host::Parcel &parcel) { host::append(parcel, 1).byte(b ? 1 : 0); });
+    const std::uint8_t byte = b ? 1 : 0;
+    return host::write(h, sizeof byte, [=](auto put) { put(&byte, sizeof byte); });
 }
 
 int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
-    const std::size_t size = str != nullptr ? std::strlen(str) + 1 : 0;
-    if (size == 0 || size > host::MAX_SIZE)
+    if (str == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    return host::write(h, [=](host::Parcel &parcel) {
-        host::append(parcel, host::NUMBER + size).sized(str, size);
-    });
+    const std::size_t size = std::strlen(str) + 1;
+    return host::write(h, host::NUMBER + size,
+                       [=](auto put) { host::encodeSized(str, size, put); });
 }
 
 int rpc_port_parcel_write_bundle(rpc_port_parcel_h h, bundle *b) {
-    const std::size_t size = b != nullptr ? host::encodedSize(*b) : 0;
-    if (size == 0 || size > host::MAX_SIZE)
+    if (b == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    return host::write(h, [=](host::Parcel &parcel) {
-        host::Writer writer = host::append(parcel, host::NUMBER + size);
-        writer.number(size);
-        host::encode(*b, writer);
+    std::size_t size = 0;
+    host::encodeBundle(*b, [&](const void *, std::size_t length) { size += length; });
+    return host::write(h, host::NUMBER + size, [=](auto put) {
+        host::encodeNumber(size, put);
+        host::encodeBundle(*b, put);
     });
 }
 
 int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i) {
-    return host::read(h, i, [=](host::Reader &reader) {
-        const auto value = reader.value<std::int32_t>();
-        if (!value)
-            return RPC_PORT_ERROR_IO_ERROR;
-        *i = *value;
-        return RPC_PORT_ERROR_NONE;
-    });
+    return host::read(h, i, [](host::Reader &reader) { return reader.value<int>(); });
 }
 
 int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b) {
-    return host::read(h, b, [=](host::Reader &reader) {
+    return host::read(h, b, [](host::Reader &reader) {
         const auto value = reader.value<std::uint8_t>();
-        if (!value || *value > 1)
-            return RPC_PORT_ERROR_IO_ERROR;
-        *b = *value == 1;
-        return RPC_PORT_ERROR_NONE;
+        reader.require(value <= 1);
+        return value == 1;
     });
 }
 
 int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str) {
-    return host::read(h, str, [=](host::Reader &reader) {
-        const auto text = reader.text();
-        if (!text)
-            return RPC_PORT_ERROR_IO_ERROR;
-        auto copy = static_cast<char *>(std::malloc(text->size() + 1));
-        if (copy == nullptr)
-            return RPC_PORT_ERROR_OUT_OF_MEMORY;
-        std::memcpy(copy, text->data(), text->size() + 1);
-        *str = copy;
-        return RPC_PORT_ERROR_NONE;
+    return host::read(h, str, [](host::Reader &reader) -> char * {
+        const std::string_view text = reader.text();
+        char *copy = reader.isBroken() ? nullptr : strdup(text.data());
+        if (copy == nullptr && !reader.isBroken())
+            throw std::bad_alloc();
+        return copy;
     });
 }
 
 int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b) {
-    return host::read(h, b, [=](host::Reader &reader) {
-        const auto encoded = reader.sized();
-        std::unique_ptr<bundle> decoded = encoded ? host::decodeBundle(*encoded) : nullptr;
-        if (decoded == nullptr)
-            return RPC_PORT_ERROR_IO_ERROR;
-        *b = decoded.release();
-        return RPC_PORT_ERROR_NONE;
-    });
+    return host::read(h, b, host::decodeBundle);
 }

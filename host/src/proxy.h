@@ -8,7 +8,6 @@
 #include <rpc-port.h>
 
 #include "channel.h"
-#include "handshake.h"
 #include "listeners.h"
 #include "unique_fd.h"
 
@@ -17,8 +16,8 @@ namespace host {
 // What stands behind an rpc_port_proxy_h.
 //
 //   idle        no channels
-//   connecting  hello said on both channels, _timer runs: the welcome has not come yet
-//   connected   from the welcome until either channel ends; then idle again
+//   connecting  hello said on both channels; _timer runs until the welcome comes
+//   connected   two channels and no timer, until either of them ends
 //
 // It may be destroyed or connected anew from inside any of its events: whoever fires one holds it
 // by shared_ptr, and the names that the callback is given by their own.
@@ -40,7 +39,6 @@ public:
     Listeners<rpc_port_proxy_received_event_cb> receivedCbs;
 
 private:
-    enum class State { IDLE, CONNECTING, CONNECTED };
     struct Target {
         std::string appId;
         std::string port;
@@ -48,15 +46,12 @@ private:
 
     static Eina_Bool onTimeoutCb(void *data);
 
-    int sayHello(UniqueFd mainSocket, UniqueFd callbackSocket, const std::string &sender);
-    void welcome(const std::vector<std::uint8_t> &bytes);
+    bool isConnected() const { return _main && !_timer; }
+    void sayHello(UniqueFd mainSocket, UniqueFd callbackSocket, const std::string &sender);
+    void onWelcome();
     void end();
     void reset();
-    bool isCurrent(const std::shared_ptr<Channel> &mainChannel) const {
-        return mainChannel == _main;
-    }
 
-    State _state = State::IDLE;
     std::string _sender; // empty: the process's own app id
     std::shared_ptr<const Target> _target;
     std::shared_ptr<Channel> _main;

@@ -44,9 +44,8 @@ const char *faultOf(const std::string &dir) {
         return errno == ENOTDIR || errno == ELOOP ? "it is a link or no directory"
                                                   : std::strerror(errno);
     }
-    if (state.st_uid != geteuid()) {
+    if (state.st_uid != geteuid())
         return "it belongs to another user";
-    }
     return (state.st_mode & 077) != 0 ? "other users may enter it" : nullptr;
 }
 
@@ -96,80 +95,57 @@ UniqueFd connectTo(const sockaddr_un &address) {
     return fd;
 }
 
-void logRefusal(const sockaddr_un &address, const char *reason) {
+bool refuse(const sockaddr_un &address, const char *reason = std::strerror(errno)) {
     dlog_print(DLOG_ERROR, LOG_TAG, "cannot listen at %s: %s", address.sun_path, reason);
+    return false;
 }
 
-void logOtherServer(const std::string &appId, const std::string &port, const UniqueFd &probe) {
+// The probe is a connection to the server that is there, if it takes one.
+bool refuseSecond(const std::string &appId, const std::string &port, const UniqueFd &probe) {
     ucred peer{};
     socklen_t size = sizeof(peer);
-    if (probe) {
+    if (probe)
         getsockopt(probe.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
-    }
     const std::string process = peer.pid > 0 ? "process " + std::to_string(peer.pid) : "a process";
     dlog_print(DLOG_ERROR, LOG_TAG,
                "port \"%s\" of %s is served already, by %s; stop that one first", port.c_str(),
                appId.c_str(), process.c_str());
-}
-
-UniqueFd openLock(const sockaddr_un &address) {
-    const std::string path = std::string(address.sun_path) + ".lock";
-    UniqueFd lock(
-        ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-    if (!lock) {
-        logRefusal(address, std::strerror(errno));
-    }
-    return lock;
+    return false;
 }
 
 // Makes room for our socket: only what a dead process has left behind is removed.
 bool clearPath(const std::string &appId, const std::string &port, const sockaddr_un &address) {
     struct stat state {};
-    if (lstat(address.sun_path, &state) != 0) {
+    if (lstat(address.sun_path, &state) != 0)
         return true; // bind() tells, if it is not for being absent
-    }
-    if (!S_ISSOCK(state.st_mode)) {
-        logRefusal(address, "there is something that is no socket; remove it");
-        return false;
-    }
+    if (!S_ISSOCK(state.st_mode))
+        return refuse(address, "there is something that is no socket; remove it");
     const UniqueFd probe = connectTo(address);
-    if (probe || errno == EAGAIN) {
-        logOtherServer(appId, port, probe);
-        return false;
-    }
-    if (errno != ECONNREFUSED || unlink(address.sun_path) != 0) {
-        logRefusal(address, std::strerror(errno));
-        return false;
-    }
-    return true;
+    if (probe || errno == EAGAIN)
+        return refuseSecond(appId, port, probe);
+    return (errno == ECONNREFUSED && unlink(address.sun_path) == 0) || refuse(address);
 }
 
 } // namespace
 
 bool ListenSocket::open(const std::string &appId, const std::string &port) {
     sockaddr_un address{};
-    if (!findAddress(appId, port, address) || !(_lock = openLock(address))) {
+    if (!findAddress(appId, port, address))
         return false;
-    }
-    if (flock(_lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        logOtherServer(appId, port, connectTo(address));
-        return false;
-    }
-    if (!clearPath(appId, port, address)) {
-        return false;
-    }
     std::string path = address.sun_path;
+    constexpr int FLAGS = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    _lock.reset(::open((path + ".lock").c_str(), FLAGS, 0600));
+    if (!_lock)
+        return refuse(address);
+    if (flock(_lock.get(), LOCK_EX | LOCK_NB) != 0)
+        return refuseSecond(appId, port, connectTo(address));
+    if (!clearPath(appId, port, address))
+        return false;
     _socket = openSocket();
-    if (!_socket || bind(_socket.get(), generic(address), sizeof(address)) != 0) {
-        logRefusal(address, std::strerror(errno));
-        return false;
-    }
+    if (!_socket || bind(_socket.get(), generic(address), sizeof(address)) != 0)
+        return refuse(address);
     _path = std::move(path);
-    if (listen(_socket.get(), BACKLOG) != 0) {
-        logRefusal(address, std::strerror(errno));
-        return false;
-    }
-    return true;
+    return ::listen(_socket.get(), BACKLOG) == 0 || refuse(address);
 }
 
 // The lock goes last: until then nobody else may put a socket there.

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -13,7 +12,6 @@
 #include <app_common.h>
 #include <dlog.h>
 
-#include "guarded.h"
 #include "log_tag.h"
 #include "loop.h"
 #include "names.h"
@@ -22,140 +20,136 @@ namespace host {
 
 namespace {
 
-using Registry = std::map<std::string, std::weak_ptr<Stub>>;
-
-// Of the simulated device: who serves "appid:port".
-Registry &registry() {
-    static auto &stubs = *new Registry;
-    return stubs;
-}
-
 bool isShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 } // namespace
 
-Incoming::~Incoming() {
-    Loop::instance().deleteTimer(_timer);
-    if (_channel) {
-        _channel->close();
-    }
+std::string ownAppId() {
+    char *id = nullptr;
+    if (app_get_id(&id) != 0)
+        return {};
+    const std::unique_ptr<char, void (*)(void *)> owned(id, std::free);
+    return id;
 }
 
-void Incoming::start(const std::shared_ptr<Incoming> &self, UniqueFd socket) {
-    _channel = Channel::open(std::move(socket), MAX_HELLO_BYTES, self);
-    if (!_channel) {
-        throw std::bad_alloc();
-    }
+void Connection::start(UniqueFd socket) {
+    _channels[RPC_PORT_PORT_MAIN] =
+        Channel::open(std::move(socket), MAX_HELLO_BYTES, weak_from_this());
     _timer = Loop::instance().addTimer(HANDSHAKE_SECONDS, onTimeoutCb, this, true);
+    if (!_timer)
+        throw std::bad_alloc();
 }
 
-bool Incoming::matches(const Incoming &other) const {
-    return this != &other && _greeted && _hello.token == other._hello.token;
-}
-
-void Incoming::onFrame(Channel &channel) {
-    const auto stub = _stub.lock();
-    std::vector<std::uint8_t> bytes;
+bool Connection::greet(Channel &channel) {
+    Bytes bytes;
     channel.take(bytes);
-    _greeted = decodeHello(bytes, _hello) && isValidName(_hello.sender.c_str());
-    if (stub && (!_greeted || !stub->greet(*this))) {
-        dlog_print(DLOG_WARN, LOG_TAG, "a client is refused: its hello is not valid");
-        stub->dropIncoming(*this);
-    }
-    if (_channel) {
-        _channel->setMode(Channel::Mode::HOLD);
-    }
+    _hello = decodeHello(bytes);
+    if (!_hello || !isValidName(sender()))
+        return false;
+    if (_hello->kind == RPC_PORT_PORT_CALLBACK)
+        std::swap(_channels[RPC_PORT_PORT_MAIN], _channels[RPC_PORT_PORT_CALLBACK]);
+    channel.keep(_hello->kind == RPC_PORT_PORT_MAIN ? MAX_FRAME_BYTES : 0);
+    return _stub->greet(*this);
 }
 
-void Incoming::onEnd(Channel &) {
-    if (const auto stub = _stub.lock()) {
-        stub->dropIncoming(*this);
-    }
+bool Connection::isOtherHalfOf(const Connection &half) const {
+    return this != &half && _hello && _hello->token == half._hello->token;
 }
 
-Eina_Bool Incoming::onTimeoutCb(void *data) {
-    auto &self = *static_cast<Incoming *>(data);
-    dlog_print(DLOG_WARN, LOG_TAG, "a client is refused: its connection is not complete after %g s",
-               HANDSHAKE_SECONDS);
-    if (const auto stub = self._stub.lock()) {
-        stub->dropIncoming(self);
-    }
-    return ECORE_CALLBACK_CANCEL;
+bool Connection::join(Connection &half) {
+    const auto kind = half._hello->kind;
+    if (_channels[kind] || _hello->sender != half._hello->sender)
+        return false;
+    _channels[kind] = std::move(half._channels[kind]);
+    _channels[kind]->setOwner(weak_from_this());
+    half.close();
+    return true;
 }
 
-Link::Link(std::weak_ptr<Stub> stub, std::string sender, std::string instance,
-           std::shared_ptr<Channel> mainChannel, std::shared_ptr<Channel> callbackChannel)
-    : _stub(std::move(stub)), _sender(std::move(sender)), _instance(std::move(instance)),
-      _main(std::move(mainChannel)), _callback(std::move(callbackChannel)) {}
+void Connection::stand(const std::string &instance) {
+    _instance = instance;
+    Loop::instance().deleteTimer(std::exchange(_timer, nullptr));
+    channel(RPC_PORT_PORT_MAIN).deliver(MAX_FRAME_BYTES);
+}
 
-void Link::close() {
+void Connection::close() {
     _ended = true;
-    _main->close();
-    _callback->close();
-}
-
-void Link::end() {
-    if (_ended) {
-        return;
-    }
-    close();
-    if (const auto stub = _stub.lock()) {
-        stub->fireDisconnected(*this);
-        stub->forget(*this);
+    Loop::instance().deleteTimer(std::exchange(_timer, nullptr));
+    for (const auto &channel : _channels) {
+        if (channel)
+            channel->close();
     }
 }
 
-void Link::onFrame(Channel &) {
-    const auto stub = _stub.lock();
-    if (stub && !_ended) {
-        stub->fireReceived(*this);
+void Connection::end() {
+    if (!_ended) {
+        close();
+        _stub->forget(*this);
     }
 }
 
-// A client that has closed both may have sent requests before: they are still served.
-void Link::onEnd(Channel &channel) {
-    if (&channel == _callback.get() && !channel.hasFailed()) {
-        _main->drain();
-    } else {
+const char *Connection::peer() const {
+    return _hello ? sender() : "a client that has not said hello yet";
+}
+
+void Connection::onFrame(Channel &channel) {
+    if (!_instance.empty()) {
+        _stub->fireReceived(*this);
+    } else if (!greet(channel)) {
+        dlog_print(DLOG_WARN, LOG_TAG, "a client is refused: its hello is not valid");
         end();
     }
 }
 
-std::shared_ptr<Stub> Stub::findSimulated(const std::string &appId, const std::string &port) {
-    const auto entry = registry().find(appId + ":" + port);
-    return entry == registry().end() ? nullptr : entry->second.lock();
+// A client that has closed both may have sent requests before: they are still served.
+void Connection::onEnd(Channel &ended) {
+    const bool drains = !_instance.empty() && !ended.hasFailed() &&
+                        &ended == _channels[RPC_PORT_PORT_CALLBACK].get();
+    drains ? channel(RPC_PORT_PORT_MAIN).drain() : end();
+}
+
+Eina_Bool Connection::onTimeoutCb(void *data) {
+    const auto self = static_cast<Connection *>(data)->shared_from_this();
+    dlog_print(DLOG_WARN, LOG_TAG, "a client is refused: its connection is not complete after %g s",
+               HANDSHAKE_SECONDS);
+    self->end();
+    return ECORE_CALLBACK_CANCEL;
+}
+
+std::shared_ptr<Stub> Stub::findSimulated(const std::string &name) {
+    for (const auto &entry : Handles<std::shared_ptr<Stub>>::instance().all()) {
+        if (entry.second->_name == name)
+            return entry.second;
+    }
+    return nullptr;
 }
 
 int Stub::listen() {
-    if (!_name.empty()) {
+    if (!_name.empty())
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    }
-    char *id = nullptr;
-    if (app_get_id(&id) != 0) {
+    const std::string appId = ownAppId();
+    if (appId.empty()) {
         dlog_print(DLOG_ERROR, LOG_TAG, "cannot serve port \"%s\": the application has no id",
                    _portName.c_str());
         return RPC_PORT_ERROR_IO_ERROR;
     }
-    const std::unique_ptr<char, void (*)(void *)> owned(id, std::free);
-    const std::string appId = id;
     std::string name = appId + ":" + _portName;
     const bool simulated = Loop::instance().isSimulated();
-    if (!(simulated ? listenSimulated(name) : listenReal(appId))) {
+    if (!(simulated ? listenSimulated(name) : listenReal(appId)))
         return RPC_PORT_ERROR_IO_ERROR;
-    }
     _name = std::move(name);
     return RPC_PORT_ERROR_NONE;
 }
 
 bool Stub::listenSimulated(const std::string &name) {
-    const bool isFree = registry().emplace(name, weak_from_this()).second;
-    if (!isFree) {
+    if (findSimulated(name)) {
         dlog_print(DLOG_ERROR, LOG_TAG, "%s is served already; destroy that stub first",
                    name.c_str());
+        return false;
     }
-    return isFree;
+    return true;
 }
 
 bool Stub::listenReal(const std::string &appId) {
@@ -163,51 +157,45 @@ bool Stub::listenReal(const std::string &appId) {
         _acceptHandler = Loop::instance().addHandler(_listenSocket.fd(), ECORE_FD_READ, onAcceptCb,
                                                      this, nullptr, nullptr);
     }
-    if (!_acceptHandler) {
+    if (!_acceptHandler)
         _listenSocket.close();
-    }
     return _acceptHandler != nullptr;
 }
 
 void Stub::destroy() {
-    _destroyed = true;
+    connectedCbs.clear();
+    disconnectedCbs.clear();
+    receivedCbs.clear();
     Loop::instance().deleteTimer(_resumeTimer);
     Loop::instance().deleteHandler(_acceptHandler);
     _listenSocket.close();
-    if (Loop::instance().isSimulated() && !_name.empty()) {
-        registry().erase(_name);
-    }
-    _incoming.clear();
-    for (const auto &entry : _links) {
+    for (const auto &connection : _incoming)
+        connection->close();
+    for (const auto &entry : _standing)
         entry.second->close();
-    }
-    _links.clear();
+    _incoming.clear();
+    _standing.clear();
 }
 
 Eina_Bool Stub::onAcceptCb(void *data, Ecore_Fd_Handler *) {
-    static_cast<Stub *>(data)->acceptOne();
-    return ECORE_CALLBACK_RENEW;
-}
-
-void Stub::acceptOne() {
-    UniqueFd socket(accept4(_listenSocket.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    auto &self = *static_cast<Stub *>(data);
+    UniqueFd socket(
+        accept4(self._listenSocket.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
-        addIncoming(std::move(socket));
+        self.addIncoming(std::move(socket));
     } else if (isShortage(errno)) {
-        pauseAccepting();
+        self.pauseAccepting();
     }
+    return ECORE_CALLBACK_RENEW;
 }
 
 // The client stays in the queue, which would wake us again and again.
 void Stub::pauseAccepting() {
     dlog_print(DLOG_WARN, LOG_TAG, "clients of port \"%s\" have to wait: %s", _portName.c_str(),
                std::strerror(errno));
-    try {
-        _resumeTimer = Loop::instance().addTimer(ACCEPT_PAUSE_SECONDS, onResumeCb, this, true);
+    _resumeTimer = Loop::instance().addTimer(ACCEPT_PAUSE_SECONDS, onResumeCb, this, true);
+    if (_resumeTimer)
         Loop::instance().setFlags(_acceptHandler, 0);
-    } catch (const std::bad_alloc &) {
-        // Without a pause, then: the next round tries again.
-    }
 }
 
 Eina_Bool Stub::onResumeCb(void *data) {
@@ -219,15 +207,14 @@ Eina_Bool Stub::onResumeCb(void *data) {
 
 // The application itself needs descriptors as well, so some are left to it.
 const char *Stub::reasonToRefuse(const UniqueFd &socket) const {
-    if (!isSameUser(socket.get())) {
+    if (!isSameUser(socket.get()))
         return "it belongs to another user";
-    }
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
         static_cast<rlim_t>(socket.get()) + SPARE_DESCRIPTORS >= limit.rlim_cur) {
         return "the process has no descriptors to spare (see ulimit -n)";
     }
-    return _links.size() >= MAX_CONNECTIONS ? "there are too many connections" : nullptr;
+    return _standing.size() >= MAX_CONNECTIONS ? "there are too many connections" : nullptr;
 }
 
 void Stub::addIncoming(UniqueFd socket) {
@@ -240,182 +227,130 @@ void Stub::addIncoming(UniqueFd socket) {
     }
     _refusing = false;
     try {
-        if (_incoming.size() >= MAX_INCOMING) {
+        if (_incoming.size() >= MAX_INCOMING)
             _incoming.erase(_incoming.begin());
-        }
-        auto incoming = std::make_shared<Incoming>(weak_from_this());
-        incoming->start(incoming, std::move(socket));
-        _incoming.push_back(std::move(incoming));
+        auto connection = std::make_shared<Connection>(shared_from_this());
+        connection->start(std::move(socket));
+        _incoming.push_back(std::move(connection));
     } catch (const std::bad_alloc &) {
         dlog_print(DLOG_WARN, LOG_TAG, "a client is refused: out of memory");
     }
 }
 
-void Stub::dropIncoming(const Incoming &incoming) {
-    const auto isIt = [&](const auto &entry) { return entry.get() == &incoming; };
-    const auto entry = std::find_if(_incoming.begin(), _incoming.end(), isIt);
-    if (entry != _incoming.end()) {
-        const auto last = std::move(*entry);
-        _incoming.erase(entry);
-    }
+void Stub::removeIncoming(const Connection &connection) {
+    const auto isIt = [&](const auto &entry) { return entry.get() == &connection; };
+    _incoming.erase(std::remove_if(_incoming.begin(), _incoming.end(), isIt), _incoming.end());
 }
 
-bool Stub::greet(Incoming &incoming) {
-    const auto matches = [&](const auto &entry) { return entry->matches(incoming); };
-    const auto entry = std::find_if(_incoming.begin(), _incoming.end(), matches);
-    if (entry == _incoming.end()) {
+bool Stub::greet(Connection &half) {
+    const auto fits = [&](const auto &entry) { return entry->isOtherHalfOf(half); };
+    const auto entry = std::find_if(_incoming.begin(), _incoming.end(), fits);
+    if (entry == _incoming.end())
         return true;
-    }
-    const auto other = *entry;
-    const bool fits = other->hello().kind != incoming.hello().kind &&
-                      other->hello().sender == incoming.hello().sender;
-    if (fits) {
-        connect(*other, incoming);
-    }
-    return fits;
+    const auto connection = *entry;
+    if (!connection->join(half))
+        return false;
+    removeIncoming(half);
+    removeIncoming(*connection);
+    connection->stand(connection->sender() + (":" + std::to_string(++_instances)));
+    _standing.emplace(connection->instance(), connection);
+    fireConnected(*connection);
+    return true;
 }
 
-void Stub::connect(Incoming &first, Incoming &second) {
-    const bool inOrder = first.hello().kind == ChannelKind::MAIN;
-    auto main = (inOrder ? first : second).takeChannel();
-    auto callback = (inOrder ? second : first).takeChannel();
-    const std::string sender = first.hello().sender;
-    dropIncoming(first);
-    dropIncoming(second);
+Connection *Stub::find(const char *instance) {
+    const auto entry = _standing.find(instance);
+    return entry == _standing.end() ? nullptr : entry->second.get();
+}
 
-    auto link = std::make_shared<Link>(weak_from_this(), sender,
-                                       sender + ":" + std::to_string(++_instances), main, callback);
-    main->setOwner(link);
-    main->setFrameLimit(MAX_FRAME_BYTES);
-    callback->setOwner(link);
-    callback->setFrameLimit(0);
-    _links.emplace(link->instance(), link);
-    main->setMode(Channel::Mode::DELIVER);
-    callback->setMode(Channel::Mode::SILENT);
-
+void Stub::fireConnected(Connection &connection) {
     connectedCbs.each([&](auto cb, void *data) {
-        cb(link->sender(), link->instance().c_str(), data);
-        return !_destroyed && !link->hasEnded();
+        cb(connection.sender(), connection.instance().c_str(), data);
+        return !connection.hasEnded();
     });
-    if (!link->hasEnded()) {
-        main->send(encodeWelcome());
-    }
+    if (!connection.hasEnded())
+        connection.channel(RPC_PORT_PORT_MAIN).send(encodeWelcome());
 }
 
-Link *Stub::findLink(const char *instance) {
-    const auto entry = _links.find(instance);
-    return entry == _links.end() ? nullptr : entry->second.get();
-}
-
-void Stub::forget(const Link &link) {
-    _links.erase(link.instance());
-}
-
-void Stub::fireReceived(Link &link) {
-    const rpc_port_h port = link.channel(RPC_PORT_PORT_MAIN).port();
+void Stub::fireReceived(Connection &connection) {
+    const rpc_port_h port = connection.channel(RPC_PORT_PORT_MAIN).port();
     int answer = 0;
     receivedCbs.each([&](auto cb, void *data) {
-        answer = cb(link.sender(), link.instance().c_str(), port, data);
-        return answer == 0 && !link.hasEnded();
+        answer = cb(connection.sender(), connection.instance().c_str(), port, data);
+        return answer == 0 && !connection.hasEnded();
     });
-    if (answer != 0) {
-        link.end();
-    }
+    if (answer != 0)
+        connection.end();
 }
 
-void Stub::fireDisconnected(const Link &link) {
+void Stub::forget(Connection &connection) {
+    if (connection.instance().empty()) {
+        removeIncoming(connection);
+        return;
+    }
     disconnectedCbs.each([&](auto cb, void *data) {
-        cb(link.sender(), link.instance().c_str(), data);
-        return !_destroyed;
+        cb(connection.sender(), connection.instance().c_str(), data);
+        return true;
     });
+    _standing.erase(connection.instance());
 }
-
-namespace {
-
-SlotTable<std::shared_ptr<Stub>, 4> &stubs() {
-    static auto &table = *new SlotTable<std::shared_ptr<Stub>, 4>;
-    return table;
-}
-
-// Runs work for the stub behind the handle, which stays alive meanwhile.
-template <typename Work>
-int withStub(rpc_port_stub_h h, bool argumentsValid, Work work) {
-    const std::shared_ptr<Stub> *const entry = stubs().find(h);
-    if (!entry || !argumentsValid) {
-        return RPC_PORT_ERROR_INVALID_PARAMETER;
-    }
-    const std::shared_ptr<Stub> stub = *entry;
-    return guarded([&] { return work(*stub); });
-}
-
-} // namespace
 
 } // namespace host
 
 using host::Stub;
 
+using Stubs = host::Handles<std::shared_ptr<Stub>>;
+
 int rpc_port_stub_create(rpc_port_stub_h *h, const char *port_name) {
-    if (!h || !port_name) {
+    if (!h || !port_name)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    }
     if (!host::isValidName(port_name)) {
         dlog_print(DLOG_ERROR, host::LOG_TAG, "the port name \"%s\" is not valid: %s", port_name,
                    host::VALID_NAME_HINT);
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     }
     return host::guarded([&] {
-        *h = host::stubs().add(std::make_shared<Stub>(port_name));
+        *h = Stubs::instance().add(std::make_shared<Stub>(port_name));
         return RPC_PORT_ERROR_NONE;
     });
 }
 
 int rpc_port_stub_destroy(rpc_port_stub_h h) {
-    const std::shared_ptr<Stub> stub = host::stubs().remove(h);
-    if (!stub) {
+    const std::shared_ptr<Stub> stub = Stubs::instance().remove(h);
+    if (!stub)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    }
     stub->destroy();
     return RPC_PORT_ERROR_NONE;
 }
 
 int rpc_port_stub_listen(rpc_port_stub_h h) {
-    return host::withStub(h, true, [](Stub &stub) { return stub.listen(); });
+    return host::guarded<Stub>(h, true, [](Stub &stub) { return stub.listen(); });
 }
 
 int rpc_port_stub_add_connected_event_cb(rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb,
                                          void *data) {
-    return host::withStub(h, cb, [&](Stub &stub) {
-        stub.connectedCbs.add(cb, data);
-        return RPC_PORT_ERROR_NONE;
-    });
+    return host::addListener(h, &Stub::connectedCbs, cb, data);
 }
 
 int rpc_port_stub_add_disconnected_event_cb(rpc_port_stub_h h,
                                             rpc_port_stub_disconnected_event_cb cb, void *data) {
-    return host::withStub(h, cb, [&](Stub &stub) {
-        stub.disconnectedCbs.add(cb, data);
-        return RPC_PORT_ERROR_NONE;
-    });
+    return host::addListener(h, &Stub::disconnectedCbs, cb, data);
 }
 
 int rpc_port_stub_add_received_event_cb(rpc_port_stub_h h, rpc_port_stub_received_event_cb cb,
                                         void *data) {
-    return host::withStub(h, cb, [&](Stub &stub) {
-        stub.receivedCbs.add(cb, data);
-        return RPC_PORT_ERROR_NONE;
-    });
+    return host::addListener(h, &Stub::receivedCbs, cb, data);
 }
 
 int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance,
                            rpc_port_h *port) {
     const bool valid =
         instance && port && (type == RPC_PORT_PORT_MAIN || type == RPC_PORT_PORT_CALLBACK);
-    return host::withStub(h, valid, [&](Stub &stub) -> int {
-        host::Link *const link = stub.findLink(instance);
-        if (!link) {
+    return host::guarded<Stub>(h, valid, [&](Stub &stub) -> int {
+        host::Connection *const connection = stub.find(instance);
+        if (!connection)
             return RPC_PORT_ERROR_INVALID_PARAMETER;
-        }
-        *port = link->channel(type).port();
+        *port = connection->channel(type).port();
         return RPC_PORT_ERROR_NONE;
     });
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -27,88 +28,76 @@ constexpr unsigned SPARE_DESCRIPTORS = 32;
 
 class Stub;
 
-// A socket that has been accepted and is no part of a connection yet: it has to say hello, and then
-// to wait for its other half. Owned by its stub.
-class Incoming : public ChannelOwner {
+// Empty: the application has none.
+std::string ownAppId();
+
+// A client, from the accepted socket to the end.
+//
+//   greeting  one channel, which has to say hello
+//   waiting   it has: _hello; _timer still runs, for its other half has to come
+//   standing  two channels and an _instance
+//
+// It ends once, whatever goes wrong first.
+class Connection : public ChannelOwner, public std::enable_shared_from_this<Connection> {
 public:
-    explicit Incoming(std::weak_ptr<Stub> stub) : _stub(std::move(stub)) {}
-    ~Incoming() override;
+    explicit Connection(std::shared_ptr<Stub> stub) : _stub(std::move(stub)) {}
+    ~Connection() override { close(); }
 
-    void start(const std::shared_ptr<Incoming> &self, UniqueFd socket);
-    bool matches(const Incoming &other) const;
-    const Hello &hello() const { return _hello; }
-    std::shared_ptr<Channel> takeChannel() { return std::move(_channel); }
+    void start(UniqueFd socket);
+    bool isOtherHalfOf(const Connection &half) const;
+    // Takes over what the half is waiting with. False: the two do not fit together.
+    bool join(Connection &half);
+    void stand(const std::string &instance);
 
-    const char *peer() const override { return "a client that has not said hello yet"; }
+    const char *sender() const { return _hello->sender.c_str(); }
+    const std::string &instance() const { return _instance; }
+    Channel &channel(rpc_port_port_type_e type) { return *_channels[type]; }
+    bool hasEnded() const { return _ended; }
+
+    // With the disconnected event if it stands; close() goes without.
+    void end();
+    void close();
+
+    const char *peer() const override;
     void onFrame(Channel &channel) override;
     void onEnd(Channel &channel) override;
 
 private:
     static Eina_Bool onTimeoutCb(void *data);
 
-    std::weak_ptr<Stub> _stub;
-    std::shared_ptr<Channel> _channel; // null once it is part of a connection
+    bool greet(Channel &channel);
+
+    const std::shared_ptr<Stub> _stub; // which destroy() parts from its connections
+    std::optional<Hello> _hello;
+    std::string _instance;
+    std::shared_ptr<Channel> _channels[2]; // by rpc_port_port_type_e; the first until it is known
     void *_timer = nullptr;
-    bool _greeted = false;
-    Hello _hello{};
-};
-
-// A connection: two channels that ended up together. It ends once, whatever goes wrong first.
-class Link : public ChannelOwner {
-public:
-    Link(std::weak_ptr<Stub> stub, std::string sender, std::string instance,
-         std::shared_ptr<Channel> mainChannel, std::shared_ptr<Channel> callbackChannel);
-
-    const char *sender() const { return _sender.c_str(); }
-    const std::string &instance() const { return _instance; }
-    Channel &channel(rpc_port_port_type_e type) {
-        return type == RPC_PORT_PORT_MAIN ? *_main : *_callback;
-    }
-    bool hasEnded() const { return _ended; }
-
-    // With the disconnected event; close() goes without.
-    void end();
-    void close();
-
-    const char *peer() const override { return sender(); }
-    void onFrame(Channel &channel) override;
-    void onEnd(Channel &channel) override;
-
-private:
-    std::weak_ptr<Stub> _stub;
-    const std::string _sender;
-    const std::string _instance;
-    std::shared_ptr<Channel> _main;
-    std::shared_ptr<Channel> _callback;
     bool _ended = false;
 };
 
 // What stands behind an rpc_port_stub_h.
 //
-// It may be destroyed from inside any of its events. Whoever fires one holds it by shared_ptr, and
-// looks at isDestroyed() before each callback.
+// It may be destroyed from inside any of its events: the connection that fires one is kept alive by
+// its channel, and keeps the stub alive. What is destroyed has no listeners and no connections.
 class Stub : public std::enable_shared_from_this<Stub> {
 public:
     explicit Stub(const char *portName) : _portName(portName) {}
 
-    // The stub that serves a port on a simulated device; null when none does.
-    static std::shared_ptr<Stub> findSimulated(const std::string &appId, const std::string &port);
+    // The stub that serves "appid:port" on a simulated device; null when none does.
+    static std::shared_ptr<Stub> findSimulated(const std::string &name);
 
     int listen();
     void destroy();
-    bool isDestroyed() const { return _destroyed; }
 
     // A client's socket. One that cannot be served is closed.
     void addIncoming(UniqueFd socket);
-    void dropIncoming(const Incoming &incoming);
-    // It has said hello: pairs it with its other half or lets it wait. False: it must go.
-    bool greet(Incoming &incoming);
+    // It has said hello: goes together with its other half, or waits for it. False: it must go.
+    bool greet(Connection &half);
 
-    Link *findLink(const char *instance);
-    void forget(const Link &link);
-
-    void fireReceived(Link &link);
-    void fireDisconnected(const Link &link);
+    Connection *find(const char *instance);
+    // It has ended.
+    void forget(Connection &connection);
+    void fireReceived(Connection &connection);
 
     Listeners<rpc_port_stub_connected_event_cb> connectedCbs;
     Listeners<rpc_port_stub_disconnected_event_cb> disconnectedCbs;
@@ -120,21 +109,20 @@ private:
 
     bool listenSimulated(const std::string &name);
     bool listenReal(const std::string &appId);
-    void acceptOne();
     void pauseAccepting();
     const char *reasonToRefuse(const UniqueFd &socket) const;
-    void connect(Incoming &first, Incoming &second);
+    void removeIncoming(const Connection &connection);
+    void fireConnected(Connection &connection);
 
     const std::string _portName;
     std::string _name; // "appid:port"; empty: not listening
-    bool _destroyed = false;
     ListenSocket _listenSocket;
     void *_acceptHandler = nullptr;
     void *_resumeTimer = nullptr; // null: not pausing
     bool _refusing = false;       // since the last client that was let in; keeps the log short
 
-    std::vector<std::shared_ptr<Incoming>> _incoming;                   // the oldest first
-    std::unordered_map<std::string_view, std::shared_ptr<Link>> _links; // by Link::instance()
+    std::vector<std::shared_ptr<Connection>> _incoming; // not standing, the oldest first
+    std::unordered_map<std::string_view, std::shared_ptr<Connection>> _standing; // by instance()
     std::uint64_t _instances = 0;
 };
 

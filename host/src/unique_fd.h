@@ -23,9 +23,8 @@ public:
     explicit operator bool() const { return _fd >= 0; }
 
     void reset(int fd = -1) {
-        if (_fd >= 0) {
+        if (_fd >= 0)
             close(_fd);
-        }
         _fd = fd;
     }
 

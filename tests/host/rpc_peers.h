@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,123 +12,104 @@
 // The next parcel's text; "(none)" when the port has none.
 inline std::string takeText(rpc_port_h port) {
     rpc_port_parcel_h parcel = nullptr;
-    if (rpc_port_parcel_create_from_port(&parcel, port) != RPC_PORT_ERROR_NONE) {
+    if (rpc_port_parcel_create_from_port(&parcel, port) != RPC_PORT_ERROR_NONE)
         return "(none)";
-    }
     char *text = nullptr;
-    EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_read_string(parcel, &text));
+    rpc_port_parcel_read_string(parcel, &text);
+    rpc_port_parcel_destroy(parcel);
     const std::string copy = text ? text : "(no text)";
     std::free(text);
-    rpc_port_parcel_destroy(parcel);
     return copy;
 }
 
 inline int sendText(rpc_port_h port, const std::string &text) {
     rpc_port_parcel_h parcel = nullptr;
-    EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_create(&parcel));
-    EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_write_string(parcel, text.c_str()));
+    rpc_port_parcel_create(&parcel);
+    rpc_port_parcel_write_string(parcel, text.c_str());
     const int result = rpc_port_parcel_send(parcel, port);
     rpc_port_parcel_destroy(parcel);
     return result;
 }
 
-// A stub that writes down its events: "+sender", "-sender" and, unless onReceived takes the parcel,
-// its text. The hooks run after that.
-class Server {
-public:
-    explicit Server(const char *port = "message") {
-        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_stub_create(&handle, port));
-        rpc_port_stub_add_connected_event_cb(handle, connectedCb, this);
-        rpc_port_stub_add_disconnected_event_cb(handle, disconnectedCb, this);
-        rpc_port_stub_add_received_event_cb(handle, receivedCb, this);
-        listened = rpc_port_stub_listen(handle);
-    }
-    ~Server() { destroy(); }
-    void destroy() { rpc_port_stub_destroy(handle); }
+// What a stub and a proxy have in common here: the events so far, and what to do after each.
+struct Peer {
+    void *handle = nullptr;
+    std::string events, instance;
+    std::function<void(const std::string &)> onEvent = [](auto &) {};
+    std::function<rpc_port_h(rpc_port_port_type_e)> find;
 
-    rpc_port_h port(rpc_port_port_type_e type, const std::string &instance) const {
-        rpc_port_h found = nullptr;
-        const int result = rpc_port_stub_get_port(handle, type, instance.c_str(), &found);
-        EXPECT_EQ(result == RPC_PORT_ERROR_NONE, found != nullptr);
-        return found;
+    rpc_port_h port() const { return find(RPC_PORT_PORT_MAIN); }
+    rpc_port_h callbackPort() const { return find(RPC_PORT_PORT_CALLBACK); }
+    void note(const std::string &event) {
+        events += event + " ";
+        const auto hook = onEvent; // which may replace itself
+        hook(event);
     }
-    rpc_port_h lastPort(rpc_port_port_type_e type) const { return port(type, instances.back()); }
-
-    rpc_port_stub_h handle = nullptr;
-    int listened = 0;
-    std::vector<std::string> events;
-    std::vector<std::string> instances;
-    std::function<void()> onConnected = [] {};
-    std::function<void()> onDisconnected = [] {};
-    std::function<int(rpc_port_h)> onReceived = [this](rpc_port_h port) {
-        events.push_back(takeText(port));
-        return 0;
-    };
-
-private:
-    static void connectedCb(const char *sender, const char *instance, void *data) {
-        auto &self = *static_cast<Server *>(data);
-        self.events.push_back(std::string("+") + sender);
-        self.instances.emplace_back(instance);
-        const auto hook = self.onConnected;
-        hook();
-    }
-    static void disconnectedCb(const char *sender, const char *, void *data) {
-        auto &self = *static_cast<Server *>(data);
-        self.events.push_back(std::string("-") + sender);
-        const auto hook = self.onDisconnected;
-        hook();
-    }
-    static int receivedCb(const char *, const char *, rpc_port_h port, void *data) {
-        const auto hook = static_cast<Server *>(data)->onReceived;
-        return hook(port);
+    template <char KIND>
+    static void noteCb(const char *sender, const char *id, void *data) {
+        auto &self = *static_cast<Peer *>(data);
+        self.instance = KIND == '+' ? id : self.instance; // of the latest client
+        self.note(KIND == '+' || KIND == '-' ? KIND + std::string(sender)
+                  : KIND == 'd'              ? "disconnected"
+                  : KIND == 'r'              ? "rejected"
+                                             : takeText(self.callbackPort()));
     }
 };
 
-// A proxy that writes down its events: "connected", "disconnected", "rejected" and the texts that
-// come on the callback port. The hook gets each event after that.
-class Client {
-public:
+// Notes "+sender", "-sender" and, unless onReceived takes the parcel, its text.
+struct Server : Peer {
+    explicit Server(const char *name = "message") {
+        rpc_port_stub_create(&handle, name);
+        addCallbacks();
+        listened = rpc_port_stub_listen(handle);
+        find = [this](auto type) {
+            rpc_port_h found = nullptr;
+            rpc_port_stub_get_port(handle, type, instance.c_str(), &found);
+            return found;
+        };
+    }
+    ~Server() { destroy(); }
+    int destroy() { return rpc_port_stub_destroy(handle); }
+    void addCallbacks() {
+        const auto receivedCb = [](const char *, const char *, rpc_port_h from, void *data) {
+            const auto hook = static_cast<Server *>(data)->onReceived;
+            return hook(from);
+        };
+        rpc_port_stub_add_connected_event_cb(handle, noteCb<'+'>, this);
+        rpc_port_stub_add_disconnected_event_cb(handle, noteCb<'-'>, this);
+        rpc_port_stub_add_received_event_cb(handle, receivedCb, this);
+    }
+
+    int listened;
+    std::function<int(rpc_port_h)> onReceived = [this](auto from) {
+        return note(takeText(from)), 0;
+    };
+};
+
+// Notes "connected", "disconnected", "rejected" and the texts that come on the callback port.
+struct Client : Peer {
     Client() {
-        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_proxy_create(&handle));
-        rpc_port_proxy_add_connected_event_cb(handle, connectedCb, this);
-        rpc_port_proxy_add_disconnected_event_cb(handle, disconnectedCb, this);
-        rpc_port_proxy_add_rejected_event_cb(handle, rejectedCb, this);
-        rpc_port_proxy_add_received_event_cb(handle, receivedCb, this);
+        rpc_port_proxy_create(&handle);
+        addCallbacks();
+        find = [this](auto type) {
+            rpc_port_h found = nullptr;
+            rpc_port_proxy_get_port(handle, type, &found);
+            return found;
+        };
     }
     ~Client() { destroy(); }
-    void destroy() { rpc_port_proxy_destroy(handle); }
-    int connect(const char *port = "message") {
-        return rpc_port_proxy_connect(handle, "demo.app", port);
+    int destroy() { return rpc_port_proxy_destroy(handle); }
+    void addCallbacks() {
+        const auto connectedCb = [](const char *, const char *, rpc_port_h port, void *data) {
+            auto &self = *static_cast<Client *>(data);
+            self.note(self.port() == port ? "connected" : "connected with another port");
+        };
+        rpc_port_proxy_add_connected_event_cb(handle, connectedCb, this);
+        rpc_port_proxy_add_disconnected_event_cb(handle, noteCb<'d'>, this);
+        rpc_port_proxy_add_rejected_event_cb(handle, noteCb<'r'>, this);
+        rpc_port_proxy_add_received_event_cb(handle, noteCb<'t'>, this);
     }
-    rpc_port_h port(rpc_port_port_type_e type) const {
-        rpc_port_h found = nullptr;
-        rpc_port_proxy_get_port(handle, type, &found);
-        return found;
-    }
-    rpc_port_h mainPort() const { return port(RPC_PORT_PORT_MAIN); }
-
-    rpc_port_proxy_h handle = nullptr;
-    std::vector<std::string> events;
-    std::function<void(const std::string &)> onEvent = [](const std::string &) {};
-
-private:
-    static void note(void *data, const std::string &event) {
-        auto &self = *static_cast<Client *>(data);
-        self.events.push_back(event);
-        const auto hook = self.onEvent;
-        hook(event);
-    }
-    static void connectedCb(const char *receiver, const char *, rpc_port_h port, void *data) {
-        EXPECT_STREQ("demo.app", receiver);
-        EXPECT_EQ(static_cast<Client *>(data)->mainPort(), port);
-        note(data, "connected");
-    }
-    static void disconnectedCb(const char *, const char *, void *data) {
-        note(data, "disconnected");
-    }
-    static void rejectedCb(const char *, const char *, void *data) { note(data, "rejected"); }
-    static void receivedCb(const char *, const char *, void *data) {
-        note(data, takeText(static_cast<Client *>(data)->port(RPC_PORT_PORT_CALLBACK)));
+    int connect(const char *name = "message") {
+        return rpc_port_proxy_connect(handle, "demo.app", name);
     }
 };

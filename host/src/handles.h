@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <unordered_map>
+#include <utility>
+
+#include <rpc-port-parcel.h>
+
+namespace host {
+
+inline void *newHandle() {
+    static std::uintptr_t last = 0;
+    return reinterpret_cast<void *>(++last); // NOLINT(performance-no-int-to-ptr)
+}
+
+// What C callers know one kind of thing by. A handle is no address but a number that is used only
+// once in the process: one that is stale, of another kind or plain nonsense is recognised without
+// touching any memory.
+template <typename Value>
+class Handles {
+public:
+    // Never destroyed: applications release things from static destructors.
+    static Handles &instance() {
+        static Handles &handles = *new Handles;
+        return handles;
+    }
+
+    // Throws std::bad_alloc; nothing has changed then.
+    void *add(Value value) {
+        void *const handle = newHandle();
+        _values.emplace(handle, std::move(value));
+        return handle;
+    }
+
+    // Null for a handle that is not in use. The value stays where it is until it is removed.
+    Value *find(void *handle) {
+        const auto entry = _values.find(handle);
+        return entry == _values.end() ? nullptr : &entry->second;
+    }
+
+    // The value comes back, so that its destructor runs only when the table is in order again.
+    Value remove(void *handle) {
+        auto entry = _values.extract(handle);
+        return entry ? std::move(entry.mapped()) : Value{};
+    }
+
+    const std::unordered_map<void *, Value> &all() const { return _values; }
+
+private:
+    std::unordered_map<void *, Value> _values;
+};
+
+// Runs what an exported function does, and turns a lack of memory into its error code.
+template <typename Work>
+int guarded(Work work) {
+    try {
+        return work();
+    } catch (const std::bad_alloc &) {
+        return RPC_PORT_ERROR_OUT_OF_MEMORY;
+    } catch (...) {
+        return RPC_PORT_ERROR_IO_ERROR;
+    }
+}
+
+// The same for the object behind a handle, which stays alive meanwhile.
+template <typename Object, typename Work>
+int guarded(void *handle, bool argumentsValid, Work work) {
+    auto *const entry = Handles<std::shared_ptr<Object>>::instance().find(handle);
+    if (!entry || !argumentsValid)
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
+    const std::shared_ptr<Object> object = *entry;
+    return guarded([&] { return work(*object); });
+}
+
+} // namespace host

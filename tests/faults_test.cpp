@@ -83,33 +83,6 @@ TEST(StartTest, GivesUpForGoodWhenTheCoreCannotBeAllocated) {
         << "the core comes before the arguments";
 }
 
-// Each allocation of start-up fails in turn, in a process of its own: whatever the function says,
-// what it says is true.
-class StartAllocations : public testing::TestWithParam<int> {};
-
-TEST_P(StartAllocations, FailWithoutHarm) {
-    testkit::Simulation device;
-    testkit::failAllocation(GetParam());
-    const int result = nelvo_initialize();
-    const int failed = testkit::stopFailingAllocations();
-    Client client;
-    if (result == NELVO_ERROR_NONE) {
-        const bool deaf = device.countLog(DLOG_ERROR, "Listen", "Failed to listen stub") == 1;
-        EXPECT_NE(client.join(), deaf); // such a refusal by the platform is only logged
-    } else {
-        EXPECT_EQ(failed, 1);
-        EXPECT_FALSE(client.connect());
-        const bool skipped = device.countLog(DLOG_ERROR, "_nelvo_metadata_cb",
-                                             "out of memory, SDK version 1.0 is skipped") == 1;
-        EXPECT_EQ(result == NELVO_ERROR_NOT_SUPPORTED, skipped);
-        EXPECT_TRUE(skipped || result == OOM || result == FAILED) << result;
-        EXPECT_FALSE(device.log().empty());
-    }
-    nelvo_deinitialize();
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, StartAllocations, testing::Range(1, 25));
-
 class FaultsTest : public DrivenApplication {
 protected:
     void SetUp() override {

@@ -61,7 +61,7 @@ Memory Entries::allocate(std::size_t size) {
     size = (size + alignof(Room) - 1) / alignof(Room) * alignof(Room);
     if (size > ROOM_SIZE)
         return Memory(new char[size], std::default_delete<char[]>());
-    if (size > _roomLeft) {
+    if (!_room || size > _roomLeft) {
         auto room = std::make_shared<Room>();
         _room = Memory(room, room->bytes);
         _roomLeft = ROOM_SIZE;

@@ -165,10 +165,7 @@ int level() {
 }
 
 // Both lists are the same arguments: the first shows how long the text is.
-int print(const Entry &entry, const char *fmt, va_list args, va_list again) {
-    const Sink sink = currentSink();
-    if (sink.call == nullptr && entry.prio < level())
-        return 0;
+int print(const Sink &sink, const Entry &entry, const char *fmt, va_list args, va_list again) {
     char start[512];
     const int length = std::vsnprintf(start, sizeof start, fmt, args);
     if (length < 0)
@@ -195,13 +192,16 @@ int dlog_print(log_priority prio, const char *tag, const char *fmt, ...) {
     if (prio < DLOG_VERBOSE || prio > DLOG_FATAL || tag == nullptr || fmt == nullptr)
         return -EINVAL;
     const int errnoBefore = errno; // callers log first and look at it later
-    va_list args;
-    va_list again;
-    va_start(args, fmt);
-    va_start(again, fmt);
-    const int result = print({prio, tag}, fmt, args, again);
-    va_end(again);
-    va_end(args);
+    const Sink sink = currentSink();
+    int result = 0;
+    if (sink.call != nullptr || prio >= level()) {
+        va_list args, again;
+        va_start(args, fmt);
+        va_start(again, fmt);
+        result = print(sink, {prio, tag}, fmt, args, again);
+        va_end(again);
+        va_end(args);
+    }
     errno = errnoBefore;
     return result;
 }

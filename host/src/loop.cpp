@@ -146,7 +146,7 @@ int Loop::waitMilliseconds() const {
 }
 
 // Walks by deadline, from the one before: the callbacks may change the set in any way. What they
-// add or renew waits for the next round, so the walk ends.
+// add waits for the next round, so the walk ends.
 bool Loop::deliverTimers() {
     if (_due.empty())
         return false;
@@ -179,7 +179,6 @@ void Loop::fire(std::set<Due>::iterator due) {
         timer->deadline += interval;
         if (timer->deadline < now())
             timer->deadline = now() + interval;
-        timer->round = _round;
         node.value().first = timer->deadline;
         _due.insert(std::move(node));
     }

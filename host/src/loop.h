@@ -60,7 +60,7 @@ private:
         Ecore_Task_Cb func = nullptr;
         void *data = nullptr;
         bool internal = false;
-        std::uint64_t round = 0; // in which it was added or renewed: not due again in this one
+        std::uint64_t round = 0; // in which it was added: not due in this one
     };
     // A deadline and the timer's handle: a later one is greater, so equal deadlines keep the order
     // of creation.

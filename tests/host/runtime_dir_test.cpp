@@ -20,9 +20,13 @@
 #include <host/log.h>
 #include <host/sim.h>
 
+#include <gtest/gtest.h>
+
 #include "rpc_peers.h"
 
 namespace {
+
+using namespace nelvo::testkit::peers;
 
 void iterate() {
     for (int i = 0; i < 5; ++i)
@@ -39,7 +43,7 @@ std::string hello(char kind, char token = 't', const std::string &sender = "raw"
                  static_cast<char>(sender.size()) + sender);
 }
 
-// A client that speaks bytes, each by itself.
+// A client that speaks bytes.
 class RawClient {
 public:
     explicit RawClient(const std::string &path, const std::string &bytes = "")
@@ -47,14 +51,13 @@ public:
         sockaddr_un address{AF_UNIX, {}};
         path.copy(address.sun_path, sizeof(address.sun_path) - 1);
         EXPECT_EQ(0, connect(_fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)));
-        say(bytes);
+        if (!bytes.empty())
+            say(bytes);
     }
     ~RawClient() { close(_fd); }
     void say(const std::string &bytes) {
-        for (const char byte : bytes) {
-            send(_fd, &byte, 1, MSG_NOSIGNAL);
-            iterate();
-        }
+        send(_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        iterate();
     }
     void shut() { shutdown(_fd, SHUT_WR); }
     // What has come; then "|" if the server has closed.
@@ -202,8 +205,9 @@ TEST_F(RuntimeDirTest, SpeaksTheDocumentedProtocolAndEndsOnlyTheConnectionThatDo
         return server.note("frame"), rpc_port_parcel_destroy(parcel);
     };
     const auto changed = [](std::size_t at) { return hello(0).replace(at, 1, 1, '\x02'); };
-    RawClient goodMain(path, hello(0, 'g')), goodCallback(path, hello(1, 'g'));
-    goodMain.say(frame("") + frame("abc"));
+    RawClient goodMain(path), goodCallback(path, hello(1, 'g'));
+    for (const char byte : hello(0, 'g') + frame("") + frame("abc"))
+        goodMain.say({byte}); // however it is cut
     const std::string pair = "+raw -raw ";
     const struct {
         const char *what;
@@ -229,6 +233,8 @@ TEST_F(RuntimeDirTest, SpeaksTheDocumentedProtocolAndEndsOnlyTheConnectionThatDo
         {"a callback channel that goes on", hello(0), hello(1) + "x", pair},
         {"a frame on it", hello(0), hello(1) + frame(""), pair},
         {"a frame too long", hello(1), hello(0) + std::string("\1\0\0\1", 4), pair},
+        {"what comes before the other half", hello(0) + frame("a"), hello(1), "+raw frame -raw ",
+         1},
         {"half a header", hello(1), hello(0) + "\1", pair, 2},
         {"half a frame", hello(1), hello(0) + frame("a") + "\1", "+raw frame -raw ", 2},
         {"end of the main channel", hello(1), hello(0), pair, 2},

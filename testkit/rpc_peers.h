@@ -3,11 +3,12 @@
 
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string>
 
-#include <gtest/gtest.h>
-
 #include <rpc-port.h>
+
+namespace nelvo::testkit::peers {
 
 // The next parcel's text; "(none)" when the port has none.
 inline std::string takeText(rpc_port_h port) {
@@ -17,9 +18,8 @@ inline std::string takeText(rpc_port_h port) {
     char *text = nullptr;
     rpc_port_parcel_read_string(parcel, &text);
     rpc_port_parcel_destroy(parcel);
-    const std::string copy = text ? text : "(no text)";
-    std::free(text);
-    return copy;
+    const std::unique_ptr<char, void (*)(void *)> owned(text, std::free);
+    return text ? text : "(no text)";
 }
 
 inline int sendText(rpc_port_h port, const std::string &text) {
@@ -113,3 +113,5 @@ struct Client : Peer {
         return rpc_port_proxy_connect(handle, "demo.app", name);
     }
 };
+
+} // namespace nelvo::testkit::peers

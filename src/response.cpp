@@ -85,6 +85,8 @@ int sendResponse(bundle *response) {
         NELVO_LOGE("response error: NotConnectedSocketException");
     } catch (const stub::InvalidCallbackException &) {
         NELVO_LOGE("response error: InvalidCallbackException");
+    } catch (const stub::InvalidIOException &) {
+        NELVO_LOGE("response error: InvalidIOException");
     } catch (...) {
         return logException(__func__);
     }

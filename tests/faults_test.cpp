@@ -148,11 +148,14 @@ TEST_F(FaultsTest, OfThePlatformAreToldAndLeaveTheNextRequestWhole) {
         {"app_get_id", "play", 1, FAILED, "", "E sendResponse: app_get_id failed ERROR[-1]"},
         {"app_get_id", "getAppContext", 1, 0, "", "E sendResponse: app_get_id failed ERROR[-1]"},
         {"rpc_port_parcel_create", "play", 1, 0, success, nullptr}, // the reply, which Send has not
-        {"rpc_port_parcel_create", "play", 2, FAILED, "", "E sendResponse: "},
-        {"rpc_port_parcel_write_int32", "play", 2, FAILED, "", "E sendResponse: "},
-        {"rpc_port_parcel_write_bool", "play", 1, FAILED, "", "E sendResponse: "},
-        {"rpc_port_parcel_write_string", "play", 1, FAILED, "", "E sendResponse: "},
-        {"rpc_port_parcel_write_bundle", "play", 1, FAILED, "", "E sendResponse: "},
+        {"rpc_port_parcel_create", "play", 2, FAILED, "", "response error: InvalidIOException"},
+        {"rpc_port_parcel_write_int32", "play", 2, FAILED, "",
+         "response error: InvalidIOException"},
+        {"rpc_port_parcel_write_bool", "play", 1, FAILED, "", "response error: InvalidIOException"},
+        {"rpc_port_parcel_write_string", "play", 1, FAILED, "",
+         "response error: InvalidIOException"},
+        {"rpc_port_parcel_write_bundle", "play", 1, FAILED, "",
+         "response error: InvalidIOException"},
         {"rpc_port_parcel_send", "play", 1, 0, "", nullptr},
     };
     for (const auto &row : rows) {

@@ -143,7 +143,7 @@ TEST_P(RequestTest, IsAnsweredOnceAndOnlyWhilePending) {
         {"after the client has gone", [this] { client.disconnect(); }, kind.unreached, 0, gone},
         {"after UnsetCB", [this] { client.unsetCb(); }, kind.unreached, 0,
          "demo.client has no response callback"},
-        {"after a restart", [this] { restart(); }, NONE, 0, forgotten},
+        {"after a restart", [] { restart(); }, NONE, 0, forgotten},
     };
     for (const auto &moment : moments) {
         SCOPED_TRACE(moment.when);

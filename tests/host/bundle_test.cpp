@@ -42,7 +42,7 @@ TEST(BundleTest, GivesBackWhatItWasGivenWhateverItRefused) {
     void *byte = nullptr;
     size_t size = 0;
     int len = -7;
-    for (const std::size_t length : {400, 100000}) { // leaves no zeros behind in memory
+    for (const std::size_t length : {400u, 100000u}) { // leaves no zeros behind in memory
         const std::string longText(length, 'x');
         EXPECT_EQ(0, bundle_add_str(b, "str", longText.c_str()));
         EXPECT_EQ("str 2/" + longText + '\0' + " ", contents(b));

@@ -17,7 +17,7 @@
 namespace {
 
 // In place of a timer's seconds: a descriptor with nothing to read, and one with something.
-enum Descriptor { EMPTY = 1000, FULL };
+constexpr double EMPTY = 1000, FULL = 1001;
 
 // A timer or handler that notes its name and the time when it is called, and then does what its
 // script says:

@@ -136,19 +136,23 @@ TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {
     start();
     const std::size_t limit = (16 << 20) - 5; // of a text
     std::string sent;
+    server->onEvent = [&](const std::string &event) {
+        if (event == "+c") // the client hears it when it knows that it is connected
+            sendText(server->callbackPort(), "early");
+    };
     host_sim_advance(0);
     for (const std::size_t size : {0UL, 1UL, 70'000UL, 200UL, limit, 262'135UL, 262'139UL, 3UL}) {
         const std::string text(size, static_cast<char>('a' + size % 26));
         sent += text + " ";
         sendText(client->port(), text);
         sendText(server->callbackPort(), text);
-        for (int rounds = size < limit ? 1 : 50; rounds > 0; --rounds)
+        for (int rounds = size < limit ? 1 : 100; rounds > 0; --rounds)
             ecore_main_loop_iterate(); // makes room in a socket while there is a queue for it
     }
     EXPECT_EQ(RPC_PORT_ERROR_INVALID_PARAMETER,
               sendText(client->port(), std::string(limit + 1, 'x')));
     EXPECT_TRUE("+c " + sent == news(*server));
-    EXPECT_TRUE("connected " + sent == news(*client));
+    EXPECT_TRUE("connected early " + sent == news(*client));
 }
 
 TEST_F(RpcPortTest, EndsTheConnectionOfAClientThatDoesNotReadOutsideTheSend) {
@@ -171,7 +175,7 @@ TEST_F(RpcPortTest, RefusesWrongNamesAndHandles) {
     EXPECT_EQ("+c ", news(*server));
     rpc_port_h port = nullptr;
     rpc_port_stub_h const gone = server->handle;
-    const int refused[] = {
+    const int results[] = {
         rpc_port_stub_create(&port, "a/b"),
         Client().connect(".."),
         client->connect(),
@@ -181,13 +185,17 @@ TEST_F(RpcPortTest, RefusesWrongNamesAndHandles) {
         sendText(server->handle, "x"),
         server->destroy() + rpc_port_stub_destroy(gone),
     };
-    for (std::size_t i = 0; i < std::size(refused); ++i)
-        EXPECT_EQ(RPC_PORT_ERROR_INVALID_PARAMETER, refused[i]) << "call " << i;
+    for (std::size_t i = 0; i < std::size(results); ++i)
+        EXPECT_EQ(RPC_PORT_ERROR_INVALID_PARAMETER, results[i]) << "call " << i;
     EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Client().connect("unserved"));
     start();
     EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Server().listened);
     for (const auto &sender : {std::string("../a"), std::string("a\x1b"), std::string(999, 'a')})
         EXPECT_EQ("rejected ", news(*connecting(sender))) << sender;
+    const auto refused = connecting("-");
+    refused->addCallbacks(); // the second one is not called any more
+    refused->onEvent = [&](const std::string &) { refused->destroy(); };
+    EXPECT_EQ("rejected ", news(*refused));
     host_sim_set_manifest(nullptr);
     EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Server("other").listened);
     EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Client().connect());

@@ -15,12 +15,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <Ecore.h>
 
 #include <host/log.h>
 #include <host/sim.h>
-
-#include <gtest/gtest.h>
 
 #include "rpc_peers.h"
 
@@ -254,6 +254,8 @@ TEST_F(RuntimeDirTest, SpeaksTheDocumentedProtocolAndEndsOnlyTheConnectionThatDo
         EXPECT_TRUE(closed || last.heard() == "|");
         EXPECT_EQ(row.events, server.events);
     }
+    RawClient(path, hello(0) + frame("left behind"));
+    host_sim_advance(1); // would never return if it spun
     EXPECT_EQ(std::string("\5\0\0\0NVRP\1", 9), goodMain.heard());
     EXPECT_EQ(std::string("\0\0\0\0\3\0\0\0abc", 11), goodCallback.heard());
 }

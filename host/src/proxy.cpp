@@ -119,10 +119,8 @@ void Proxy::reset() {
 
 void Proxy::destroy() {
     reset();
-    connectedCbs.clear();
-    disconnectedCbs.clear();
+    disconnectedCbs.clear(); // the others are called for the present channels only
     rejectedCbs.clear();
-    receivedCbs.clear();
 }
 
 Channel *Proxy::channel(rpc_port_port_type_e type) const {

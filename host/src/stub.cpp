@@ -163,9 +163,7 @@ bool Stub::listenReal(const std::string &appId) {
 }
 
 void Stub::destroy() {
-    connectedCbs.clear();
-    disconnectedCbs.clear();
-    receivedCbs.clear();
+    disconnectedCbs.clear(); // the others are not called for a connection that has ended
     Loop::instance().deleteTimer(_resumeTimer);
     Loop::instance().deleteHandler(_acceptHandler);
     _listenSocket.close();
@@ -268,8 +266,7 @@ void Stub::fireConnected(Connection &connection) {
         cb(connection.sender(), connection.instance().c_str(), data);
         return !connection.hasEnded();
     });
-    if (!connection.hasEnded())
-        connection.channel(RPC_PORT_PORT_MAIN).send(encodeWelcome());
+    connection.channel(RPC_PORT_PORT_MAIN).send(encodeWelcome());
 }
 
 void Stub::fireReceived(Connection &connection) {

@@ -78,7 +78,7 @@ private:
 // What stands behind an rpc_port_stub_h.
 //
 // It may be destroyed from inside any of its events: the connection that fires one is kept alive by
-// its channel, and keeps the stub alive. What is destroyed has no listeners and no connections.
+// its channel, and keeps the stub alive. All connections of a stub that is destroyed have ended.
 class Stub : public std::enable_shared_from_this<Stub> {
 public:
     explicit Stub(const char *portName) : _portName(portName) {}

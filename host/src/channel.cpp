@@ -3,11 +3,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+
+#include <dlog.h>
 
 #include "handles.h"
 #include "log_tag.h"
@@ -99,10 +102,10 @@ void Channel::wantTurn() {
         fail(OUT_OF_MEMORY);
 }
 
-void Channel::fail(const char *reason, log_priority priority) {
+void Channel::fail(const char *reason) {
     if (!_failed && isOpen()) {
         const auto owner = _owner.lock();
-        dlog_print(priority, LOG_TAG, "the connection with %s is ended: %s",
+        dlog_print(DLOG_WARN, LOG_TAG, "the connection with %s is ended: %s",
                    owner ? owner->peer() : "a client", reason);
         shutdown(_socket.get(), SHUT_RDWR);
     }
@@ -270,7 +273,7 @@ bool Channel::pollOnce(std::int64_t deadline) {
 }
 
 int Channel::send(const Bytes &payload) {
-    if (!isOpen() || _failed)
+    if (!isOpen() || _failed || _deserted)
         return RPC_PORT_ERROR_IO_ERROR;
     if (payload.size() > MAX_FRAME_BYTES) {
         dlog_print(DLOG_ERROR, LOG_TAG, "a parcel of %zu bytes is not sent: the limit is %zu",
@@ -289,13 +292,25 @@ int Channel::send(const Bytes &payload) {
     return sent < HEADER_BYTES + payload.size() ? enqueue(parts, sent) : RPC_PORT_ERROR_NONE;
 }
 
+// What has come before is still delivered.
+void Channel::desert() {
+    const auto owner = _owner.lock();
+    dlog_print(DLOG_INFO, LOG_TAG, "nothing more can be sent to %s: %s",
+               owner ? owner->peer() : "a client", std::strerror(errno));
+    _deserted = true;
+    _queue.clear();
+    _queueStart = 0;
+    drain();
+    watch();
+}
+
 bool Channel::transmit(iovec *parts, std::size_t count, std::size_t &sent) {
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
     const ssize_t result = sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (result < 0 && !isTemporary(errno)) {
-        fail("the other side is gone", DLOG_INFO);
+        desert();
         return false;
     }
     sent = result < 0 ? 0 : static_cast<std::size_t>(result);

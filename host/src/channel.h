@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <Ecore.h>
-#include <dlog.h>
 #include <rpc-port.h>
 
 #include "parcel.h"
@@ -75,7 +74,8 @@ public:
     void close();
 
     // Both give an rpc-port error. A payload that is too long is refused and changes nothing; any
-    // other failure ends the channel.
+    // other failure ends the channel. When it is for want of the other side, what that has said
+    // before it went is delivered first.
     int send(const Bytes &payload);
     int take(Bytes &payload);
 
@@ -87,7 +87,7 @@ private:
     void turn(bool readable);
     void offerFrame(ChannelOwner &owner);
     void end();
-    void fail(const char *reason, log_priority priority = DLOG_WARN);
+    void fail(const char *reason);
     void watch();
     void wantTurn();
 
@@ -103,6 +103,7 @@ private:
     bool awaitFrame();
     bool pollOnce(std::int64_t deadline);
 
+    void desert();
     bool transmit(iovec *parts, std::size_t count, std::size_t &sent);
     int enqueue(const iovec (&parts)[2], std::size_t sent);
     void flush();
@@ -115,6 +116,7 @@ private:
     std::size_t _frameLimit = 0;
     bool _keeping = false;
     bool _failed = false;
+    bool _deserted = false; // nothing can be sent any more
 
     // Received: at most one frame in the making, then bytes behind it that nobody has looked at.
     std::size_t _headerFilled = 0; // 0: no frame has begun

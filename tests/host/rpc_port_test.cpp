@@ -49,6 +49,7 @@ protected:
 TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
     const auto take = [&](rpc_port_h port) { return server->note(takeText(port)), 0; };
     const auto takeTwice = [&](rpc_port_h port) { return take(port), take(port); };
+    const auto answerFirst = [&](rpc_port_h port) { return sendText(port, "!"), take(port); };
     const auto leave = [&](rpc_port_h) { return server->note("got"), 0; };
     const auto refuse = [&](rpc_port_h port) {
         return take(port), server->events == "+c 1 " ? -5 : 0;
@@ -73,6 +74,8 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
         {"in order", take, "1a2b.3c.", "+c 1 2 3 ", "connected a b c "},
         {"the client's last words", take, "ab12C.", "+c 1 2 -c ", "connected "},
         {"the server's last words", take, "12abcS.", "+c ", "connected a b c disconnected "},
+        {"last words, answered", answerFirst, "12C.", "+c 1 2 -c ", "connected "},
+        {"last words, interrupted", take, "abS1.", "+c ", "connected a b disconnected "},
         {"taken twice", takeTwice, "1.2.", "+c 1 (none) 2 (none) ", "connected "},
         {"not taken", leave, "12.", "+c got got ", "connected "},
         {"a refusal", refuse, "12.R.3.", "+c 1 -c +c 3 ", "connected disconnected connected "},

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,6 +62,10 @@ std::string manifestPath() {
     return path + MANIFEST_NAME;
 }
 
+// What app_get_id() has found, since it is asked for with every answer. Empty: not known yet.
+std::mutex idMutex;
+std::string &knownId = *new std::string; // never destroyed, as below
+
 using SharedManifest = std::shared_ptr<const Manifest>;
 
 // Read and written atomically. Null: not needed yet. Never destroyed: applications ask from their
@@ -89,6 +94,8 @@ SharedManifest manifest() {
 void install(Manifest parsed) {
     auto installed = std::make_shared<const Manifest>(std::move(parsed));
     std::atomic_store(&current(), SharedManifest(installed));
+    std::lock_guard<std::mutex> lock(idMutex);
+    knownId.clear();
     logIfBroken(*installed);
 }
 
@@ -144,10 +151,12 @@ int app_get_id(char **id) {
     if (id == nullptr)
         return APP_ERROR_INVALID_PARAMETER;
     try {
-        const std::string own = host::ownId();
-        if (own.empty())
+        std::lock_guard<std::mutex> lock(host::idMutex);
+        if (host::knownId.empty())
+            host::knownId = host::ownId();
+        if (host::knownId.empty())
             return APP_ERROR_INVALID_CONTEXT;
-        char *copy = strdup(own.c_str());
+        char *copy = strdup(host::knownId.c_str());
         if (copy == nullptr)
             return APP_ERROR_OUT_OF_MEMORY;
         *id = copy;

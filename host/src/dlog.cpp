@@ -2,6 +2,7 @@
 #include <dlog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -49,10 +50,9 @@ struct Sink {
 std::mutex sinkMutex;
 Sink installedSink;
 
-Sink currentSink() {
-    std::lock_guard<std::mutex> lock(sinkMutex);
-    return installedSink;
-}
+// The least priority that goes anywhere, so that what goes nowhere costs nothing more.
+std::atomic<int> threshold{0}; // 0: not known yet
+
 
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
@@ -164,6 +164,14 @@ int level() {
     return value;
 }
 
+Sink currentSink() {
+    const int own = level(); // before the lock: it may have something to say
+    std::lock_guard<std::mutex> lock(sinkMutex);
+    threshold.store(installedSink.call != nullptr ? int{DLOG_VERBOSE} : own,
+                    std::memory_order_relaxed);
+    return installedSink;
+}
+
 // Both lists are the same arguments: the first shows how long the text is.
 int print(const Sink &sink, const Entry &entry, const char *fmt, va_list args, va_list again) {
     char start[512];
@@ -191,6 +199,8 @@ int print(const Sink &sink, const Entry &entry, const char *fmt, va_list args, v
 int dlog_print(log_priority prio, const char *tag, const char *fmt, ...) {
     if (prio < DLOG_VERBOSE || prio > DLOG_FATAL || tag == nullptr || fmt == nullptr)
         return -EINVAL;
+    if (prio < threshold.load(std::memory_order_relaxed))
+        return 0;
     const int errnoBefore = errno; // callers log first and look at it later
     const Sink sink = currentSink();
     int result = 0;
@@ -209,4 +219,5 @@ int dlog_print(log_priority prio, const char *tag, const char *fmt, ...) {
 void host_log_set_sink(host_log_sink sink, void *data) {
     std::lock_guard<std::mutex> lock(sinkMutex);
     installedSink = {sink, data};
+    threshold.store(0, std::memory_order_relaxed);
 }

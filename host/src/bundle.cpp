@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bundle_impl.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace host {
@@ -10,22 +11,7 @@ namespace host {
 namespace {
 
 constexpr std::size_t LONGEST_SCAN = 16;
-constexpr std::size_t USUAL_COUNT = 4;
 constexpr std::size_t ROOM_SIZE = 512;
-
-struct alignas(std::max_align_t) Room {
-    Room() {} // not zeroed
-    char bytes[ROOM_SIZE];
-};
-
-// What may be changed without any other bundle, or a running bundle_foreach(), noticing.
-Entries &ownEntries(bundle *b) {
-    if (b->entries.use_count() > 1)
-        b->entries = std::make_shared<Entries>(*b->entries);
-    // What former owners, on other threads, read of the entries they have read before we change it.
-    std::atomic_thread_fence(std::memory_order_acquire);
-    return *b->entries;
-}
 
 // The entry comes from make(), which is called only when the key can be added.
 template <typename Make>
@@ -36,7 +22,7 @@ int add(bundle *b, const char *key, Make make) {
     if (b->entries->find(name) != nullptr)
         return BUNDLE_ERROR_KEY_EXISTS;
     try {
-        Entries &entries = ownEntries(b);
+        Entries &entries = b->own();
         entries.add(make(entries, name));
         return BUNDLE_ERROR_NONE;
     } catch (...) {
@@ -57,27 +43,77 @@ int get(bundle *b, const char *key, int type, const keyval_t *&entry) {
 
 } // namespace
 
-Memory Entries::allocate(std::size_t size) {
-    size = (size + alignof(Room) - 1) / alignof(Room) * alignof(Room);
-    if (size > ROOM_SIZE)
-        return Memory(new char[size], std::default_delete<char[]>());
-    if (!_room || size > _roomLeft) {
-        auto room = std::make_shared<Room>();
-        _room = Memory(room, room->bytes);
-        _roomLeft = ROOM_SIZE;
+namespace {
+
+constexpr std::size_t HOME_SIZE = sizeof(Entries) + sizeof(bundle) + ROOM_SIZE;
+
+} // namespace
+
+Entries::Entries(const Memory &home)
+    : _home(home), _room(home), _roomUsed(sizeof(Entries) + sizeof(bundle)), _roomSize(HOME_SIZE) {}
+
+Entries::~Entries() {
+    for (std::size_t i = 0; i < _count; i++)
+        _entries[i].~keyval_t();
+    if (_capacity > USUAL_COUNT)
+        ::operator delete(_entries);
+}
+
+Entries::User Entries::create() {
+    const Memory home(HOME_SIZE);
+    return User(new (home.bytes()) Entries(home));
+}
+
+Entries::User Entries::copy() const {
+    User copy = create();
+    copy->reserve(_count);
+    copy->_index = _index;
+    for (const keyval_t &entry : *this)
+        new (&copy->_entries[copy->_count++]) keyval_t(entry);
+    return copy;
+}
+
+void Entries::removeUser() {
+    if (_users.fetch_sub(1, std::memory_order_acq_rel) > 1)
+        return;
+    const Memory home = std::move(_home); // lasts until we are done here
+    this->~Entries();
+}
+
+bundle *Entries::makeBundle(User created) noexcept {
+    Entries *const entries = created.get();
+    return new (entries + 1) bundle{std::move(created), entries->_home};
+}
+
+void Entries::reserve(std::size_t count) {
+    if (count <= _capacity)
+        return;
+    auto *const to = static_cast<keyval_t *>(::operator new(count * sizeof(keyval_t)));
+    for (std::size_t i = 0; i < _count; i++) {
+        new (&to[i]) keyval_t(std::move(_entries[i]));
+        _entries[i].~keyval_t();
     }
-    Memory taken(_room, _room.get() + (ROOM_SIZE - _roomLeft));
-    _roomLeft -= size;
-    return taken;
+    if (_capacity > USUAL_COUNT)
+        ::operator delete(_entries);
+    _entries = to;
+    _capacity = count;
 }
 
 // Its value is to be filled in.
 keyval_t Entries::makeEmpty(int type, std::string_view key, std::size_t size) {
-    Memory memory = allocate(size + key.size() + 1);
-    char *value = memory.get();
+    constexpr std::size_t ALIGNMENT = alignof(std::max_align_t);
+    const std::size_t needed = (size + key.size() + ALIGNMENT) / ALIGNMENT * ALIGNMENT;
+    if (needed > _roomSize - _roomUsed) {
+        const std::size_t roomSize = std::max(needed, ROOM_SIZE);
+        _room = Memory(roomSize);
+        _roomSize = roomSize;
+        _roomUsed = 0;
+    }
+    char *value = _room.bytes() + _roomUsed;
     char *name = value + size;
     name[key.copy(name, key.size())] = '\0';
-    return {{name, key.size()}, type, static_cast<std::uint32_t>(size), value, std::move(memory)};
+    _roomUsed += needed;
+    return {{name, key.size()}, type, static_cast<std::uint32_t>(size), value, _room};
 }
 
 keyval_t Entries::make(int type, std::string_view key, std::string_view value) {
@@ -105,50 +141,59 @@ keyval_t Entries::makeArray(std::string_view key, const std::vector<std::string_
 }
 
 const keyval_t *Entries::find(std::string_view key) const {
-    for (std::size_t i = _index.size(); i < _entries.size(); i++) {
-        if (_entries[i].key == key)
-            return &_entries[i];
+    for (const keyval_t *entry = begin() + _index.size(); entry != end(); entry++) {
+        if (entry->key == key)
+            return entry;
     }
+    if (_index.empty())
+        return nullptr;
     const auto found = _index.find(key);
     return found != _index.end() ? &_entries[found->second] : nullptr;
 }
 
 void Entries::add(keyval_t &&entry) {
+    if (_count == _capacity)
+        reserve(2 * _count);
     // An older entry, so that there is nothing to undo when no memory is left for the new one.
-    if (_entries.size() - _index.size() == LONGEST_SCAN)
+    if (_count - _index.size() == LONGEST_SCAN)
         _index.emplace(_entries[_index.size()].key, _index.size());
-    _entries.push_back(std::move(entry));
+    new (&_entries[_count++]) keyval_t(std::move(entry));
 }
 
 void Entries::remove(const keyval_t *entry) noexcept {
-    const auto at = static_cast<std::size_t>(entry - _entries.data());
+    const auto at = static_cast<std::size_t>(entry - _entries);
     if (at < _index.size()) {
         _index.erase(entry->key);
         for (auto &[key, position] : _index)
             position -= position > at ? 1 : 0;
     }
-    _entries.erase(_entries.begin() + static_cast<std::ptrdiff_t>(at));
+    std::move(_entries + at + 1, _entries + _count, _entries + at);
+    _entries[--_count].~keyval_t();
 }
 
 } // namespace host
 
 bundle *bundle_create(void) {
     try {
-        auto entries = std::make_shared<host::Entries>();
-        entries->reserve(host::USUAL_COUNT);
-        return new bundle{std::move(entries)};
+        return host::Entries::makeBundle(host::Entries::create());
     } catch (...) {
         return nullptr;
     }
 }
 
 int bundle_free(bundle *b) {
-    delete b;
-    return b != nullptr ? BUNDLE_ERROR_NONE : BUNDLE_ERROR_INVALID_PARAMETER;
+    if (b == nullptr)
+        return BUNDLE_ERROR_INVALID_PARAMETER;
+    const bool standsAlone = !b->home;
+    const host::Memory home = std::move(b->home); // lasts until we are done here
+    b->~_bundle_t();
+    if (standsAlone)
+        ::operator delete(b);
+    return BUNDLE_ERROR_NONE;
 }
 
 bundle *bundle_dup(bundle *b_from) {
-    return b_from != nullptr ? new (std::nothrow) bundle(*b_from) : nullptr;
+    return b_from != nullptr ? new (std::nothrow) bundle{b_from->entries->addUser(), {}} : nullptr;
 }
 
 int bundle_add_str(bundle *b, const char *key, const char *str) {
@@ -223,7 +268,7 @@ int bundle_del(bundle *b, const char *key) {
     if (host::find(b, key) == nullptr)
         return BUNDLE_ERROR_KEY_NOT_AVAILABLE;
     try {
-        host::Entries &entries = host::ownEntries(b);
+        host::Entries &entries = b->own();
         entries.remove(entries.find(key));
         return BUNDLE_ERROR_NONE;
     } catch (...) {
@@ -234,7 +279,7 @@ int bundle_del(bundle *b, const char *key) {
 void bundle_foreach(bundle *b, bundle_iterator_t iter, void *user_data) {
     if (b == nullptr || iter == nullptr)
         return;
-    const auto entries = b->entries; // a second owner: what iter changes is a copy
+    const auto entries = b->entries->addUser(); // what iter changes is a copy
     for (const keyval_t &entry : *entries)
         iter(entry.key.data(), entry.type, &entry, user_data);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -10,15 +11,9 @@
 
 #include <bundle.h>
 
-namespace host {
+#include "memory.h"
 
-// Keys and values stand in it. Never changed once an entry refers to it, so any number of entries,
-// bundles and threads may.
-using Memory = std::shared_ptr<char>;
-
-} // namespace host
-
-// One entry. Copies share key and value.
+// One entry. Copies share key and value, which never change.
 struct keyval_t {
     std::string_view key; // a zero follows it
     int type;
@@ -38,39 +33,79 @@ constexpr std::size_t MAX_SIZE = UINT32_MAX;
 //
 // All but the latest few are indexed, so a small bundle has no index. It is a tree, for a peer
 // chooses the keys and could choose them to collide in a hash table.
+//
+// They stand in memory of their own, together with the bundle that they were made for and room for
+// the first keys and values: a small bundle is one allocation. Each of the three lasts as long as
+// somebody uses it, and the memory as long as one of them.
 class Entries {
 public:
-    Entries() = default;
-    Entries(const Entries &other) : _entries(other._entries), _index(other._index) {}
-    Entries &operator=(const Entries &) = delete;
+    struct RemoveUser {
+        void operator()(Entries *entries) const { entries->removeUser(); }
+    };
+    using User = std::unique_ptr<Entries, RemoveUser>;
 
-    std::size_t count() const { return _entries.size(); }
-    auto begin() const { return _entries.begin(); }
-    auto end() const { return _entries.end(); }
+    // These two throw std::bad_alloc.
+    static User create();
+    User copy() const;
+    User addUser() {
+        _users.fetch_add(1, std::memory_order_relaxed);
+        return User(this);
+    }
+    // What former users, on other threads, read of them they have read before we change it.
+    bool areShared() const { return _users.load(std::memory_order_acquire) > 1; }
+
+    // The bundle that they were made for.
+    static bundle *makeBundle(User created) noexcept;
+
+    std::size_t count() const { return _count; }
+    const keyval_t *begin() const { return _entries; }
+    const keyval_t *end() const { return _entries + _count; }
     const keyval_t *find(std::string_view key) const;
 
     // What throws std::bad_alloc has changed nothing.
-    void reserve(std::size_t count) { _entries.reserve(count); }
+    void reserve(std::size_t count);
     void add(keyval_t &&entry); // its key must be new
     void remove(const keyval_t *entry) noexcept;
 
-    // For entries to be added here. Aligned for any type, since callers keep structures in byte
-    // values; key and value are copied.
-    Memory allocate(std::size_t size);
+    // For entries to be added here. A byte value is aligned for any type, since callers keep
+    // structures in it; key and value are copied.
     keyval_t make(int type, std::string_view key, std::string_view value);
     keyval_t makeArray(std::string_view key, const std::vector<std::string_view> &texts);
 
 private:
+    explicit Entries(const Memory &home);
+    ~Entries();
+    Entries(const Entries &) = delete;
+    Entries &operator=(const Entries &) = delete;
+
+    void removeUser();
     keyval_t makeEmpty(int type, std::string_view key, std::size_t size);
 
-    std::vector<keyval_t> _entries;
+    static constexpr std::size_t USUAL_COUNT = 4;
+
+    std::atomic<std::uint32_t> _users{1};
+    Memory _home; // where this object stands
+    std::size_t _count = 0;
+    std::size_t _capacity = USUAL_COUNT;
+    keyval_t *_entries = reinterpret_cast<keyval_t *>(_few);
     std::map<std::string_view, std::size_t> _index; // the first so many entries, by key
     Memory _room;                                   // small new entries share it
-    std::size_t _roomLeft = 0;                      // at its end; not copied: it has one user
+    std::size_t _roomUsed;
+    std::size_t _roomSize;
+    alignas(keyval_t) unsigned char _few[USUAL_COUNT * sizeof(keyval_t)];
 };
 
 } // namespace host
 
+// One user of the entries.
 struct _bundle_t {
-    std::shared_ptr<host::Entries> entries; // never null
+    // What may be changed without any other user noticing. Throws std::bad_alloc.
+    host::Entries &own() {
+        if (entries->areShared())
+            entries = entries->copy();
+        return *entries;
+    }
+
+    host::Entries::User entries; // never null
+    host::Memory home;           // none: the bundle stands in memory of its own
 };

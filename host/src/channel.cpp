@@ -214,7 +214,7 @@ std::size_t Channel::extend(const std::uint8_t *bytes, std::size_t size) {
         const std::size_t filled = _frame.size() + part;
         if (filled > _frame.capacity())
             _frame.reserve(std::min(_length, filled * GROWTH));
-        _frame.insert(_frame.end(), bytes + used, bytes + used + part);
+        _frame.append(bytes + used, part);
         used += part;
     }
     return used;

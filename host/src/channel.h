@@ -21,8 +21,6 @@ constexpr std::size_t MAX_FRAME_BYTES = std::size_t{16} << 20;
 constexpr std::size_t MAX_QUEUE_BYTES = std::size_t{32} << 20;
 constexpr double REPLY_SECONDS = 10.0;
 
-using Bytes = decltype(Parcel::bytes);
-
 class Channel;
 
 // Who hears of a channel's events, which come from the main loop only. It is kept alive meanwhile.

@@ -33,32 +33,40 @@ constexpr std::size_t HELLO_HEAD_BYTES = sizeof(HANDSHAKE_START) + 1 + sizeof(He
 constexpr std::size_t MAX_HELLO_BYTES = HELLO_HEAD_BYTES + MAX_SENDER_BYTES;
 
 inline Bytes encodeWelcome() {
-    return Bytes(std::begin(HANDSHAKE_START), std::end(HANDSHAKE_START));
+    Bytes bytes;
+    bytes.append(HANDSHAKE_START, sizeof(HANDSHAKE_START));
+    return bytes;
+}
+
+inline bool isWelcome(const Bytes &bytes) {
+    return bytes.size() == sizeof(HANDSHAKE_START) &&
+           std::memcmp(bytes.data(), HANDSHAKE_START, sizeof(HANDSHAKE_START)) == 0;
 }
 
 // A sender that is too long is cut where the other side still sees that it is.
 inline Bytes encodeHello(const Hello &hello) {
     const std::string sender = hello.sender.substr(0, MAX_SENDER_BYTES + 1);
     Bytes bytes = encodeWelcome();
-    bytes.push_back(static_cast<std::uint8_t>(hello.kind));
-    bytes.insert(bytes.end(), hello.token.begin(), hello.token.end());
-    bytes.push_back(static_cast<std::uint8_t>(sender.size()));
-    bytes.insert(bytes.end(), sender.begin(), sender.end());
+    *bytes.extend(1) = static_cast<std::uint8_t>(hello.kind);
+    bytes.append(hello.token.data(), hello.token.size());
+    *bytes.extend(1) = static_cast<std::uint8_t>(sender.size());
+    bytes.append(sender.data(), sender.size());
     return bytes;
 }
 
 // Does not judge the sender, except that it has no zero inside.
 inline std::optional<Hello> decodeHello(const Bytes &bytes) {
+    const std::uint8_t *const at = bytes.data();
     if (bytes.size() < HELLO_HEAD_BYTES ||
-        std::memcmp(bytes.data(), HANDSHAKE_START, sizeof(HANDSHAKE_START)) != 0 ||
-        bytes[sizeof(HANDSHAKE_START)] > RPC_PORT_PORT_CALLBACK ||
-        bytes.size() != HELLO_HEAD_BYTES + bytes[HELLO_HEAD_BYTES - 1]) {
+        std::memcmp(at, HANDSHAKE_START, sizeof(HANDSHAKE_START)) != 0 ||
+        at[sizeof(HANDSHAKE_START)] > RPC_PORT_PORT_CALLBACK ||
+        bytes.size() != HELLO_HEAD_BYTES + at[HELLO_HEAD_BYTES - 1]) {
         return std::nullopt;
     }
     Hello hello{};
-    hello.kind = static_cast<rpc_port_port_type_e>(bytes[sizeof(HANDSHAKE_START)]);
-    std::memcpy(hello.token.data(), &bytes[sizeof(HANDSHAKE_START) + 1], hello.token.size());
-    hello.sender.assign(bytes.begin() + HELLO_HEAD_BYTES, bytes.end());
+    hello.kind = static_cast<rpc_port_port_type_e>(at[sizeof(HANDSHAKE_START)]);
+    std::memcpy(hello.token.data(), at + sizeof(HANDSHAKE_START) + 1, hello.token.size());
+    hello.sender.assign(at + HELLO_HEAD_BYTES, at + bytes.size());
     return hello.sender.find('\0') == std::string::npos ? std::optional(hello) : std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "parcel.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -31,7 +32,7 @@ enum EncodedType : std::uint8_t { ENCODED_STR = 1, ENCODED_STR_ARRAY = 2, ENCODE
 
 constexpr std::size_t NUMBER = sizeof(std::uint32_t);
 constexpr std::size_t SMALLEST_ENTRY = 1 + (NUMBER + 2) + NUMBER;
-constexpr std::size_t USUAL_SIZE = 256;
+constexpr std::size_t USUAL_SIZE = 512;
 
 template <typename Put>
 void encodeNumber(std::size_t value, Put &put) {
@@ -136,25 +137,24 @@ keyval_t decodeEntry(Reader &reader, Entries &entries, const Memory &memory) {
 }
 
 // Builds a bundle from bytes that a peer chose: nothing is believed before it has been checked, and
-// memory is reserved only for what the bytes that are there can hold. Texts stay in one copy of
-// those bytes, so that a bundle costs few allocations however many texts it has.
+// memory is reserved only for what the bytes that are there can hold. Texts stay where they are, in
+// the memory given, so that a bundle costs few allocations however many texts it has.
 //
 // Null, and the reader broken: malformed. Throws std::bad_alloc.
-bundle *decodeBundle(Reader &reader) {
-    const std::string_view encoded = reader.sized();
-    auto entries = std::make_shared<Entries>();
-    const Memory memory = entries->allocate(encoded.size());
-    Reader inner({memory.get(), encoded.copy(memory.get(), encoded.size())});
+bundle *decodeBundle(Reader &reader, const Memory &memory) {
+    Reader inner(reader.sized());
+    Entries::User user = Entries::create();
+    Entries &entries = *user;
     const auto count = inner.value<std::uint32_t>();
     if (inner.require(count <= inner.left() / SMALLEST_ENTRY))
-        entries->reserve(count);
+        entries.reserve(count);
     for (std::uint32_t i = 0; i < count && !inner.isBroken(); i++) {
-        keyval_t entry = decodeEntry(inner, *entries, memory);
-        if (inner.require(!inner.isBroken() && entries->find(entry.key) == nullptr))
-            entries->add(std::move(entry));
+        keyval_t entry = decodeEntry(inner, entries, memory);
+        if (inner.require(!inner.isBroken() && entries.find(entry.key) == nullptr))
+            entries.add(std::move(entry));
     }
-    return reader.require(!inner.isBroken() && inner.left() == 0) ? new bundle{std::move(entries)}
-                                                                  : nullptr;
+    const bool isWhole = reader.require(!inner.isBroken() && inner.left() == 0);
+    return isWhole ? Entries::makeBundle(std::move(user)) : nullptr;
 }
 
 // Has encode(put) write size bytes at the parcel's end, which grows in steps, so that many small
@@ -163,14 +163,15 @@ template <typename Encode>
 int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
     if (h == nullptr || size > NUMBER + MAX_SIZE)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    auto &bytes = static_cast<Parcel *>(h)->bytes;
-    const std::size_t end = bytes.size();
+    Bytes &bytes = static_cast<Parcel *>(h)->bytes;
+    std::uint8_t *to = nullptr;
     try {
-        bytes.resize(end + size);
+        if (bytes.capacity() == 0)
+            bytes.reserve(std::max(USUAL_SIZE, size));
+        to = bytes.extend(size);
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
-    std::uint8_t *to = bytes.data() + end;
     encode([&](const void *data, std::size_t length) {
         std::memcpy(to, data, length);
         to += length;
@@ -205,9 +206,7 @@ int rpc_port_parcel_create(rpc_port_parcel_h *h) {
     if (h == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
-        auto parcel = std::make_unique<host::Parcel>();
-        parcel->bytes.reserve(host::USUAL_SIZE);
-        *h = parcel.release();
+        *h = new host::Parcel;
         return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
@@ -270,5 +269,7 @@ int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str) {
 }
 
 int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b) {
-    return host::read(h, b, host::decodeBundle);
+    return host::read(h, b, [h](host::Reader &reader) {
+        return host::decodeBundle(reader, static_cast<host::Parcel *>(h)->bytes.memory());
+    });
 }

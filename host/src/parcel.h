@@ -2,8 +2,8 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <vector>
+
+#include "memory.h"
 
 namespace host {
 
@@ -12,7 +12,7 @@ namespace host {
 //
 // Values stand one after the other, without tags or padding, in the machine's own byte order.
 struct Parcel {
-    std::vector<std::uint8_t> bytes;
+    Bytes bytes;
     std::size_t readPosition = 0;
 };
 

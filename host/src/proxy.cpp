@@ -144,7 +144,7 @@ void Proxy::onFrame(Channel &channel) {
 void Proxy::onWelcome() {
     Bytes bytes;
     _main->take(bytes);
-    if (bytes != encodeWelcome()) {
+    if (!isWelcome(bytes)) {
         dlog_print(DLOG_WARN, LOG_TAG, "%s has not answered as the protocol wants it", peer());
         end();
         return;

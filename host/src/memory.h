@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace host {
+
+// Bytes that any number of owners share, on any threads; aligned for any type, and not zeroed.
+// Nobody changes what another owner may look at.
+class Memory {
+public:
+    Memory() = default;
+    // Throws std::bad_alloc.
+    explicit Memory(std::size_t size) {
+        if (size > PTRDIFF_MAX)
+            throw std::bad_alloc();
+        _block = new (::operator new(sizeof(Block) + size)) Block;
+    }
+    Memory(const Memory &other) : _block(other._block) {
+        if (_block != nullptr)
+            _block->owners.fetch_add(1, std::memory_order_relaxed);
+    }
+    Memory(Memory &&other) noexcept : _block(std::exchange(other._block, nullptr)) {}
+    Memory &operator=(Memory other) noexcept {
+        std::swap(_block, other._block);
+        return *this;
+    }
+    ~Memory() {
+        if (_block != nullptr && _block->owners.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            ::operator delete(_block);
+    }
+
+    explicit operator bool() const { return _block != nullptr; }
+    // Only of memory that there is.
+    char *bytes() const { return reinterpret_cast<char *>(_block + 1); }
+
+private:
+    struct alignas(std::max_align_t) Block {
+        std::atomic<std::uint32_t> owners{1};
+    };
+
+    Block *_block = nullptr;
+};
+
+// Bytes in a row that grow at their end. Others may share the memory and look at what is there.
+class Bytes {
+public:
+    Bytes() = default;
+    Bytes(Bytes &&other) noexcept
+        : _memory(std::move(other._memory)), _size(std::exchange(other._size, 0)),
+          _capacity(std::exchange(other._capacity, 0)) {}
+    Bytes &operator=(Bytes other) noexcept {
+        std::swap(_memory, other._memory);
+        std::swap(_size, other._size);
+        std::swap(_capacity, other._capacity);
+        return *this;
+    }
+
+    const Memory &memory() const { return _memory; }
+    std::uint8_t *data() const {
+        return _capacity > 0 ? reinterpret_cast<std::uint8_t *>(_memory.bytes()) : nullptr;
+    }
+    std::size_t size() const { return _size; }
+    std::size_t capacity() const { return _capacity; }
+
+    // These throw std::bad_alloc; nothing has changed then.
+    void reserve(std::size_t capacity) {
+        if (capacity <= _capacity)
+            return;
+        Memory grown(capacity);
+        if (_size > 0)
+            std::memcpy(grown.bytes(), _memory.bytes(), _size);
+        _memory = std::move(grown);
+        _capacity = capacity;
+    }
+    // Gives the place of the new bytes, which are to be filled in.
+    std::uint8_t *extend(std::size_t size) {
+        if (size > _capacity - _size)
+            reserve(std::max(_size + size, 2 * _capacity));
+        _size += size;
+        return data() + (_size - size);
+    }
+    void append(const void *bytes, std::size_t size) {
+        if (size > 0)
+            std::memcpy(extend(size), bytes, size);
+    }
+
+private:
+    Memory _memory;
+    std::size_t _size = 0;
+    std::size_t _capacity = 0;
+};
+
+} // namespace host

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <ctime>
+#include <functional>
 
 #include <sys/epoll.h>
 
@@ -70,10 +71,11 @@ int Loop::start() {
 int Loop::stop() {
     if (_users == 0 || --_users > 0)
         return _users;
-    while (!_timers.all().empty())
-        deleteTimer(_timers.all().begin()->first);
-    while (!_handlers.all().empty())
-        deleteHandler(_handlers.all().begin()->first);
+    const auto any = [](void *, const auto &) { return true; };
+    while (void *const timer = _timers.findIf(any))
+        deleteTimer(timer);
+    while (void *const handler = _handlers.findIf(any))
+        deleteHandler(handler);
     _poll.reset();
     _quit = false;
     return 0;
@@ -103,9 +105,9 @@ void Loop::advance(std::int64_t nanoseconds) {
 
 // To the next deadline. Not for what is due already: that a round would have delivered.
 bool Loop::jump(std::int64_t latest) {
-    if (_due.empty() || _due.begin()->first > latest)
+    if (!hasDue() || _due.front().first > latest)
         return false;
-    _virtualNow = std::max(_virtualNow, _due.begin()->first);
+    _virtualNow = std::max(_virtualNow, _due.front().first);
     return true;
 }
 
@@ -114,12 +116,13 @@ void *Loop::addTimer(double seconds, Ecore_Task_Cb func, void *data, bool intern
         return nullptr;
     const std::int64_t interval = toNanoseconds(seconds);
     const std::int64_t deadline = now() + interval;
-    void *handle = nullptr;
+    void *handle;
     try {
-        handle = _timers.add(Timer{deadline, interval, func, data, internal, _round});
-        _due.emplace(deadline, handle);
+        if (_due.capacity() <= _due.size() + _called)
+            _due.reserve(2 * _due.capacity() + _called + 1);
+        handle = _timers.add(Timer{deadline, interval, func, data, internal, false, _round});
+        push({deadline, handle});
     } catch (const std::bad_alloc &) {
-        _timers.remove(handle);
         return nullptr;
     }
     _countedTimers += internal ? 0 : 1;
@@ -130,47 +133,72 @@ void *Loop::deleteTimer(void *handle) {
     if (!_timers.find(handle))
         return nullptr;
     const Timer timer = _timers.remove(handle);
-    _due.erase({timer.deadline, handle}); // not there while it is called
     _countedTimers -= timer.internal ? 0 : 1;
+    if (!timer.isCalled && ++_deleted > _due.size() / 2)
+        dropDeleted();
     return timer.data;
 }
 
+void Loop::push(Due due) {
+    _due.push_back(due);
+    std::push_heap(_due.begin(), _due.end(), std::greater<>());
+}
+
+void Loop::pop() {
+    std::pop_heap(_due.begin(), _due.end(), std::greater<>());
+    _due.pop_back();
+}
+
+void Loop::dropDeleted() {
+    const auto isDeleted = [this](const Due &due) { return !_timers.find(due.second); };
+    _due.erase(std::remove_if(_due.begin(), _due.end(), isDeleted), _due.end());
+    std::make_heap(_due.begin(), _due.end(), std::greater<>());
+    _deleted = 0;
+}
+
+// Whether a timer is waiting; it is in front then.
+bool Loop::hasDue() {
+    while (_deleted > 0 && !_timers.find(_due.front().second)) {
+        pop();
+        _deleted--;
+    }
+    return !_due.empty();
+}
+
 // Rounded up: a wait that ends early would only be followed by another one.
-int Loop::waitMilliseconds() const {
-    if (_due.empty())
+int Loop::waitMilliseconds() {
+    if (!hasDue())
         return -1;
     constexpr std::int64_t MILLISECOND = 1'000'000;
-    const std::int64_t left = std::max<std::int64_t>(_due.begin()->first - now(), 0);
+    const std::int64_t left = std::max<std::int64_t>(_due.front().first - now(), 0);
     return static_cast<int>(
         std::min<std::int64_t>((left + MILLISECOND - 1) / MILLISECOND, INT_MAX));
 }
 
-// Walks by deadline, from the one before: the callbacks may change the set in any way. What they
-// add waits for the next round, so the walk ends.
+// The callbacks may change the heap in any way. What they add waits for the next round, so this
+// ends.
 bool Loop::deliverTimers() {
-    if (_due.empty())
+    if (!hasDue())
         return false;
     const std::uint64_t round = ++_round;
     const std::int64_t moment = now();
     bool delivered = false;
-    auto due = _due.begin();
-    while (due != _due.end() && due->first <= moment) {
-        const Due current = *due;
-        if (_timers.find(current.second)->round < round) {
-            fire(due);
-            delivered = true;
-        }
-        due = _due.upper_bound(current);
+    while (hasDue() && _due.front().first <= moment &&
+           _timers.find(_due.front().second)->round < round) {
+        fire();
+        delivered = true;
     }
     return delivered;
 }
 
-// The set's node is kept for the renewal, which therefore cannot run out of memory.
-void Loop::fire(std::set<Due>::iterator due) {
-    auto node = _due.extract(due);
-    void *const handle = node.value().second;
+void Loop::fire() {
+    void *const handle = _due.front().second;
+    pop();
+    _called++;
+    _timers.find(handle)->isCalled = true;
     const Timer called = *_timers.find(handle);
     const bool again = called.func(called.data) != ECORE_CALLBACK_CANCEL;
+    _called--;
     Timer *const timer = _timers.find(handle);
     if (!again) {
         deleteTimer(handle);
@@ -179,8 +207,8 @@ void Loop::fire(std::set<Due>::iterator due) {
         timer->deadline += interval;
         if (timer->deadline < now())
             timer->deadline = now() + interval;
-        node.value().first = timer->deadline;
-        _due.insert(std::move(node));
+        timer->isCalled = false;
+        push({timer->deadline, handle});
     }
 }
 
@@ -200,13 +228,12 @@ void *Loop::addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Eco
     try {
         handle = _handlers.add(Handler{fd, flags, 0, func, data, bufFunc, bufData});
         if (bufFunc)
-            _buffered.insert(handle);
+            _buffered.push_back(handle);
         if (control(EPOLL_CTL_ADD, handle))
             return handle;
     } catch (const std::bad_alloc &) {
     }
-    _buffered.erase(handle);
-    _handlers.remove(handle);
+    forget(handle);
     return nullptr;
 }
 
@@ -214,7 +241,13 @@ void *Loop::deleteHandler(void *handle) {
     if (!_handlers.find(handle))
         return nullptr;
     control(EPOLL_CTL_DEL, handle);
-    _buffered.erase(handle);
+    return forget(handle);
+}
+
+void *Loop::forget(void *handle) {
+    const auto buffered = std::find(_buffered.begin(), _buffered.end(), handle);
+    if (buffered != _buffered.end())
+        _buffered.erase(buffered);
     return _handlers.remove(handle).data;
 }
 
@@ -239,17 +272,17 @@ unsigned Loop::active(void *handle) {
     return handler ? handler->active : 0;
 }
 
-// Walks as deliverTimers() does: the callbacks may change the set.
+// Walks by handle, from the one before: the callbacks may change the set in any way.
 bool Loop::deliverBuffered() {
     bool delivered = false;
-    for (auto next = _buffered.begin(); next != _buffered.end();) {
+    for (auto next = _buffered.cbegin(); next != _buffered.cend();) {
         void *const handle = *next;
         const Handler &handler = *_handlers.find(handle);
         if (handler.bufFunc(handler.bufData, static_cast<Ecore_Fd_Handler *>(handle))) {
             callHandler(handle, EPOLLIN);
             delivered = true;
         }
-        next = _buffered.upper_bound(handle);
+        next = std::upper_bound(_buffered.cbegin(), _buffered.cend(), handle);
     }
     return delivered;
 }

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <set>
 #include <utility>
+#include <vector>
 
 #include <Ecore.h>
 
@@ -60,10 +60,11 @@ private:
         Ecore_Task_Cb func = nullptr;
         void *data = nullptr;
         bool internal = false;
+        bool isCalled = false;   // not in _due then
         std::uint64_t round = 0; // in which it was added: not due in this one
     };
     // A deadline and the timer's handle: a later one is greater, so equal deadlines keep the order
-    // of creation.
+    // of creation, and a timer that a callback adds comes after all that are due.
     using Due = std::pair<std::int64_t, void *>;
     struct Handler {
         int fd = -1;
@@ -77,13 +78,18 @@ private:
 
     bool openPoll();
     bool jump(std::int64_t latest);
-    int waitMilliseconds() const;
+    int waitMilliseconds();
     bool deliverBuffered();
     bool deliverReady(int timeout);
     void callHandler(void *handler, std::uint32_t events);
     bool control(int operation, void *handler);
+    void *forget(void *handler);
     bool deliverTimers();
-    void fire(std::set<Due>::iterator due);
+    void fire();
+    void push(Due due);
+    void pop();
+    bool hasDue();
+    void dropDeleted();
 
     bool _simulated = false;
     std::int64_t _virtualNow = 0;
@@ -91,13 +97,17 @@ private:
     bool _quit = false;
 
     Handles<Timer> _timers;
-    std::set<Due> _due; // all timers but those whose callback is running
+    // A heap, the first deadline in front, with room for those being called; what has been deleted
+    // is left in it until that is half of it or comes to the front.
+    std::vector<Due> _due;
+    std::size_t _called = 0;
+    std::size_t _deleted = 0;
     std::uint64_t _round = 0;
     int _countedTimers = 0;
 
     UniqueFd _poll;
     Handles<Handler> _handlers;
-    std::set<void *> _buffered; // the handlers with a bufFunc
+    std::vector<void *> _buffered; // the handlers with a bufFunc, in order
     std::uint64_t _polls = 0;
 };
 

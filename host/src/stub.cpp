@@ -119,11 +119,9 @@ Eina_Bool Connection::onTimeoutCb(void *data) {
 }
 
 std::shared_ptr<Stub> Stub::findSimulated(const std::string &name) {
-    for (const auto &entry : Handles<std::shared_ptr<Stub>>::instance().all()) {
-        if (entry.second->_name == name)
-            return entry.second;
-    }
-    return nullptr;
+    auto &stubs = Handles<std::shared_ptr<Stub>>::instance();
+    void *const found = stubs.findIf([&](void *, const auto &stub) { return stub->_name == name; });
+    return found ? *stubs.find(found) : nullptr;
 }
 
 int Stub::listen() {

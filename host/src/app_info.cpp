@@ -62,9 +62,29 @@ std::string manifestPath() {
     return path + MANIFEST_NAME;
 }
 
-// What app_get_id() has found, since it is asked for with every answer. Empty: not known yet.
-std::mutex idMutex;
-std::string &knownId = *new std::string; // never destroyed, as below
+// What app_get_id() has found, since it is asked for with every answer.
+struct KnownId {
+    std::mutex mutex;
+    std::string id; // empty: not known yet
+
+    static KnownId &instance() { // never destroyed, as below
+        static KnownId &instance = *new KnownId;
+        return instance;
+    }
+};
+
+void rememberId(const std::string &id) {
+    KnownId &known = KnownId::instance();
+    std::lock_guard<std::mutex> lock(known.mutex);
+    known.id = id;
+}
+
+// Null: not known, or no memory. The caller frees it.
+char *copyOfKnownId() {
+    KnownId &known = KnownId::instance();
+    std::lock_guard<std::mutex> lock(known.mutex);
+    return known.id.empty() ? nullptr : strdup(known.id.c_str());
+}
 
 using SharedManifest = std::shared_ptr<const Manifest>;
 
@@ -94,8 +114,7 @@ SharedManifest manifest() {
 void install(Manifest parsed) {
     auto installed = std::make_shared<const Manifest>(std::move(parsed));
     std::atomic_store(&current(), SharedManifest(installed));
-    std::lock_guard<std::mutex> lock(idMutex);
-    knownId.clear();
+    rememberId({});
     logIfBroken(*installed);
 }
 
@@ -151,12 +170,14 @@ int app_get_id(char **id) {
     if (id == nullptr)
         return APP_ERROR_INVALID_PARAMETER;
     try {
-        std::lock_guard<std::mutex> lock(host::idMutex);
-        if (host::knownId.empty())
-            host::knownId = host::ownId();
-        if (host::knownId.empty())
-            return APP_ERROR_INVALID_CONTEXT;
-        char *copy = strdup(host::knownId.c_str());
+        char *copy = host::copyOfKnownId();
+        if (copy == nullptr) {
+            const std::string own = host::ownId();
+            if (own.empty())
+                return APP_ERROR_INVALID_CONTEXT;
+            host::rememberId(own);
+            copy = host::copyOfKnownId();
+        }
         if (copy == nullptr)
             return APP_ERROR_OUT_OF_MEMORY;
         *id = copy;

@@ -53,7 +53,6 @@ Sink installedSink;
 // The least priority that goes anywhere, so that what goes nowhere costs nothing more.
 std::atomic<int> threshold{0}; // 0: not known yet
 
-
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }

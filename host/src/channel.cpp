@@ -21,9 +21,10 @@ namespace host {
 namespace {
 
 constexpr std::size_t HEADER_BYTES = 4;
-constexpr std::size_t READ_BYTES = std::size_t{256} << 10;
-constexpr std::size_t GROWTH = 16;                       // of a frame's memory over what has come
-constexpr std::size_t KEPT_BYTES = std::size_t{4} << 10; // of an empty buffer, per channel
+constexpr std::size_t READ_BYTES = std::size_t{64} << 10;
+constexpr std::size_t LARGE_BYTES = std::size_t{16} << 10; // worth being received in place
+constexpr std::size_t GROWTH = 16;                         // of a frame's memory over what has come
+constexpr std::size_t KEPT_BYTES = std::size_t{4} << 10;   // of an empty buffer, per channel
 constexpr char OUT_OF_MEMORY[] = "out of memory";
 constexpr char SPOKE_UNASKED[] = "it sent something on the callback channel";
 
@@ -90,7 +91,7 @@ void Channel::drain() {
 
 void Channel::watch() {
     const unsigned flags = (isReading() ? unsigned{ECORE_FD_READ} : 0U) |
-                           (_queue.empty() ? 0U : unsigned{ECORE_FD_WRITE});
+                           (_queue.isEmpty() ? 0U : unsigned{ECORE_FD_WRITE});
     Loop::instance().setFlags(_handler, flags);
 }
 
@@ -183,22 +184,64 @@ bool Channel::fill(bool readable) {
     }
 }
 
-// Into a buffer that all channels share: it is empty again before anybody else runs. A frame takes
-// its part from there while that is still in the processor's cache.
+// How much of a large frame can be received where it is to stand: what is known to be missing or,
+// before it has begun, as much as the one before had. The frame is made to have room for it.
+std::size_t Channel::directRoom() {
+    const bool hasHeader = _headerFilled == HEADER_BYTES;
+    const std::size_t wanted = hasHeader ? _length : std::min(_lastLength, _frameLimit);
+    if (wanted < LARGE_BYTES || (!hasHeader && hasBegun()))
+        return 0;
+    const std::size_t limit = std::max({_frame.size() * GROWTH, _lastLength, READ_BYTES});
+    const std::size_t size = std::min(wanted, limit);
+    if (size < _frame.size() + LARGE_BYTES)
+        return 0;
+    _frame.reserve(size);
+    return size - _frame.size();
+}
+
+// What does not go to the frame directly goes into a buffer that all channels share: it is empty
+// again before anybody else runs. A frame takes its part from there while that is still in the
+// processor's cache.
 bool Channel::receive() {
     static std::uint8_t buffer[READ_BYTES];
-    const ssize_t count = recv(_socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-    if (count < 0)
+    std::uint8_t header[HEADER_BYTES];
+    const std::size_t room = directRoom();
+    const std::size_t headerRoom = room > 0 ? HEADER_BYTES - _headerFilled : 0;
+    iovec parts[] = {{header, headerRoom}, {_frame.end(), room}, {buffer, sizeof(buffer)}};
+    msghdr message{};
+    message.msg_iov = room > 0 ? parts : parts + 2;
+    message.msg_iovlen = room > 0 ? 3 : 1;
+    const ssize_t result = recvmsg(_socket.get(), &message, MSG_DONTWAIT);
+    if (result < 0)
         return isTemporary(errno);
+    const auto count = static_cast<std::size_t>(result);
     if (count == 0 && hasBegun()) {
         fail("its last frame is incomplete");
     } else if (count > 0 && _frameLimit == 0) {
         fail(SPOKE_UNASKED);
+    } else if (room > 0) {
+        const std::size_t inHeader = std::min(count, headerRoom);
+        const std::size_t inFrame = std::min(count - inHeader, room);
+        extend(header, inHeader);
+        takeDirect(inFrame);
+        takeBuffered(buffer, count - inHeader - inFrame);
     } else {
-        const auto size = static_cast<std::size_t>(count);
-        _ahead.assign(buffer + extend(buffer, size), buffer + size);
+        takeBuffered(buffer, count);
     }
     return count > 0 && !_failed;
+}
+
+// So many bytes have been received behind the frame's; those that are not the frame's come next.
+void Channel::takeDirect(std::size_t size) {
+    const std::uint8_t *const bytes = _frame.end();
+    const std::size_t part = _failed ? 0 : std::min(size, _length - _frame.size());
+    _frame.setSize(_frame.size() + part);
+    _ahead.assign(bytes + part, bytes + size);
+}
+
+void Channel::takeBuffered(const std::uint8_t *bytes, std::size_t size) {
+    const std::size_t used = _ahead.empty() ? extend(bytes, size) : 0;
+    _ahead.insert(_ahead.end(), bytes + used, bytes + size);
 }
 
 // Goes on with the frame in the making, with what there is of it. Gives the number of bytes used:
@@ -222,7 +265,7 @@ std::size_t Channel::extend(const std::uint8_t *bytes, std::size_t size) {
 
 Bytes Channel::finish() {
     _headerFilled = 0;
-    _length = 0;
+    _lastLength = std::exchange(_length, 0);
     return std::exchange(_frame, {});
 }
 
@@ -265,31 +308,37 @@ bool Channel::pollOnce(std::int64_t deadline) {
     }
     pollfd state{};
     state.fd = _socket.get();
-    state.events = static_cast<short>(_queue.empty() ? POLLIN : POLLIN | POLLOUT);
+    state.events = static_cast<short>(_queue.isEmpty() ? POLLIN : POLLIN | POLLOUT);
     const int ready = poll(&state, 1, static_cast<int>(left / 1'000'000 + 1));
     if (ready > 0 && (state.revents & POLLOUT))
         flush();
     return ready <= 0 || !(state.revents & ~POLLOUT) || fill(true);
 }
 
-int Channel::send(const Bytes &payload) {
+int Channel::send(const Parcel &parcel) {
     if (!isOpen() || _failed || _deserted)
         return RPC_PORT_ERROR_IO_ERROR;
-    if (payload.size() > MAX_FRAME_BYTES) {
-        dlog_print(DLOG_ERROR, LOG_TAG, "a parcel of %zu bytes is not sent: the limit is %zu",
-                   payload.size(), MAX_FRAME_BYTES);
+    const std::size_t size = parcel.size();
+    if (size > MAX_FRAME_BYTES) {
+        dlog_print(DLOG_ERROR, LOG_TAG, "a parcel of %zu bytes is not sent: the limit is %zu", size,
+                   MAX_FRAME_BYTES);
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     }
     std::uint8_t header[HEADER_BYTES];
     for (std::size_t i = 0; i < HEADER_BYTES; ++i)
-        header[i] = static_cast<std::uint8_t>(payload.size() >> (8 * i));
-    iovec parts[] = {{header, sizeof(header)},
-                     {const_cast<std::uint8_t *>(payload.data()), payload.size()}};
+        header[i] = static_cast<std::uint8_t>(size >> (8 * i));
+    iovec parts[SendQueue::MAX_PARTS]; // more go into the queue
+    parts[0] = {header, sizeof(header)};
+    std::size_t count = 1;
+    parcel.forEachPiece([&](const Memory &, const void *data, std::size_t length) {
+        if (count < SendQueue::MAX_PARTS)
+            parts[count++] = {const_cast<void *>(data), length};
+    });
     // Behind a queue nothing is sent directly: frames keep their order.
     std::size_t sent = 0;
-    if (_queue.empty() && !transmit(parts, 2, sent))
+    if (_queue.isEmpty() && !transmit(parts, count, sent))
         return RPC_PORT_ERROR_IO_ERROR;
-    return sent < HEADER_BYTES + payload.size() ? enqueue(parts, sent) : RPC_PORT_ERROR_NONE;
+    return sent < sizeof(header) + size ? enqueue(header, parcel, sent) : RPC_PORT_ERROR_NONE;
 }
 
 // What has come before is still delivered.
@@ -299,7 +348,6 @@ void Channel::desert() {
                owner ? owner->peer() : "a client", std::strerror(errno));
     _deserted = true;
     _queue.clear();
-    _queueStart = 0;
     drain();
     watch();
 }
@@ -317,23 +365,20 @@ bool Channel::transmit(iovec *parts, std::size_t count, std::size_t &sent) {
     return true;
 }
 
-int Channel::enqueue(const iovec (&parts)[2], std::size_t sent) {
-    const std::size_t left = parts[0].iov_len + parts[1].iov_len - sent;
-    if (_queue.size() - _queueStart + left > MAX_QUEUE_BYTES) {
+int Channel::enqueue(const void *header, const Parcel &parcel, std::size_t sent) {
+    if (_queue.size() + HEADER_BYTES + parcel.size() - sent > MAX_QUEUE_BYTES) {
         fail("it does not read what it is sent");
         return RPC_PORT_ERROR_IO_ERROR;
     }
     try {
-        if (_queueStart > _queue.size() / 2) {
-            _queue.erase(_queue.begin(), _queue.begin() + static_cast<std::ptrdiff_t>(_queueStart));
-            _queueStart = 0;
-        }
-        for (const iovec &part : parts) {
-            const auto *const bytes = static_cast<const std::uint8_t *>(part.iov_base);
-            const std::size_t skipped = std::min(sent, part.iov_len);
-            _queue.insert(_queue.end(), bytes + skipped, bytes + part.iov_len);
+        const auto add = [&](const Memory &memory, const void *data, std::size_t size) {
+            const std::size_t skipped = std::min(sent, size);
             sent -= skipped;
-        }
+            if (skipped < size)
+                _queue.add({memory, static_cast<const char *>(data) + skipped, size - skipped});
+        };
+        add({}, header, HEADER_BYTES);
+        parcel.forEachPiece(add);
     } catch (const std::bad_alloc &) {
         fail(OUT_OF_MEMORY);
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
@@ -343,10 +388,10 @@ int Channel::enqueue(const iovec (&parts)[2], std::size_t sent) {
 }
 
 void Channel::flush() {
-    iovec part{_queue.data() + _queueStart, _queue.size() - _queueStart};
+    iovec parts[SendQueue::MAX_PARTS];
     std::size_t sent = 0;
-    if (part.iov_len > 0 && transmit(&part, 1, sent)) {
-        consume(_queue, _queueStart, sent);
+    if (!_queue.isEmpty() && transmit(parts, _queue.front(parts), sent)) {
+        _queue.consume(sent);
         watch();
     }
 }
@@ -370,5 +415,5 @@ int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
     const auto channel = host::Channel::find(port);
     if (!h || !channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    return channel->send(static_cast<host::Parcel *>(h)->bytes);
+    return channel->send(*static_cast<host::Parcel *>(h));
 }

@@ -11,6 +11,7 @@
 #include <rpc-port.h>
 
 #include "parcel.h"
+#include "send_queue.h"
 #include "unique_fd.h"
 
 struct iovec;
@@ -74,7 +75,7 @@ public:
     // Both give an rpc-port error. A payload that is too long is refused and changes nothing; any
     // other failure ends the channel. When it is for want of the other side, what that has said
     // before it went is delivered first.
-    int send(const Bytes &payload);
+    int send(const Parcel &parcel);
     int take(Bytes &payload);
 
 private:
@@ -96,6 +97,9 @@ private:
     bool isReading() const { return !_keeping || !isWhole(); }
     bool fill(bool readable);
     bool receive();
+    std::size_t directRoom();
+    void takeDirect(std::size_t size);
+    void takeBuffered(const std::uint8_t *bytes, std::size_t size);
     std::size_t extend(const std::uint8_t *bytes, std::size_t size);
     Bytes finish();
     bool awaitFrame();
@@ -103,7 +107,7 @@ private:
 
     void desert();
     bool transmit(iovec *parts, std::size_t count, std::size_t &sent);
-    int enqueue(const iovec (&parts)[2], std::size_t sent);
+    int enqueue(const void *header, const Parcel &parcel, std::size_t sent);
     void flush();
 
     UniqueFd _socket;
@@ -119,13 +123,13 @@ private:
     // Received: at most one frame in the making, then bytes behind it that nobody has looked at.
     std::size_t _headerFilled = 0; // 0: no frame has begun
     std::size_t _length = 0;
-    Bytes _frame; // its memory grows with what arrives, not with what is announced
+    Bytes _frame;                // its memory grows with what arrives, not with what is announced
+    std::size_t _lastLength = 0; // of the frame before
     std::vector<std::uint8_t> _ahead;
     std::size_t _aheadStart = 0;
     Bytes *_offer = nullptr; // while onFrame() runs and has not taken its frame
 
-    std::vector<std::uint8_t> _queue; // what the socket had no room for
-    std::size_t _queueStart = 0;
+    SendQueue _queue;
 };
 
 } // namespace host

@@ -32,10 +32,10 @@ struct Hello {
 constexpr std::size_t HELLO_HEAD_BYTES = sizeof(HANDSHAKE_START) + 1 + sizeof(Hello::token) + 1;
 constexpr std::size_t MAX_HELLO_BYTES = HELLO_HEAD_BYTES + MAX_SENDER_BYTES;
 
-inline Bytes encodeWelcome() {
-    Bytes bytes;
-    bytes.append(HANDSHAKE_START, sizeof(HANDSHAKE_START));
-    return bytes;
+inline Parcel encodeWelcome() {
+    Parcel parcel;
+    parcel.bytes.append(HANDSHAKE_START, sizeof(HANDSHAKE_START));
+    return parcel;
 }
 
 inline bool isWelcome(const Bytes &bytes) {
@@ -44,14 +44,14 @@ inline bool isWelcome(const Bytes &bytes) {
 }
 
 // A sender that is too long is cut where the other side still sees that it is.
-inline Bytes encodeHello(const Hello &hello) {
+inline Parcel encodeHello(const Hello &hello) {
     const std::string sender = hello.sender.substr(0, MAX_SENDER_BYTES + 1);
-    Bytes bytes = encodeWelcome();
-    *bytes.extend(1) = static_cast<std::uint8_t>(hello.kind);
-    bytes.append(hello.token.data(), hello.token.size());
-    *bytes.extend(1) = static_cast<std::uint8_t>(sender.size());
-    bytes.append(sender.data(), sender.size());
-    return bytes;
+    Parcel parcel = encodeWelcome();
+    *parcel.bytes.extend(1) = static_cast<std::uint8_t>(hello.kind);
+    parcel.bytes.append(hello.token.data(), hello.token.size());
+    *parcel.bytes.extend(1) = static_cast<std::uint8_t>(sender.size());
+    parcel.bytes.append(sender.data(), sender.size());
+    return parcel;
 }
 
 // Does not judge the sender, except that it has no zero inside.

@@ -66,6 +66,7 @@ public:
     std::uint8_t *data() const {
         return _capacity > 0 ? reinterpret_cast<std::uint8_t *>(_memory.bytes()) : nullptr;
     }
+    std::uint8_t *end() const { return data() + _size; }
     std::size_t size() const { return _size; }
     std::size_t capacity() const { return _capacity; }
 
@@ -86,6 +87,8 @@ public:
         _size += size;
         return data() + (_size - size);
     }
+    // Of what has been filled in; not more than the capacity.
+    void setSize(std::size_t size) { _size = size; }
     void append(const void *bytes, std::size_t size) {
         if (size > 0)
             std::memcpy(extend(size), bytes, size);

@@ -33,20 +33,25 @@ enum EncodedType : std::uint8_t { ENCODED_STR = 1, ENCODED_STR_ARRAY = 2, ENCODE
 constexpr std::size_t NUMBER = sizeof(std::uint32_t);
 constexpr std::size_t SMALLEST_ENTRY = 1 + (NUMBER + 2) + NUMBER;
 constexpr std::size_t USUAL_SIZE = 512;
+constexpr std::size_t LARGE_SIZE = std::size_t{16}
+                                   << 10; // copying less is faster than a piece more
+
+const Memory NONE; // for what does not stay where it is
 
 template <typename Put>
-void encodeNumber(std::size_t value, Put &put) {
+void encodeNumber(std::size_t value, Put &&put) {
     const auto narrow = static_cast<std::uint32_t>(value);
-    put(&narrow, NUMBER);
+    put(NONE, &narrow, NUMBER);
 }
 
 template <typename Put>
-void encodeSized(const void *data, std::size_t size, Put &put) {
+void encodeSized(const Memory &memory, const void *data, std::size_t size, Put &put) {
     encodeNumber(size, put);
-    put(data, size);
+    put(memory, data, size);
 }
 
-// Calls put(data, size) for one piece after the other, so that what measures is what writes.
+// Calls put(memory, data, size) for one piece after the other, so that what measures is what
+// writes.
 template <typename Put>
 void encodeBundle(const bundle &b, Put put) {
     encodeNumber(b.entries->count(), put);
@@ -55,15 +60,15 @@ void encodeBundle(const bundle &b, Put put) {
         const EncodedType type = isArray                         ? ENCODED_STR_ARRAY
                                  : entry.type == BUNDLE_TYPE_STR ? ENCODED_STR
                                                                  : ENCODED_BYTE;
-        put(&type, sizeof type);
-        encodeSized(entry.key.data(), entry.key.size() + 1, put);
+        put(NONE, &type, sizeof type);
+        encodeSized(entry.memory, entry.key.data(), entry.key.size() + 1, put);
         if (!isArray) {
-            encodeSized(entry.value, entry.size, put);
+            encodeSized(entry.memory, entry.value, entry.size, put);
             continue;
         }
         encodeNumber(entry.size, put);
         for (std::size_t i = 0; i < entry.size; i++)
-            encodeSized(entry.texts()[i], std::strlen(entry.texts()[i]) + 1, put);
+            encodeSized(entry.memory, entry.texts()[i], std::strlen(entry.texts()[i]) + 1, put);
     }
 }
 
@@ -157,26 +162,76 @@ bundle *decodeBundle(Reader &reader, const Memory &memory) {
     return isWhole ? Entries::makeBundle(std::move(user)) : nullptr;
 }
 
-// Has encode(put) write size bytes at the parcel's end, which grows in steps, so that many small
-// writes stay cheap.
+// Room for so many bytes at the parcel's end, which grows in steps, so that many small writes stay
+// cheap. Throws std::bad_alloc.
+std::uint8_t *extend(Parcel &parcel, std::size_t size) {
+    if (parcel.bytes.capacity() == 0)
+        parcel.bytes.reserve(std::max(USUAL_SIZE, size));
+    return parcel.bytes.extend(size);
+}
+
+// For values that are always copied.
 template <typename Encode>
 int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
     if (h == nullptr || size > NUMBER + MAX_SIZE)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    Bytes &bytes = static_cast<Parcel *>(h)->bytes;
-    std::uint8_t *to = nullptr;
     try {
-        if (bytes.capacity() == 0)
-            bytes.reserve(std::max(USUAL_SIZE, size));
-        to = bytes.extend(size);
+        encode([to = extend(*static_cast<Parcel *>(h), size)](const Memory &, const void *data,
+                                                              std::size_t length) mutable {
+            std::memcpy(to, data, length);
+            to += length;
+        });
+        return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
-    encode([&](const void *data, std::size_t length) {
-        std::memcpy(to, data, length);
-        to += length;
+}
+
+// Large values that stay where they are need not be copied.
+bool isInsert(const Memory &memory, std::size_t size) {
+    return size >= LARGE_SIZE && memory;
+}
+
+int writeBundle(Parcel &parcel, const bundle &b) {
+    std::size_t size = 0, copied = NUMBER, inserts = 0;
+    encodeBundle(b, [&](const Memory &memory, const void *, std::size_t length) {
+        size += length;
+        isInsert(memory, length) ? inserts++ : copied += length;
     });
+    if (size > MAX_SIZE)
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
+    std::uint8_t *to = nullptr;
+    try {
+        if (inserts > 0)
+            parcel.inserts.reserve(parcel.inserts.size() + inserts);
+        to = extend(parcel, copied);
+    } catch (...) {
+        return RPC_PORT_ERROR_OUT_OF_MEMORY;
+    }
+    const auto put = [&](const Memory &memory, const void *data, std::size_t length) {
+        if (isInsert(memory, length)) {
+            const auto position = static_cast<std::size_t>(to - parcel.bytes.data());
+            parcel.inserts.push_back({position, {memory, data, length}});
+        } else {
+            std::memcpy(to, data, length);
+            to += length;
+        }
+    };
+    encodeNumber(size, put);
+    encodeBundle(b, put);
     return RPC_PORT_ERROR_NONE;
+}
+
+// What is read has to be in one piece.
+void flatten(Parcel &parcel) {
+    if (parcel.inserts.empty())
+        return;
+    Bytes whole;
+    whole.reserve(parcel.size());
+    parcel.forEachPiece(
+        [&](const Memory &, const void *data, std::size_t size) { whole.append(data, size); });
+    parcel.bytes = std::move(whole);
+    parcel.inserts.clear();
 }
 
 template <typename Value, typename Decode>
@@ -184,9 +239,11 @@ int read(rpc_port_parcel_h h, Value *out, Decode decode) {
     if (h == nullptr || out == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     auto &parcel = *static_cast<Parcel *>(h);
-    const std::string_view all(reinterpret_cast<char *>(parcel.bytes.data()), parcel.bytes.size());
-    Reader reader(all.substr(parcel.readPosition));
     try {
+        flatten(parcel);
+        const std::string_view all(reinterpret_cast<char *>(parcel.bytes.data()),
+                                   parcel.bytes.size());
+        Reader reader(all.substr(parcel.readPosition));
         const Value value = decode(reader);
         if (reader.isBroken())
             return RPC_PORT_ERROR_IO_ERROR;
@@ -219,12 +276,12 @@ int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
 }
 
 int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i) {
-    return host::write(h, sizeof i, [=](auto put) { put(&i, sizeof i); });
+    return host::write(h, sizeof i, [=](auto put) { put(host::NONE, &i, sizeof i); });
 }
 
 int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b) {
     const std::uint8_t byte = b ? 1 : 0;
-    return host::write(h, sizeof byte, [=](auto put) { put(&byte, sizeof byte); });
+    return host::write(h, sizeof byte, [=](auto put) { put(host::NONE, &byte, sizeof byte); });
 }
 
 int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
@@ -232,18 +289,13 @@ int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::size_t size = std::strlen(str) + 1;
     return host::write(h, host::NUMBER + size,
-                       [=](auto put) { host::encodeSized(str, size, put); });
+                       [=](auto put) { host::encodeSized(host::NONE, str, size, put); });
 }
 
 int rpc_port_parcel_write_bundle(rpc_port_parcel_h h, bundle *b) {
-    if (b == nullptr)
+    if (h == nullptr || b == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    std::size_t size = 0;
-    host::encodeBundle(*b, [&](const void *, std::size_t length) { size += length; });
-    return host::write(h, host::NUMBER + size, [=](auto put) {
-        host::encodeNumber(size, put);
-        host::encodeBundle(*b, put);
-    });
+    return host::writeBundle(*static_cast<host::Parcel *>(h), *b);
 }
 
 int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i) {

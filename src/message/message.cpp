@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "message.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -127,6 +126,7 @@ message::message() {
 
 message::~message() {
     // Out of the list first: a disconnected event must not terminate a service a second time.
+    _byInstance.clear();
     const auto services = std::exchange(_services, {});
     for (const auto &service : services)
         Terminate(*service);
@@ -153,6 +153,7 @@ void message::OnConnectedCB(const char *sender, const char *instance, void *data
             return;
         }
         created.front()->OnCreate();
+        self->_byInstance.emplace(created.front()->GetInstance(), created.begin());
         self->_services.splice(self->_services.end(), created);
     } catch (const std::exception &error) {
         LOG_ERROR("Failed to create service for %s, connection ignored: %s", sender, error.what());
@@ -165,7 +166,9 @@ void message::OnDisconnectedCB(const char *, const char *instance, void *data) {
     if (!service)
         return;
     Terminate(*service);
-    self->_services.remove(service);
+    const auto found = self->_byInstance.lower_bound(instance);
+    self->_services.erase(found->second);
+    self->_byInstance.erase(found);
 }
 
 // A call may destroy the stub: after Send() only what is on the stack is used.
@@ -228,11 +231,9 @@ int message::OnReceivedCB(const char *, const char *instance, rpc_port_h port, v
     }
 }
 
-std::shared_ptr<message::ServiceBase> message::FindService(const char *instance) const {
-    const auto found = std::find_if(_services.begin(), _services.end(), [&](const auto &service) {
-        return service->GetInstance() == instance;
-    });
-    return found == _services.end() ? nullptr : *found;
+std::shared_ptr<message::ServiceBase> message::FindService(std::string_view instance) const {
+    const auto found = _byInstance.lower_bound(instance);
+    return found == _byInstance.end() || found->first != instance ? nullptr : *found->second;
 }
 
 void message::Terminate(ServiceBase &service) {

@@ -4,8 +4,10 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include <bundle.h>
@@ -150,12 +152,14 @@ private:
     static void OnDisconnectedCB(const char *sender, const char *instance, void *data);
     static int OnReceivedCB(const char *sender, const char *instance, rpc_port_h port, void *data);
 
-    std::shared_ptr<ServiceBase> FindService(const char *instance) const;
+    std::shared_ptr<ServiceBase> FindService(std::string_view instance) const;
     static void Terminate(ServiceBase &service);
 
     rpc_port_stub_h _stub = nullptr;
     std::shared_ptr<ServiceBase::Factory> _factory;
-    std::list<std::shared_ptr<ServiceBase>> _services; // in the order of their connections
+    using Services = std::list<std::shared_ptr<ServiceBase>>;
+    Services _services; // in the order of their connections
+    std::multimap<std::string_view, Services::iterator> _byInstance; // equal ones in that order
 };
 
 // Writes the callback fields; throws InvalidIOException when one can't be written.

@@ -16,12 +16,7 @@ namespace host {
 class Memory {
 public:
     Memory() = default;
-    // Throws std::bad_alloc.
-    explicit Memory(std::size_t size) {
-        if (size > PTRDIFF_MAX)
-            throw std::bad_alloc();
-        _block = new (::operator new(sizeof(Block) + size)) Block;
-    }
+    explicit Memory(std::size_t size); // throws std::bad_alloc
     Memory(const Memory &other) : _block(other._block) {
         if (_block != nullptr)
             _block->owners.fetch_add(1, std::memory_order_relaxed);
@@ -33,17 +28,22 @@ public:
     }
     ~Memory() {
         if (_block != nullptr && _block->owners.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            ::operator delete(_block);
+            free(_block);
     }
 
     explicit operator bool() const { return _block != nullptr; }
     // Only of memory that there is.
     char *bytes() const { return reinterpret_cast<char *>(_block + 1); }
 
+    struct Kept;
+
 private:
     struct alignas(std::max_align_t) Block {
-        std::atomic<std::uint32_t> owners{1};
+        std::atomic<std::uint32_t> owners;
+        std::size_t size; // of what follows
     };
+
+    static void free(Block *block);
 
     Block *_block = nullptr;
 };

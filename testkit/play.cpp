@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include <host/sim.h>
 #include <nelvo.h>
@@ -106,7 +107,13 @@ void Play::step(char code) {
         change("state", false, library(nelvo_unset_app_state_request_cb));
         break;
     case 'F':
-        complete();
+        complete(_latest, _latest.kind);
+        break;
+    case 'O':
+        complete(_former, _former.kind);
+        break;
+    case 'P':
+        complete(_latest, _latest.kind == Kind::STATE ? Kind::ACTION : Kind::STATE);
         break;
     case 'G':
         askName();
@@ -216,8 +223,7 @@ void Play::stateCb(void *handler, void *data) {
 // The application is called: at once, or on a tick of the wait for the registration.
 void Play::called(Kind kind, void *handler) {
     const FaultScope scope(false);
-    _handler = handler;
-    _handlerKind = kind;
+    _former = std::exchange(_latest, {handler, kind});
     if (checksModel()) {
         const double now = host_sim_now();
         if (_pending == Kind::WAITING && !_callExpected) {
@@ -234,7 +240,7 @@ void Play::called(Kind kind, void *handler) {
         _since = now;
         _number = (_number + 1) % 100;
         _recorded = _number;
-        expect("handler", *static_cast<int *>(_handler), _number);
+        expect("handler", *static_cast<int *>(handler), _number);
     }
     if (_inside.empty() || _depth > 1)
         return;
@@ -268,15 +274,16 @@ void Play::answer(const char *status) {
         sent.expected = status;
 }
 
-void Play::complete() {
-    const bool isState = _handlerKind == Kind::STATE;
-    if (!_handler)
+void Play::complete(const Called &request, Kind as) {
+    void *const handler = request.handler;
+    const bool isState = as == Kind::STATE;
+    if (!handler)
         return;
     int wanted = NELVO_ERROR_NONE;
     if (!_initialized || !_everRequested) {
         wanted = NELVO_ERROR_OPERATION_FAILED;
-    } else if (_recorded == *static_cast<int *>(_handler)) {
-        if (_pending != _handlerKind) {
+    } else if (_recorded == *static_cast<int *>(handler)) {
+        if (_pending != as) {
             wanted = NELVO_ERROR_OPERATION_FAILED;
         } else {
             _pending = Kind::NONE;
@@ -289,17 +296,17 @@ void Play::complete() {
         }
     }
     expect("complete",
-           isState ? library(nelvo_complete_app_state_request, _handler, "{}")
-                   : library(nelvo_complete_action_execution, _handler, "done"),
+           isState ? library(nelvo_complete_app_state_request, handler, "{}")
+                   : library(nelvo_complete_action_execution, handler, "done"),
            wanted);
 }
 
 void Play::askName() {
     char *name = nullptr;
-    if (!_handler)
+    if (!_latest.handler)
         return;
-    const bool known = _recorded == *static_cast<int *>(_handler);
-    expect("get_action_name", library(nelvo_get_action_name, _handler, &name),
+    const bool known = _recorded == *static_cast<int *>(_latest.handler);
+    expect("get_action_name", library(nelvo_get_action_name, _latest.handler, &name),
            known ? NELVO_ERROR_NONE : NELVO_ERROR_OPERATION_FAILED);
     if (checksModel() && known && (!name || _pendingAction != name))
         complain("wrong name");

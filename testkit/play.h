@@ -20,6 +20,7 @@ namespace nelvo::testkit {
 //   S s     register for the state, unset
 //   L l     register "late", unset it
 //   F G     complete the latest request, ask for its name
+//   O P     complete the one before it; the latest, but as one of the other kind
 //   C J     connect the client; connect and register its response callback
 //   K X     UnsetCB; disconnect
 //   R T W   request "play", the state, "late"
@@ -53,6 +54,10 @@ public:
 
 private:
     enum class Kind { NONE, WAITING, ACTION, STATE };
+    struct Called {
+        void *handler = nullptr; // null: the application has not been called so often
+        Kind kind = Kind::NONE;
+    };
     struct Sent {
         int client;
         std::string expected; // the status that the model expects; empty: no answer
@@ -66,7 +71,7 @@ private:
     void request(const char *actionId, Kind kind);
     void settle();
     void answer(const char *status);
-    void complete();
+    void complete(const Called &request, Kind as);
     void askName();
     void malformed();
     void join(bool register_);
@@ -89,9 +94,9 @@ private:
     int _who = 0;
     int _depth = 0;
 
-    // The application's memory of the latest callback.
-    void *_handler = nullptr;
-    Kind _handlerKind = Kind::NONE;
+    // The application's memory of the latest callback and the one before.
+    Called _latest;
+    Called _former;
 
     // The model.
     bool _initialized = false;

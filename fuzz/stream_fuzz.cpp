@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// A number that says where the stream is split in two, then the stream of one of a client's sockets,
+// from its hello on; the other one says the hello that goes with it. What the server hears of them is
+// what can be read off the bytes as a whole.
+#include "fuzzing.h"
+#include "names.h"
+#include "raw_stream.h"
+
+void nelvo::testkit::fuzz(Input input) {
+    const std::size_t split = input.byte();
+    const std::string stream = input.rest();
+    std::vector<host::Bytes> frames = framesOf(stream);
+    auto hello = host::decodeHello(frames.empty() ? host::Bytes() : frames[0]);
+    require(!hello || host::encodeHello(*hello) == frames[0], "a hello encoded again");
+    if (!hello || !host::isValidName(hello->sender.c_str()))
+        hello.reset();
+    const bool isMain = hello && hello->kind == RPC_PORT_PORT_MAIN;
+    frames.erase(frames.begin(), isMain ? frames.begin() + 1 : frames.end());
+
+    ListeningServer server;
+    {
+        const RawSocket socket, other;
+        if (hello) {
+            hello->kind = isMain ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN;
+            other.sendFrame(host::encodeHello(*hello));
+        }
+        socket.send(stream.substr(0, split));
+        socket.send(stream.substr(std::min(split, stream.size())));
+        require(server.frames == frames, "the frames");
+    }
+    host_sim_advance(0);
+    require(server.events == (hello ? "+" + hello->sender + " -" + hello->sender + " " : ""),
+            "the events: " + server.events);
+}

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+// Each byte is a step of testkit/play.h: any input is a script, and the model beside it knows what
+// must come of it.
+#include <host/sim.h>
+
+#include "fuzzing.h"
+#include "platform_faults.h"
+#include "play.h"
+
+void nelvo::testkit::fuzz(Input input) {
+    static const std::string steps = "IJARTSF{}OPDaNsLlGCKXWB2.-_";
+    static Simulation &device = *new Simulation;
+    std::string script = input.rest();
+    for (char &step : script)
+        if (steps.find(step) == std::string::npos)
+            step = steps[static_cast<unsigned char>(step) % steps.size()];
+    Play play(device, Play::Check::MODEL);
+    play.play(script);
+    play.play("DX2X");
+    for (const std::string &complaint : play.complaints())
+        require(false, complaint);
+    require(host_sim_timer_count() == 0, "the number of timers");
+    require(liveHandles() == "0 bundles, 0 parcels, 0 stubs, 0 app infos", liveHandles());
+}

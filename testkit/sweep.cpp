@@ -8,12 +8,14 @@
 #include <fstream>
 
 #include <fnmatch.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <host/sim.h>
 #include <nelvo.h>
 
+#include "allocation_faults.h"
 #include "platform_faults.h"
 
 namespace nelvo::testkit {
@@ -52,8 +54,17 @@ std::vector<std::string> playHere(const Point &point, const std::vector<std::str
     return complaints;
 }
 
+// How many blocks a process in good health keeps when all is over, the singletons and what the
+// platform holds for good: measured by the first point, which plays without a fault, for all others.
+long &keptBlocks() {
+    static void *shared =
+        mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *static_cast<long *>(shared);
+}
+
 [[noreturn]] void playChild(const Point &point, const std::vector<std::string> &logPatterns) {
     alarm(HANG_SECONDS); // a hang ends as a death
+    const long blocksBefore = liveBlocks();
     bool reached = true;
     std::vector<std::string> complaints;
     try {
@@ -63,6 +74,13 @@ std::vector<std::string> playHere(const Point &point, const std::vector<std::str
     }
     if (liveHandles() != "0 bundles, 0 parcels, 0 stubs, 0 app infos")
         complaints.push_back("left: " + liveHandles());
+    else if (complaints.empty()) { // a complaint is a block itself
+        const long blocks = liveBlocks() - blocksBefore;
+        if (keptBlocks() == 0)
+            keptBlocks() = blocks;
+        if (blocks > keptBlocks())
+            complaints.push_back(std::to_string(blocks - keptBlocks()) + " blocks are left");
+    }
     for (const std::string &complaint : complaints)
         std::fprintf(stderr, "%s: %s\n", point.script.c_str(), complaint.c_str());
     const Outcome outcome = !complaints.empty() ? Outcome::BROKEN
@@ -74,6 +92,7 @@ std::vector<std::string> playHere(const Point &point, const std::vector<std::str
 } // namespace
 
 Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns) {
+    keptBlocks(); // mapped before there is a child
     const pid_t child = fork();
     if (child == 0)
         playChild(point, logPatterns);

@@ -21,7 +21,8 @@ enum class Outcome : int { HELD, NOT_REACHED, BROKEN };
 
 // Plays the point in a process of its own. Afterwards a healthy application must be possible, nothing
 // may be left of what the library held, and each line that it logged must match one of the patterns
-// ("E receiveRequest: text", with wildcards). Says on stderr what does not hold.
+// ("E receiveRequest: text", with wildcards). Says on stderr what does not hold. The first point of a
+// program has no fault: its blocks of memory are what the others may keep.
 Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns);
 
 // The lines of a file but for empty ones and those that begin with "#".

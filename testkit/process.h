@@ -22,6 +22,7 @@ public:
     Process &operator=(const Process &) = delete;
     ~Process();
 
+    pid_t pid() const { return _pid; }
     void signal(int number) const;
     const std::string &out() const { return _texts[0]; }
     const std::string &err() const { return _texts[1]; }

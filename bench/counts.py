@@ -34,8 +34,9 @@ def allow_list(idle=0):
 def drive(programs, requests, wrap, payload=200):
     environment = {**os.environ, "NELVO_BENCH_WRAP": shlex.join(wrap)}
     environment.pop("NELVO_LOG", None)
-    subprocess.run([programs / "bench_nelvo", str(payload), "0", str(requests), "0"],
-                   env=environment, check=True, stdout=subprocess.DEVNULL)
+    with tempfile.TemporaryDirectory() as folder:
+        subprocess.run([programs / "bench_nelvo", folder, str(payload), "0", str(requests), "0"],
+                       env=environment, check=True, stdout=subprocess.DEVNULL)
 
 
 def per_round_trip(count):

@@ -25,25 +25,14 @@ namespace {
 
 Options parse(int argc, char **argv) {
     Options options;
-    if (argc != 5)
-        die("usage: PROGRAM PAYLOAD WARM_UP REQUESTS IDLE_CLIENTS");
-    options.payload = std::strtoul(argv[1], nullptr, 10);
-    options.warmUp = std::atoi(argv[2]);
-    options.requests = std::atoi(argv[3]);
-    options.idle = std::atoi(argv[4]);
+    if (argc != 6)
+        die("usage: PROGRAM FOLDER PAYLOAD WARM_UP REQUESTS IDLE_CLIENTS");
+    options.folder = argv[1];
+    options.payload = std::strtoul(argv[2], nullptr, 10);
+    options.warmUp = std::atoi(argv[3]);
+    options.requests = std::atoi(argv[4]);
+    options.idle = std::atoi(argv[5]);
     return options;
-}
-
-// The last core that we may use; the first ones get most interrupts.
-void pinToOneCore() {
-    cpu_set_t cores;
-    check(sched_getaffinity(0, sizeof cores, &cores) == 0, "ask for the cores");
-    int last = CPU_SETSIZE - 1;
-    while (!CPU_ISSET(last, &cores))
-        --last;
-    CPU_ZERO(&cores);
-    CPU_SET(last, &cores);
-    check(sched_setaffinity(0, sizeof cores, &cores) == 0, "choose a core");
 }
 
 void allowManyDescriptors() {
@@ -58,7 +47,7 @@ struct Server {
     std::int64_t initializeNanoseconds = 0;
 };
 
-Server startServer(const Peer &peer, const std::string &folder) {
+Server startServer(const Peer &peer, const Options &options) {
     int fds[2];
     check(pipe(fds) == 0, "make a pipe");
     Server server;
@@ -67,7 +56,7 @@ Server startServer(const Peer &peer, const std::string &folder) {
     if (server.process == 0) {
         close(fds[0]);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        peer.serve(folder, fds[1]);
+        peer.serve(options, fds[1]);
         _exit(0);
     }
     close(fds[1]);
@@ -93,9 +82,9 @@ void report(std::vector<std::int64_t> times, const Server &server, const Memory 
                 after.privateDirty, after.resident - before.resident);
 }
 
-void measure(const Peer &peer, const Options &options, const std::string &folder) {
-    const Server server = startServer(peer, folder);
-    auto client = peer.connect(folder, options);
+void measure(const Peer &peer, const Options &options) {
+    const Server server = startServer(peer, options);
+    auto client = peer.connect(options);
     for (int i = 0; i < options.warmUp; ++i)
         client->roundTrip();
     const Memory before = memoryOf(server.process);
@@ -124,11 +113,20 @@ int run(int argc, char **argv, const Peer &peer) {
     signal(SIGPIPE, SIG_IGN);
     pinToOneCore();
     allowManyDescriptors();
-    char folder[] = "/tmp/nelvo-bench-XXXXXX";
-    check(mkdtemp(folder) != nullptr, "make a folder in /tmp");
-    measure(peer, options, folder);
-    const std::string removal = std::string("rm -rf ") + folder;
-    return std::system(removal.c_str()) == 0 ? 0 : 1;
+    measure(peer, options);
+    return 0;
+}
+
+// The last core that we may use; the first ones get most interrupts.
+void pinToOneCore() {
+    cpu_set_t cores;
+    check(sched_getaffinity(0, sizeof cores, &cores) == 0, "ask for the cores");
+    int last = CPU_SETSIZE - 1;
+    while (!CPU_ISSET(last, &cores))
+        --last;
+    CPU_ZERO(&cores);
+    CPU_SET(last, &cores);
+    check(sched_setaffinity(0, sizeof cores, &cores) == 0, "choose a core");
 }
 
 void die(const std::string &what) {

@@ -12,6 +12,7 @@
 namespace bench {
 
 struct Options {
+    std::string folder;        // empty, for sockets
     std::size_t payload = 200; // bytes that travel each way
     int warmUp = 200;
     int requests = 2000;
@@ -22,21 +23,23 @@ struct Options {
 class Client {
 public:
     virtual ~Client() = default;
-    // Sends the payload and waits until it has come back.
+    // Sends the payload and waits until as much has come back.
     virtual void roundTrip() = 0;
     // Makes the server end; it is waited for afterwards.
     virtual void stopServer(pid_t server);
 };
 
 struct Peer {
-    // Serves whoever connects, by names in the given folder. Calls reportReady() when that is
+    // Serves whoever connects, through sockets in the folder. Calls reportReady() when that is
     // possible, and need not return.
-    void (*serve)(const std::string &folder, int readyFd);
-    std::unique_ptr<Client> (*connect)(const std::string &folder, const Options &options);
+    void (*serve)(const Options &options, int readyFd);
+    std::unique_ptr<Client> (*connect)(const Options &options);
 };
 
 // The main function of a measured program; prints one JSON object.
 int run(int argc, char **argv, const Peer &peer);
+
+void pinToOneCore();
 
 [[noreturn]] void die(const std::string &what);
 

@@ -20,8 +20,8 @@ using nelvo::client::MessageProxy;
 
 const char *const APP_ID = "bench.app";
 
-void serve(const std::string &folder, int readyFd) {
-    setenv("NELVO_HOST_RUNTIME_DIR", folder.c_str(), 1);
+void serve(const bench::Options &options, int readyFd) {
+    setenv("NELVO_HOST_RUNTIME_DIR", options.folder.c_str(), 1);
     const char *wrap = std::getenv("NELVO_BENCH_WRAP");
     const std::string command =
         std::string("exec ") + (wrap ? wrap : "") + " '" BENCH_APP "' " + std::to_string(readyFd);
@@ -60,8 +60,10 @@ public:
 
 private:
     void take(const Answer &answer) {
+        const auto text = answer.response.fields.find("result");
         finish(answer.response.requestId == _request.requestId &&
-               answer.response.field("result") == _request.actionParams);
+               text != answer.response.fields.end() &&
+               text->second.size() == _request.actionParams->size());
     }
 
     void finish(bool worked) {
@@ -106,9 +108,9 @@ void addIdleClients(const std::string &folder, int count) {
     close(connected[1]);
 }
 
-std::unique_ptr<bench::Client> connect(const std::string &folder, const bench::Options &options) {
-    addIdleClients(folder, options.idle);
-    return std::make_unique<NelvoClient>(folder, "bench.client", options.payload);
+std::unique_ptr<bench::Client> connect(const bench::Options &options) {
+    addIdleClients(options.folder, options.idle);
+    return std::make_unique<NelvoClient>(options.folder, "bench.client", options.payload);
 }
 
 } // namespace

@@ -32,9 +32,9 @@ def draw(measurements):
     peers = [peer for peer in report.NAMES if measurements.of("p50", peer)]
     width = LABELS + PANEL * len(report.SIZES) + 10
     height = TOP + len(peers) * (BAR + GAP) + 12
-    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
+    parts = ["<!-- SPDX-License-Identifier: Apache-2.0 -->",
+             f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
              f'viewBox="0 0 {width} {height}" font-family="system-ui, sans-serif">',
-             "<!-- SPDX-License-Identifier: Apache-2.0 -->",
              f'<rect width="{width}" height="{height}" rx="6" fill="#ffffff"/>',
              text(12, 26, "One round trip, payload both ways, both processes on one core: median "
                   "in µs, shorter is better", size=14, weight="bold")]

@@ -137,7 +137,8 @@ public:
 
     void roundTrip() override {
         _link.send(_request);
-        check(_link.receive(_answer) && _answer.size() == _request.size(), "get the payload back");
+        require(_link.receive(_answer) && _answer.size() == _request.size(),
+                "get the payload back");
     }
 
 private:

@@ -4,6 +4,7 @@
 PROGRAMS is the folder that the benchmark's programs were built in."""
 
 import pathlib
+import subprocess
 import sys
 
 import counts
@@ -41,4 +42,8 @@ def main():
     return 1 if missed else 0
 
 
-sys.exit(main())
+try:
+    sys.exit(main())
+except subprocess.CalledProcessError as error:
+    sys.exit(f"gate: this failed, see above why (exit code {error.returncode}): "
+             + " ".join(map(str, error.cmd)))

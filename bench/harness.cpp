@@ -60,9 +60,9 @@ Server startServer(const Peer &peer, const Options &options) {
         _exit(0);
     }
     close(fds[1]);
-    check(read(fds[0], &server.initializeNanoseconds, sizeof server.initializeNanoseconds) ==
-              sizeof server.initializeNanoseconds,
-          "start the server");
+    require(read(fds[0], &server.initializeNanoseconds, sizeof server.initializeNanoseconds) ==
+                sizeof server.initializeNanoseconds,
+            "start the server");
     close(fds[0]);
     return server;
 }
@@ -132,6 +132,11 @@ void pinToOneCore() {
 void die(const std::string &what) {
     std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, what.c_str());
     std::exit(1);
+}
+
+void require(bool worked, const char *what) {
+    if (!worked)
+        die(std::string("could not ") + what);
 }
 
 void check(bool worked, const char *what) {

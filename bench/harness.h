@@ -43,7 +43,8 @@ void pinToOneCore();
 
 [[noreturn]] void die(const std::string &what);
 
-// Whatever is asked of the system has to work.
+// Whatever is asked of anybody has to work; of the system, errno says why it did not.
+void require(bool worked, const char *what);
 void check(bool worked, const char *what);
 
 std::string text(std::size_t size);

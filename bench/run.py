@@ -4,6 +4,7 @@
 import argparse
 import os
 import pathlib
+import subprocess
 import sys
 
 import chart
@@ -45,4 +46,8 @@ def main():
           f"{given.output}")
 
 
-sys.exit(main())
+try:
+    sys.exit(main())
+except subprocess.CalledProcessError as error:
+    sys.exit(f"bench: this failed, see above why (exit code {error.returncode}): "
+             + " ".join(map(str, error.cmd)))

@@ -40,7 +40,7 @@ void start(Program &program, const std::string &folder) {
     }
     close(fds[1]);
     std::int64_t initialize = 0;
-    bench::check(read(fds[0], &initialize, sizeof initialize) == sizeof initialize, "start");
+    bench::require(read(fds[0], &initialize, sizeof initialize) == sizeof initialize, "start");
     program.readyAfter.push_back(bench::now() - begun);
     program.initialize.push_back(initialize);
     program.memory = bench::memoryOf(child);

@@ -28,7 +28,7 @@ void serve(const bench::Options &options, int readyFd) {
     builder.AddListeningPort(address(options.folder), grpc::InsecureServerCredentials());
     builder.RegisterService(&service);
     const auto server = builder.BuildAndStart();
-    bench::check(server != nullptr, "serve");
+    bench::require(server != nullptr, "serve");
     bench::reportReady(readyFd);
     server->Wait();
 }

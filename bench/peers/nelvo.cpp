@@ -39,7 +39,7 @@ public:
         _proxy.events.connected = [this] { finish(_proxy.setCb().ok()); };
         _proxy.events.answered = [this](const Answer &answer) { take(answer); };
         _proxy.events.rejected = _proxy.events.disconnected = [this] { finish(false); };
-        bench::check(_proxy.connect(APP_ID) == RPC_PORT_ERROR_NONE, "connect");
+        bench::require(_proxy.connect(APP_ID) == RPC_PORT_ERROR_NONE, "connect");
         await("register with the application");
         _request.actionId = "echo";
         _request.actionParams = bench::text(payload);
@@ -48,7 +48,7 @@ public:
     void roundTrip() override {
         ++_request.requestId;
         const auto request = nelvo::client::makeRequest(_request);
-        bench::check(request && _proxy.send(request.get()) == RPC_PORT_ERROR_NONE, "send");
+        bench::require(request && _proxy.send(request.get()) == RPC_PORT_ERROR_NONE, "send");
         await("get the payload back");
     }
 
@@ -73,7 +73,7 @@ private:
 
     void await(const char *what) {
         ecore_main_loop_begin();
-        bench::check(_worked, what);
+        bench::require(_worked, what);
     }
 
     MessageProxy _proxy;
@@ -86,7 +86,7 @@ void idle(const std::string &folder, int number, int connectedFd, int endFd) {
     NelvoClient client(folder, "bench.idle." + std::to_string(number), 0);
     char end = 0;
     bench::check(write(connectedFd, &end, 1) == 1, "report");
-    bench::check(read(endFd, &end, 1) == 0, "wait for the end");
+    bench::require(read(endFd, &end, 1) == 0, "wait for the end");
     _exit(0);
 }
 
@@ -102,7 +102,7 @@ void addIdleClients(const std::string &folder, int count) {
             idle(folder, number, connected[1], end[0]);
         }
         char byte = 0;
-        bench::check(read(connected[0], &byte, 1) == 1, "connect an idle client");
+        bench::require(read(connected[0], &byte, 1) == 1, "connect an idle client");
     }
     close(connected[0]);
     close(connected[1]);

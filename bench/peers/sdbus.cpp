@@ -28,9 +28,9 @@ std::string address(const std::string &folder) {
 // Connects to whom the address names, as a client of the bus or of the peer.
 sd_bus *open(const std::string &folder) {
     sd_bus *bus = nullptr;
-    bench::check(sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address(folder).c_str()) >= 0 &&
-                     sd_bus_set_bus_client(bus, WITH_DAEMON) >= 0 && sd_bus_start(bus) >= 0,
-                 "connect");
+    bench::require(sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, address(folder).c_str()) >= 0 &&
+                       sd_bus_set_bus_client(bus, WITH_DAEMON) >= 0 && sd_bus_start(bus) >= 0,
+                   "connect");
     return bus;
 }
 
@@ -54,13 +54,13 @@ void startDaemon(const std::string &folder) {
     }
     close(listening[1]);
     char byte = 0;
-    bench::check(read(listening[0], &byte, 1) == 1, "start dbus-daemon");
+    bench::require(read(listening[0], &byte, 1) == 1, "start dbus-daemon");
 }
 
 sd_bus *serveOnBus(const std::string &folder, int readyFd) {
     startDaemon(folder);
     sd_bus *bus = open(folder);
-    bench::check(sd_bus_request_name(bus, NAME, 0) >= 0, "take a name on the bus");
+    bench::require(sd_bus_request_name(bus, NAME, 0) >= 0, "take a name on the bus");
     bench::reportReady(readyFd);
     return bus;
 }
@@ -71,10 +71,10 @@ sd_bus *servePeer(const std::string &folder, int readyFd) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     sd_bus *bus = nullptr;
     sd_id128_t id{};
-    bench::check(fd >= 0 && sd_id128_randomize(&id) >= 0 && sd_bus_new(&bus) >= 0 &&
-                     sd_bus_set_fd(bus, fd, fd) >= 0 && sd_bus_set_server(bus, 1, id) >= 0 &&
-                     sd_bus_start(bus) >= 0,
-                 "accept a client");
+    bench::require(fd >= 0 && sd_id128_randomize(&id) >= 0 && sd_bus_new(&bus) >= 0 &&
+                       sd_bus_set_fd(bus, fd, fd) >= 0 && sd_bus_set_server(bus, 1, id) >= 0 &&
+                       sd_bus_start(bus) >= 0,
+                   "accept a client");
     return bus;
 }
 
@@ -91,8 +91,8 @@ const sd_bus_vtable METHODS[] = {
 void serve(const bench::Options &options, int readyFd) {
     sd_bus *bus =
         WITH_DAEMON ? serveOnBus(options.folder, readyFd) : servePeer(options.folder, readyFd);
-    bench::check(sd_bus_add_object_vtable(bus, nullptr, PATH, NAME, METHODS, nullptr) >= 0,
-                 "add the method");
+    bench::require(sd_bus_add_object_vtable(bus, nullptr, PATH, NAME, METHODS, nullptr) >= 0,
+                   "add the method");
     for (int processed = 0; processed >= 0;) {
         processed = sd_bus_process(bus, nullptr);
         if (processed == 0)
@@ -108,11 +108,11 @@ public:
     void roundTrip() override {
         sd_bus_message *reply = nullptr;
         const char *text = nullptr;
-        bench::check(sd_bus_call_method(_bus, WITH_DAEMON ? NAME : nullptr, PATH, NAME, "Echo",
-                                        nullptr, &reply, "s", _text.c_str()) >= 0 &&
-                         sd_bus_message_read(reply, "s", &text) >= 0 &&
-                         std::strlen(text) == _text.size(),
-                     "get the payload back");
+        bench::require(sd_bus_call_method(_bus, WITH_DAEMON ? NAME : nullptr, PATH, NAME, "Echo",
+                                          nullptr, &reply, "s", _text.c_str()) >= 0 &&
+                           sd_bus_message_read(reply, "s", &text) >= 0 &&
+                           std::strlen(text) == _text.size(),
+                       "get the payload back");
         sd_bus_message_unref(reply);
     }
 

@@ -112,7 +112,7 @@ class Runner:
     def round_trips(self, peer, payload, idle):
         warm_up, requests = map(self.times, PAYLOADS[payload])
         [result] = objects([self.programs / f"bench_{peer}", "FOLDER", payload, warm_up, requests,
-                            self.times(idle) if idle else 0], self.environment(idle))
+                            idle], self.environment(idle))
         return result
 
     def start(self, round_):

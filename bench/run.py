@@ -31,6 +31,8 @@ def main():
               "when the programs were built")
     if not runner.with_allow_list:
         print("bench: no mount namespace to be had here, so no allow list: one system call more")
+    if given.scale < 1:
+        print("bench: a trial with fewer round trips than the goals are for")
     load = os.getloadavg()[0]
     if load > 0.5:
         print(f"bench: the machine has other work (load {load:.1f}); trust ratios, not times")

@@ -21,8 +21,6 @@
 namespace nelvo::testkit {
 namespace {
 
-constexpr unsigned HANG_SECONDS = 20;
-
 bool matchesAny(const std::string &text, const std::vector<std::string> &patterns) {
     return std::any_of(patterns.begin(), patterns.end(), [&](const std::string &pattern) {
         return fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
@@ -62,8 +60,7 @@ long &keptBlocks() {
     return *static_cast<long *>(shared);
 }
 
-[[noreturn]] void playChild(const Point &point, const std::vector<std::string> &logPatterns) {
-    alarm(HANG_SECONDS); // a hang ends as a death
+Outcome playWhole(const Point &point, const std::vector<std::string> &logPatterns) {
     const long blocksBefore = liveBlocks();
     bool reached = true;
     std::vector<std::string> complaints;
@@ -83,25 +80,28 @@ long &keptBlocks() {
     }
     for (const std::string &complaint : complaints)
         std::fprintf(stderr, "%s: %s\n", point.script.c_str(), complaint.c_str());
-    const Outcome outcome = !complaints.empty() ? Outcome::BROKEN
-                            : reached           ? Outcome::HELD
-                                                : Outcome::NOT_REACHED;
-    std::exit(static_cast<int>(outcome)); // not _exit(): a leak is looked for on the way out
+    return !complaints.empty() ? Outcome::BROKEN : reached ? Outcome::HELD : Outcome::NOT_REACHED;
 }
 
 } // namespace
 
-Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns) {
-    keptBlocks(); // mapped before there is a child
+Outcome inChild(const std::string &name, const std::function<Outcome()> &work) {
     const pid_t child = fork();
-    if (child == 0)
-        playChild(point, logPatterns);
+    if (child == 0) {
+        alarm(HANG_SECONDS);                 // a hang ends as a death
+        std::exit(static_cast<int>(work())); // not _exit(): a leak is looked for on the way out
+    }
     int status = 0;
     if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
         WEXITSTATUS(status) <= static_cast<int>(Outcome::BROKEN))
         return static_cast<Outcome>(WEXITSTATUS(status));
-    std::fprintf(stderr, "%s: died, status %d\n", point.script.c_str(), status);
+    std::fprintf(stderr, "%s: died, status %d\n", name.c_str(), status);
     return Outcome::BROKEN;
+}
+
+Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns) {
+    keptBlocks(); // mapped before there is a child
+    return inChild(point.script, [&] { return playWhole(point, logPatterns); });
 }
 
 std::vector<std::string> readTable(const char *path) {

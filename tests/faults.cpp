@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Makes everything that can fail do so, in turn, in every scenario, each time in a process of its
-// own, and looks at what is left. `faults [EVERY]` tries each EVERYth point only.
+// own, and looks at what is left; then lets clients break off and garble what they say.
+// `faults [EVERY]` tries each EVERYth point only.
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include "allocation_faults.h"
 #include "platform_faults.h"
 #include "sweep.h"
+#include "transport_sweep.h"
 
 namespace {
 
@@ -65,6 +67,8 @@ public:
         std::printf("%-42s %5d points\n", "allocations", reached);
     }
 
+    void transport() { add("transport", sweepTransport(_every, _offset)); }
+
     int finish() {
         if (openDescriptors() != _descriptors)
             fail("descriptors are left");
@@ -95,6 +99,12 @@ private:
         return outcome != Outcome::NOT_REACHED;
     }
 
+    void add(const char *name, const Tally &tally) {
+        std::printf("%-42s %5d points\n", name, tally.points);
+        _points += tally.points;
+        _failures += tally.failures;
+    }
+
     void fail(const std::string &what) {
         ++_failures;
         std::fprintf(stderr, "FAILED: %s\n", what.c_str());
@@ -117,5 +127,6 @@ int main(int argc, char **argv) {
     sweeps.reentrancy();
     sweeps.platformCalls();
     sweeps.allocations();
+    sweeps.transport();
     return sweeps.finish();
 }

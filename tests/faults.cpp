@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Makes everything that can fail do so, in turn, in every scenario, each time in a process of its
-// own, and looks at what is left; then lets clients break off and garble what they say.
-// `faults [EVERY]` tries each EVERYth point only.
+// own, and looks at what is left; then lets clients break off, garble and attack. `faults [EVERY]`
+// tries each EVERYth point only.
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +10,7 @@
 #include <string>
 
 #include "allocation_faults.h"
+#include "hostile.h"
 #include "platform_faults.h"
 #include "sweep.h"
 #include "transport_sweep.h"
@@ -68,6 +69,8 @@ public:
     }
 
     void transport() { add("transport", sweepTransport(_every, _offset)); }
+
+    void hostilePeers() { add("hostile peers", sweepHostilePeers(HELLO, _every, _offset)); }
 
     int finish() {
         if (openDescriptors() != _descriptors)
@@ -128,5 +131,6 @@ int main(int argc, char **argv) {
     sweeps.platformCalls();
     sweeps.allocations();
     sweeps.transport();
+    sweeps.hostilePeers();
     return sweeps.finish();
 }

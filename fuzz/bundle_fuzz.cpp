@@ -18,12 +18,12 @@ static void checkEntry(const char *key, const int type, const bundle_keyval_t *k
 }
 
 static void check(const host::Parcel &encoded, bool isKnownGood) {
-    host::Parcel from = encoded, to;
+    host::Parcel from = parcelOf(bytesOf(encoded)), to;
     const nelvo::client::BundlePtr b = readBundle(from);
     require(b || !isKnownGood, "whether a bundle is accepted");
     if (b)
         rpc_port_parcel_write_bundle(&to, b.get());
-    require(!b || to.bytes == encoded.bytes, "what has been decoded, encoded again");
+    require(!b || bytesOf(to) == bytesOf(encoded), "what has been decoded, encoded again");
     bundle_foreach(b.get(), checkEntry, b.get());
 }
 
@@ -31,7 +31,7 @@ void nelvo::testkit::fuzz(Input input) {
     const std::string bytes = Input(input).rest();
     host::Parcel parcel, sent;
     rpc_port_parcel_write_int32(&parcel, static_cast<int>(bytes.size()));
-    parcel.bytes.insert(parcel.bytes.end(), bytes.begin(), bytes.end());
+    parcel.bytes.append(bytes.data(), bytes.size());
     check(parcel, false);
 
     const client::BundlePtr made(bundle_create());

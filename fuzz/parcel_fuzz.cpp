@@ -43,10 +43,10 @@ void nelvo::testkit::fuzz(Input input) {
     for (const char type : types) {
         const bool there = isThere(type, left),
                    isBundle = std::string("ibs").find(type) == std::string::npos;
-        const host::Parcel copy = copyValue(type, from);
-        require(copy.bytes.empty() ? !there || isBundle : there, "what can be read");
-        require(parcelOf(left.substr(0, copy.bytes.size())).bytes == copy.bytes, "the value");
-        left.erase(0, copy.bytes.size());
+        const std::string copy = bytesOf(copyValue(type, from));
+        require(copy.empty() ? !there || isBundle : there, "what can be read");
+        require(left.substr(0, copy.size()) == copy, "the value");
+        left.erase(0, copy.size());
         require(from.readPosition + left.size() == from.bytes.size(), "the place in the parcel");
     }
 }

@@ -9,9 +9,9 @@
 void nelvo::testkit::fuzz(Input input) {
     const std::size_t split = input.byte();
     const std::string stream = input.rest();
-    std::vector<host::Bytes> frames = framesOf(stream);
-    auto hello = host::decodeHello(frames.empty() ? host::Bytes() : frames[0]);
-    require(!hello || host::encodeHello(*hello) == frames[0], "a hello encoded again");
+    std::vector<std::string> frames = framesOf(stream);
+    auto hello = host::decodeHello(parcelOf(frames.empty() ? "" : frames[0]).bytes);
+    require(!hello || bytesOf(host::encodeHello(*hello)) == frames[0], "a hello encoded again");
     if (!hello || !host::isValidName(hello->sender.c_str()))
         hello.reset();
     const bool isMain = hello && hello->kind == RPC_PORT_PORT_MAIN;
@@ -22,7 +22,7 @@ void nelvo::testkit::fuzz(Input input) {
         const RawSocket socket, other;
         if (hello) {
             hello->kind = isMain ? RPC_PORT_PORT_CALLBACK : RPC_PORT_PORT_MAIN;
-            other.sendFrame(host::encodeHello(*hello));
+            other.sendFrame(bytesOf(host::encodeHello(*hello)));
         }
         socket.send(stream.substr(0, split));
         socket.send(stream.substr(std::min(split, stream.size())));

@@ -4,9 +4,13 @@
 #include <string>
 #include <utility>
 
+#include "parcel_values.h"
+
 namespace {
 
+using nelvo::testkit::bytesOf;
 using nelvo::testkit::DirectPort;
+using nelvo::testkit::parcelOf;
 
 template <typename Function>
 struct Event {
@@ -89,13 +93,13 @@ int rpc_port_stub_get_port(rpc_port_stub_h, rpc_port_port_type_e type, const cha
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
     if (port != &mainPort || !arrived)
         return RPC_PORT_ERROR_IO_ERROR;
-    *h = new host::Parcel(*std::exchange(arrived, nullptr));
+    *h = new host::Parcel(parcelOf(bytesOf(*std::exchange(arrived, nullptr))));
     return RPC_PORT_ERROR_NONE;
 }
 
 int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
     DirectPort &client = DirectPort::instance();
     (port == &mainPort ? client.replies : client.callbacks)
-        .push_back(*static_cast<host::Parcel *>(h));
+        .push_back(parcelOf(bytesOf(*static_cast<host::Parcel *>(h))));
     return RPC_PORT_ERROR_NONE;
 }

@@ -15,7 +15,18 @@
 namespace nelvo::testkit {
 
 inline host::Parcel parcelOf(const std::string &bytes) {
-    return {{bytes.begin(), bytes.end()}, 0};
+    host::Parcel parcel;
+    parcel.bytes.append(bytes.data(), bytes.size());
+    return parcel;
+}
+
+// All that has been written to it.
+inline std::string bytesOf(const host::Parcel &parcel) {
+    std::string bytes;
+    parcel.forEachPiece([&](const host::Memory &, const void *data, std::size_t size) {
+        bytes.append(static_cast<const char *>(data), size);
+    });
+    return bytes;
 }
 
 inline std::optional<int> readInt(host::Parcel &parcel) {

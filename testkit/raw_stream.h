@@ -16,14 +16,14 @@
 namespace nelvo::testkit {
 
 // The payloads that a client's stream holds, up to what is incomplete or too long.
-inline std::vector<host::Bytes> framesOf(std::string stream) {
-    std::vector<host::Bytes> frames;
+inline std::vector<std::string> framesOf(std::string stream) {
+    std::vector<std::string> frames;
     for (host::Parcel header = parcelOf(stream); const auto length = readInt(header);) {
         const auto size = static_cast<std::uint32_t>(*length);
         if (size > (frames.empty() ? host::MAX_HELLO_BYTES : host::MAX_FRAME_BYTES) ||
             size > stream.size() - sizeof size)
             break;
-        frames.push_back(parcelOf(stream.substr(sizeof size, size)).bytes);
+        frames.push_back(stream.substr(sizeof size, size));
         header = parcelOf(stream.erase(0, sizeof size + size));
     }
     return frames;
@@ -43,12 +43,12 @@ struct ListeningServer : RawDevice, peers::Server {
             rpc_port_parcel_h parcel = nullptr;
             const int error = rpc_port_parcel_create_from_port(&parcel, port);
             if (error == RPC_PORT_ERROR_NONE)
-                frames.push_back(static_cast<host::Parcel *>(parcel)->bytes);
+                frames.push_back(bytesOf(*static_cast<host::Parcel *>(parcel)));
             rpc_port_parcel_destroy(parcel);
             return error;
         };
     }
-    std::vector<host::Bytes> frames;
+    std::vector<std::string> frames;
 };
 
 // One of the two sockets of a client of that server.
@@ -66,9 +66,8 @@ public:
         host_sim_advance(0);
     }
     // Of less than 256 bytes.
-    void sendFrame(const host::Bytes &payload) const {
-        send(std::string{static_cast<char>(payload.size()), 0, 0, 0} +
-             std::string(payload.begin(), payload.end()));
+    void sendFrame(const std::string &payload) const {
+        send(std::string{static_cast<char>(payload.size()), 0, 0, 0} + payload);
     }
 
 private:

@@ -9,26 +9,20 @@
 #include <gtest/gtest.h>
 
 #include "allocation_faults.h"
-#include "parcel.h"
+#include "parcel_values.h"
 
 namespace {
 
 using namespace std::string_literals;
 
+using nelvo::testkit::bytesOf;
+using nelvo::testkit::parcelOf;
 using Bytes = std::string;
 using Bundle = std::unique_ptr<bundle, decltype(&bundle_free)>;
 
 const auto number = [](std::size_t n) { return Bytes(reinterpret_cast<char *>(&n), 4); };
 const auto sized = [](const Bytes &bytes) { return number(bytes.size()) + bytes; };
 const auto text = [](const Bytes &bytes) { return sized(bytes + '\0'); };
-const auto parcelOf = [](const Bytes &b) {
-    host::Parcel parcel;
-    parcel.bytes.append(b.data(), b.size());
-    return parcel;
-};
-const auto bytesOf = [](const host::Parcel &p) {
-    return Bytes(reinterpret_cast<char *>(p.bytes.data()), p.bytes.size());
-};
 
 const Bytes EXAMPLE = number(3) + "\1" + text("str") + text("texts") + "\2" + text("array") +
                       number(2) + text("one") + text("") + "\3" + text("byte") + sized("\0\1"s);

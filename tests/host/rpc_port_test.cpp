@@ -158,6 +158,44 @@ TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {
     EXPECT_TRUE("connected early " + sent == news(*client));
 }
 
+TEST_F(RpcPortTest, DeliversLargeValuesWhateverBecomesOfTheirBundles) {
+    const auto append = [](const char *key, const int, const bundle_keyval_t *kv, void *to) {
+        void *value = nullptr;
+        std::size_t size = 0;
+        bundle_keyval_get_basic_val(const_cast<bundle_keyval_t *>(kv), &value, &size);
+        *static_cast<std::string *>(to) += key + std::string(static_cast<char *>(value), size);
+    };
+    std::string sent, received;
+    const auto take = [&](rpc_port_parcel_h parcel, std::string &to) {
+        bundle *b = nullptr;
+        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_read_bundle(parcel, &b));
+        bundle_foreach(b, append, &to);
+        bundle_free(b);
+        rpc_port_parcel_destroy(parcel);
+    };
+    start();
+    host_sim_advance(0);
+    server->onReceived = [&](rpc_port_h port) {
+        rpc_port_parcel_h parcel = nullptr;
+        const int error = rpc_port_parcel_create_from_port(&parcel, port);
+        take(parcel, received);
+        return error;
+    };
+    for (const std::size_t size : {16'383UL, 16'384UL, 900'000UL, 3UL, 300'000UL, 20'000UL}) {
+        bundle *const b = bundle_create();
+        for (const char *const key : {"a", "b", "c"})
+            bundle_add_str(b, key, std::string(size, *key).c_str());
+        rpc_port_parcel_h parcel = nullptr;
+        rpc_port_parcel_create(&parcel);
+        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_write_bundle(parcel, b));
+        bundle_free(b);
+        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_send(parcel, client->port()));
+        take(parcel, sent);
+    }
+    host_sim_advance(0);
+    EXPECT_TRUE(sent == received && sent.size() == 3'758'346) << sent.size();
+}
+
 TEST_F(RpcPortTest, EndsTheConnectionOfAClientThatDoesNotReadOutsideTheSend) {
     start();
     const auto other = connecting("other");

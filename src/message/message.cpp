@@ -2,7 +2,6 @@
 #include "message.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <new>
 
@@ -18,11 +17,19 @@ enum Method : std::int32_t { RESULT = 0, CALLBACK = 1, SET_CB = 2, UNSET_CB = 3,
 
 constexpr const char *PORT_NAME = "message";
 
+constexpr const char *baseName(const char *path) {
+    const char *name = path;
+    for (const char *at = path; *at; ++at)
+        if (*at == '/')
+            name = at + 1;
+    return name;
+}
+
+constexpr const char *FILE_NAME = baseName(__FILE__);
+
 template <typename... Values>
 void logLine(const char *function, int line, const char *format, Values... values) {
-    const char *slash = std::strrchr(__FILE__, '/');
-    dlog_print(DLOG_ERROR, "RPC_PORT_STUB", format, slash ? slash + 1 : __FILE__, function, line,
-               values...);
+    dlog_print(DLOG_ERROR, "RPC_PORT_STUB", format, FILE_NAME, function, line, values...);
 }
 
 #define LOG_ERROR(...) logLine(__func__, __LINE__, "%s: %s(%d) > " __VA_ARGS__)

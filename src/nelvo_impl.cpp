@@ -141,7 +141,7 @@ int NelvoImpl::initialize() {
             NELVO_LOGE("message is failed");
             return NELVO_ERROR_OUT_OF_MEMORY;
         }
-        created->Listen(std::shared_ptr<messageService::Factory>(new messageService::Factory));
+        created->Listen(std::make_shared<messageService::Factory>());
     } catch (const stub::InvalidIOException &) {
         NELVO_LOGE("Listen error: InvalidIOException");
         return NELVO_ERROR_OPERATION_FAILED;

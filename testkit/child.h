@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include <sys/mman.h>
@@ -12,11 +14,12 @@
 template <typename Work>
 std::string stderrOfChild(Work work) {
     const int file = memfd_create("stderr", 0);
+    std::fflush(nullptr); // or the child would print what is buffered
     const pid_t child = fork();
     if (child == 0) {
         dup2(file, STDERR_FILENO);
         work();
-        _exit(0);
+        std::exit(0); // not _exit(): on the way out a coverage build notes what was reached
     }
     int status = -1;
     waitpid(child, &status, 0);

@@ -89,6 +89,7 @@ TEST(DlogTest, GivesTheSinkEveryEntryAsItIsOrItsBeginningWhenMemoryIsShort) {
     EXPECT_EQ("E T: a?xxx\n", stderrOfChild([] {
                   nelvo::testkit::failAllocation(1, true);
                   dlog_print(DLOG_ERROR, "T", "a%cxxx", '\x1b');
+                  nelvo::testkit::stopFailingAllocations();
               }));
 }
 

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform_faults.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <set>
 
 #include <dlfcn.h>
 
@@ -72,6 +74,7 @@ template <typename Callback>
 struct Registered {
     Callback callback = nullptr;
     void *data = nullptr;
+    Ecore_Timer *timer = nullptr; // of a timer's callback
 };
 
 Registered<rpc_port_stub_connected_event_cb> connected;
@@ -93,12 +96,16 @@ int onReceived(const char *sender, const char *instance, rpc_port_h port, void *
     return received.callback(sender, instance, port, received.data);
 }
 
+// The library's timers that have neither ended nor been deleted.
+std::set<Ecore_Timer *> timers;
+
 Eina_Bool onTimer(void *data) {
     auto *timer = static_cast<Registered<Ecore_Task_Cb> *>(data);
     const FaultScope scope(true);
     const Eina_Bool again = timer->callback(timer->data);
     if (again == ECORE_CALLBACK_CANCEL) {
         const FaultScope none(false);
+        timers.erase(timer->timer);
         delete timer;
     }
     return again;
@@ -109,14 +116,18 @@ Ecore_Timer *addTimer(Ecore_Timer *(*real)(double, Ecore_Task_Cb, const void *),
                       Ecore_Task_Cb callback, const void *data) {
     const FaultScope scope(false);
     auto *record = new Registered<Ecore_Task_Cb>{callback, const_cast<void *>(data)};
-    Ecore_Timer *timer = real(in, onTimer, record);
-    if (!timer)
-        delete record;
-    return timer;
+    hooks().timer(callback, record->data);
+    record->timer = real(in, onTimer, record);
+    if (record->timer)
+        return *timers.insert(record->timer).first;
+    delete record;
+    return nullptr;
 }
 
 void *deleteTimer(void *(*real)(Ecore_Timer *), Ecore_Timer *timer) {
     const FaultScope scope(false);
+    if (timers.erase(timer) == 0)
+        std::abort(); // on a device as well, some day
     auto *record = static_cast<Registered<Ecore_Task_Cb> *>(real(timer));
     void *data = record ? record->data : nullptr;
     delete record;
@@ -161,6 +172,23 @@ const std::vector<FailableCall> &failableCalls() {
     return calls;
 }
 
+Hooks &hooks() {
+    static Hooks hooks;
+    return hooks;
+}
+
+// What a call that fails may leave in its out-argument: nothing to be used, or freed.
+template <typename Value>
+void spoil(Value **out) {
+    *out = reinterpret_cast<Value *>(8);
+}
+void spoil(int *out) {
+    *out = -559038737;
+}
+void spoil(bool *out) {
+    *out = !*out;
+}
+
 std::string liveHandles() {
     return std::to_string(bundles) + " bundles, " + std::to_string(parcels) + " parcels, " +
            std::to_string(stubs) + " stubs, " + std::to_string(infos) + " app infos";
@@ -182,8 +210,12 @@ std::string liveHandles() {
     }
 #define WRAP_INT(name, parameters, arguments)                                                      \
     WRAP(int, name, parameters, arguments, nelvo::testkit::fault.error, )
-#define WRAP_NEW(name, live, parameters, arguments)                                                \
-    WRAP(int, name, parameters, arguments, nelvo::testkit::fault.error,                            \
+#define WRAP_OUT(name, out, parameters, arguments)                                                 \
+    WRAP(int, name, parameters, arguments,                                                         \
+         (nelvo::testkit::spoil(out), nelvo::testkit::fault.error), )
+#define WRAP_NEW(name, live, out, parameters, arguments)                                           \
+    WRAP(int, name, parameters, arguments,                                                         \
+         (nelvo::testkit::spoil(out), nelvo::testkit::fault.error),                                \
          nelvo::testkit::live += result == 0)
 #define WRAP_END(name, live, parameters, arguments)                                                \
     WRAP(int, name, parameters, arguments, 0, --nelvo::testkit::live)
@@ -194,16 +226,16 @@ WRAP(bundle *, bundle_dup, (bundle * from), (from), nullptr,
 WRAP_INT(bundle_add_str, (bundle * b, const char *key, const char *str), (b, key, str))
 WRAP_INT(bundle_add_byte, (bundle * b, const char *key, const void *byte, const size_t size),
          (b, key, byte, size))
-WRAP_INT(bundle_get_str, (bundle * b, const char *key, char **str), (b, key, str))
-WRAP_INT(bundle_get_byte, (bundle * b, const char *key, void **byte, size_t *size),
+WRAP_OUT(bundle_get_str, str, (bundle * b, const char *key, char **str), (b, key, str))
+WRAP_OUT(bundle_get_byte, byte, (bundle * b, const char *key, void **byte, size_t *size),
          (b, key, byte, size))
-WRAP_INT(bundle_keyval_get_basic_val, (bundle_keyval_t * kv, void **val, size_t *size),
+WRAP_OUT(bundle_keyval_get_basic_val, val, (bundle_keyval_t * kv, void **val, size_t *size),
          (kv, val, size))
 WRAP_INT(app_get_id, (char **id), (id))
-WRAP_NEW(app_info_create, infos, (const char *appId, app_info_h *info), (appId, info))
+WRAP_NEW(app_info_create, infos, info, (const char *appId, app_info_h *info), (appId, info))
 WRAP_INT(app_info_foreach_metadata, (app_info_h info, app_info_metadata_cb callback, void *data),
          (info, callback, data))
-WRAP_NEW(rpc_port_stub_create, stubs, (rpc_port_stub_h * h, const char *port), (h, port))
+WRAP_NEW(rpc_port_stub_create, stubs, h, (rpc_port_stub_h * h, const char *port), (h, port))
 WRAP_INT(rpc_port_stub_listen, (rpc_port_stub_h h), (h))
 WRAP_INT(rpc_port_stub_add_connected_event_cb,
          (rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb, void *data),
@@ -214,25 +246,33 @@ WRAP_INT(rpc_port_stub_add_disconnected_event_cb,
 WRAP_INT(rpc_port_stub_add_received_event_cb,
          (rpc_port_stub_h h, rpc_port_stub_received_event_cb cb, void *data),
          (h, (nelvo::testkit::received = {cb, data}, nelvo::testkit::onReceived), nullptr))
-WRAP_INT(rpc_port_stub_get_port,
+WRAP_OUT(rpc_port_stub_get_port, port,
          (rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance, rpc_port_h *port),
          (h, type, instance, port))
-WRAP_NEW(rpc_port_parcel_create, parcels, (rpc_port_parcel_h * h), (h))
-WRAP_NEW(rpc_port_parcel_create_from_port, parcels, (rpc_port_parcel_h * h, rpc_port_h port),
+WRAP_NEW(rpc_port_parcel_create, parcels, h, (rpc_port_parcel_h * h), (h))
+WRAP_NEW(rpc_port_parcel_create_from_port, parcels, h, (rpc_port_parcel_h * h, rpc_port_h port),
          (h, port))
 WRAP_INT(rpc_port_parcel_send, (rpc_port_parcel_h h, rpc_port_h port), (h, port))
 WRAP_INT(rpc_port_parcel_write_int32, (rpc_port_parcel_h h, int i), (h, i))
 WRAP_INT(rpc_port_parcel_write_bool, (rpc_port_parcel_h h, bool b), (h, b))
 WRAP_INT(rpc_port_parcel_write_string, (rpc_port_parcel_h h, const char *str), (h, str))
 WRAP_INT(rpc_port_parcel_write_bundle, (rpc_port_parcel_h h, bundle *b), (h, b))
-WRAP_INT(rpc_port_parcel_read_int32, (rpc_port_parcel_h h, int *i), (h, i))
-WRAP_INT(rpc_port_parcel_read_bool, (rpc_port_parcel_h h, bool *b), (h, b))
-WRAP_NEW(rpc_port_parcel_read_bundle, bundles, (rpc_port_parcel_h h, bundle **b), (h, b))
+WRAP_OUT(rpc_port_parcel_read_int32, i, (rpc_port_parcel_h h, int *i), (h, i))
+WRAP_OUT(rpc_port_parcel_read_bool, b, (rpc_port_parcel_h h, bool *b), (h, b))
+WRAP_NEW(rpc_port_parcel_read_bundle, bundles, b, (rpc_port_parcel_h h, bundle **b), (h, b))
 
 WRAP_END(bundle_free, bundles, (bundle * b), (b))
 WRAP_END(app_info_destroy, infos, (app_info_h info), (info))
 WRAP_END(rpc_port_stub_destroy, stubs, (rpc_port_stub_h h), (h))
 WRAP_END(rpc_port_parcel_destroy, parcels, (rpc_port_parcel_h h), (h))
+
+extern "C" TESTKIT_API void bundle_foreach(bundle *b, bundle_iterator_t iterator, void *data) {
+    using Iterate = void (*)(bundle *, bundle_iterator_t, void *);
+    static const auto real = reinterpret_cast<Iterate>(dlsym(RTLD_NEXT, "bundle_foreach"));
+    if (!nelvo::testkit::isOurs(__builtin_return_address(0)))
+        nelvo::testkit::hooks().iterator(iterator);
+    real(b, iterator, data);
+}
 
 extern "C" TESTKIT_API Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func,
                                                     const void *data) {

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
+
+#include <Ecore.h>
+#include <bundle.h>
 
 #include "testkit_export.h"
 
@@ -26,6 +30,14 @@ struct FailableCall {
     std::vector<int> errors;
 };
 TESTKIT_API const std::vector<FailableCall> &failableCalls();
+
+// What a test is told of the callbacks that the library hands to the platform, so that it can call
+// them at moments, and with data, that the platform would not.
+struct Hooks {
+    std::function<void(Ecore_Task_Cb, void *data)> timer = [](Ecore_Task_Cb, void *) {}; // before
+    std::function<void(bundle_iterator_t)> iterator = [](bundle_iterator_t) {}; // it is used
+};
+TESTKIT_API Hooks &hooks();
 
 // How many bundles, parcels, stubs and app infos the application's side holds now, as a text.
 TESTKIT_API std::string liveHandles();

@@ -3,6 +3,9 @@
 
 #include <cstring>
 
+#include "action_request_impl.h"
+#include "nelvo_common_data.h"
+
 namespace nelvo {
 namespace {
 
@@ -74,6 +77,64 @@ TEST_F(ActionRequestTest, KeepsStringsAndBytesOfAWaitingRequest) {
     EXPECT_EQ(entries, 4); // all but the array
 }
 
+// Ticks that the platform should not make, at the moments at which they find something missing.
+TEST_F(ActionRequestTest, GivesTheWaitUpWhenSomethingIsMissing) {
+    Ecore_Task_Cb tick = nullptr;
+    void *self = nullptr;
+    testkit::hooks().timer = [&](Ecore_Task_Cb added, void *data) {
+        tick = added;
+        self = data;
+    };
+    testkit::hooks().iterator = [](bundle_iterator_t iterator) {
+        iterator("key", BUNDLE_TYPE_STR, nullptr, nullptr);
+    };
+    client.request("late");
+    EXPECT_EQ(device.logTexts().back(), "E _bundleDataCb: Bundle data is null");
+    EXPECT_EQ(device.logTexts(DLOG_ERROR).size(), 1u);
+    testkit::hooks() = {};
+
+    std::string &clientId = NelvoCommonData::getInstance()->_nelvoClientAppId;
+    const struct {
+        const char *logged;
+        std::function<void()> tickWithout;
+    } rows[] = {
+        {"actionPtr is null", [&] { tick(nullptr); }},
+        {"Nelvo Client app id is null",
+         [&] {
+             clientId.clear();
+             tick(self);
+             clientId = "demo.client";
+         }},
+        {"ActionRequest _actionExecutionFireTimer is null", [&] { device.advance(0.02); }},
+        {"ActionRequest bundle data is null",
+         [&] {
+             restart();
+             tick(self);
+         }},
+    };
+    for (const auto &row : rows) {
+        device.clearLog();
+        row.tickWithout();
+        ASSERT_EQ(device.logTexts(DLOG_ERROR).size(), 1u);
+        EXPECT_EQ(device.logTexts(DLOG_ERROR)[0],
+                  "E _actionExecutionFireCb: " + std::string(row.logged));
+    }
+    EXPECT_EQ(host_sim_timer_count(), 0);
+    EXPECT_EQ(answerCount(), 0);
+}
+
+TEST_F(ActionRequestTest, StartsNoSecondWait) {
+    client.request("late");
+    const int waiting = host_sim_timer_count();
+    ActionRequestImpl::getInstance()->receiveRequest("demo.client", "late", nullptr);
+    EXPECT_EQ(host_sim_timer_count(), waiting);
+    device.advance(1);
+    EXPECT_EQ(
+        device.logTexts(DLOG_ERROR),
+        std::vector<std::string>{"E _actionExecutionFireCb: ActionRequest bundle data is null"});
+    EXPECT_EQ(answerCount(), 0);
+}
+
 TEST_F(ActionRequestTest, NumbersHandlersInTurnAcrossBothKinds) {
     registerPlay();
     ASSERT_EQ(callback.registerState(), NELVO_ERROR_NONE);
@@ -83,29 +144,6 @@ TEST_F(ActionRequestTest, NumbersHandlersInTurnAcrossBothKinds) {
         ASSERT_EQ(numberOf(callback.last()), (first + i) % 100) << i;
         ASSERT_EQ(callback.last(), callback.handlers[static_cast<std::size_t>(i % 100)]) << i;
     }
-}
-
-TEST_F(ActionRequestTest, LogsARequestStepByStep) {
-    registerPlay();
-    device.clearLog();
-    client.request("play");
-    complete("fine");
-    auto lines = device.logTexts();
-    ASSERT_EQ(lines.size(), 11u);
-    EXPECT_THAT(lines[5], testing::StartsWith("D receiveRequest: Found execute action Id: play  "
-                                              "Callback: 0x"));
-    lines.erase(lines.begin() + 5);
-    EXPECT_THAT(lines,
-                ElementsAre("I Send: Call stub Send",
-                            "I isPermittedSender: res_path : /usr/share/nelvo/allow_list.dat",
-                            "D isPermittedSender: allow_list.dat file not present, allowing "
-                            "all apps",
-                            "I Send: Call stub Sender demo.client",
-                            "D executeRequest: Action Execution request recieved",
-                            "D completeActionExecution: _nelvoClientAppId : demo.client",
-                            "D completeActionExecution: Action result:",
-                            "D completeActionExecution: fine", "I sendResponse: App Id demo.app",
-                            "D completeActionExecution: Response success"));
 }
 
 } // namespace

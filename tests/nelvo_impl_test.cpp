@@ -2,6 +2,9 @@
 #include "driven_application.h"
 
 #include <cstdlib>
+#include <stdexcept>
+
+#include "state_request_impl.h"
 
 namespace nelvo {
 namespace {
@@ -212,6 +215,28 @@ TEST_F(DispatchTest, ServesARequestWithoutAnIdAsNumberZero) {
     device.advance();
     ASSERT_EQ(answerCount(), 1);
     EXPECT_EQ(answer().response.requestId, 0u);
+}
+
+TEST_F(DispatchTest, LosesNothingWhenTheStateHandlerIsInitialised) {
+    EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NELVO_ERROR_NONE);
+    client.request("getAppContext");
+    EXPECT_EQ(state.count(), 1);
+}
+
+TEST_F(DispatchTest, OutlivesACallbackThatThrows) {
+    const struct {
+        std::function<void()> raise;
+        const char *logged;
+    } rows[] = {{[] { throw std::runtime_error("why"); }, "unexpected exception: why"},
+                {[] { throw 1; }, "unexpected exception"}};
+    for (const auto &row : rows) {
+        callback.then = [&](void *, bundle *) { row.raise(); };
+        client.request("play", 5);
+        EXPECT_EQ(device.countLog(DLOG_ERROR, "Send", row.logged), 1);
+        EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "x"), NELVO_ERROR_NONE);
+    }
+    device.advance();
+    EXPECT_EQ(answerCount(), 2);
 }
 
 TEST_F(DispatchTest, NamesTheActionOfTheLatestHandlerOnly) {

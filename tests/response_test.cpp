@@ -2,8 +2,10 @@
 #include "response.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "driven_application.h"
+#include "log.h"
 #include "nelvo_common_data.h"
 
 namespace nelvo {
@@ -35,6 +37,30 @@ TEST(ResponseTest, AddsItsEntriesInTheirOrder) {
         EXPECT_EQ(std::memcmp(bytes, &NelvoCommonData::getInstance()->_requestId, 8), 0);
         bundle_free(row.response);
     }
+}
+
+TEST(ResponseTest, GoesToNobodyBeforeTheFirstRequest) {
+    testkit::Simulation device;
+    EXPECT_EQ(sendResponse(createSuccessResponse("result", "x")), NELVO_ERROR_OPERATION_FAILED);
+    EXPECT_EQ(device.countLog(DLOG_ERROR, "sendResponse", "Nelvo Client is not connected"), 1);
+    EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 0 stubs, 0 app infos");
+}
+
+TEST(LogTest, GivesTheCodeOfEachException) {
+    testkit::Simulation device;
+    const auto thrown = [](auto exception) {
+        try {
+            throw exception;
+        } catch (...) {
+            return logException("f");
+        }
+    };
+    EXPECT_EQ(thrown(std::bad_alloc()), NELVO_ERROR_OUT_OF_MEMORY);
+    EXPECT_EQ(thrown(std::runtime_error("why")), NELVO_ERROR_OPERATION_FAILED);
+    EXPECT_EQ(thrown(1), NELVO_ERROR_OPERATION_FAILED);
+    EXPECT_THAT(device.logTexts(),
+                testing::ElementsAre("E f: out of memory", "E f: unexpected exception: why",
+                                     "E f: unexpected exception"));
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <map>
 #include <utility>
 
 #include <host/sim.h>
@@ -20,14 +21,24 @@ constexpr double WATCH_SECONDS = 30;
 constexpr double ROUNDING = 1e-6;
 constexpr const char *SUCCESS = "ACTION_EXECUTION_SUCCESS";
 constexpr const char *FAILURE = "ACTION_EXECUTION_FAILURE";
-constexpr int CODES[] = {NELVO_ERROR_NONE, NELVO_ERROR_OUT_OF_MEMORY, NELVO_ERROR_INVALID_PARAMETER,
-                         NELVO_ERROR_NOT_SUPPORTED, NELVO_ERROR_OPERATION_FAILED};
+const std::map<int, std::string> CODES = {{NELVO_ERROR_NONE, "NONE"},
+                                          {NELVO_ERROR_OUT_OF_MEMORY, "OUT_OF_MEMORY"},
+                                          {NELVO_ERROR_INVALID_PARAMETER, "INVALID_PARAMETER"},
+                                          {NELVO_ERROR_NOT_SUPPORTED, "NOT_SUPPORTED"},
+                                          {NELVO_ERROR_OPERATION_FAILED, "OPERATION_FAILED"}};
 
 // Calls the library, whose allocations may fail while the test kit's may not.
 template <typename Function, typename... Arguments>
 int library(Function function, Arguments... arguments) {
     const FaultScope scope(true);
     return function(arguments...);
+}
+
+std::string describe(const client::Answer &answer) {
+    std::string text = answer.sender + " " + std::to_string(answer.response.requestId.value_or(0));
+    for (const auto &[key, value] : answer.response.fields)
+        text += " " + key + "=" + value;
+    return text;
 }
 
 } // namespace
@@ -149,6 +160,7 @@ void Play::step(char code) {
                     code == 'T' ? Kind::STATE : Kind::ACTION);
         break;
     default:
+        _device.note(code == '.' ? "... 0.02 s" : code == '-' ? "... 0.2 s" : "... 31 s");
         _device.advance(code == '.' ? TICK : code == '-' ? 0.2 : code == '_' ? 31 : 0);
         settle();
     }
@@ -224,6 +236,8 @@ void Play::stateCb(void *handler, void *data) {
 void Play::called(Kind kind, void *handler) {
     const FaultScope scope(false);
     _former = std::exchange(_latest, {handler, kind});
+    const int number = *static_cast<int *>(handler);
+    _device.note((kind == Kind::STATE ? "* state " : "* action ") + std::to_string(number));
     if (checksModel()) {
         const double now = host_sim_now();
         if (_pending == Kind::WAITING && !_callExpected) {
@@ -240,7 +254,7 @@ void Play::called(Kind kind, void *handler) {
         _since = now;
         _number = (_number + 1) % 100;
         _recorded = _number;
-        expect("handler", *static_cast<int *>(handler), _number);
+        expect("handler", number, _number);
     }
     if (_inside.empty() || _depth > 1)
         return;
@@ -314,10 +328,11 @@ void Play::askName() {
 }
 
 void Play::expect(const std::string &what, int real, int wanted) {
-    const bool isCode = what == "connect" || what == "handler" || what == "SetCB" ||
-                        what == "UnsetCB" ||
-                        std::find(std::begin(CODES), std::end(CODES), real) != std::end(CODES);
-    if (checksModel() ? real != wanted : !isCode)
+    const bool isNumber = what == "connect" || what == "SetCB" || what == "UnsetCB";
+    const auto code = CODES.find(real);
+    const bool isCode = !isNumber && code != CODES.end();
+    _device.note("= " + what + " " + (isCode ? code->second : std::to_string(real)));
+    if (checksModel() ? real != wanted : !isNumber && !isCode)
         complain(what + " gave " + std::to_string(real) + ", not " + std::to_string(wanted));
 }
 
@@ -327,6 +342,7 @@ void Play::compareAnswers() {
         for (; _seen[i] < answers.size(); ++_seen[i]) {
             const client::Response &response = answers[_seen[i]].response;
             const std::uint64_t id = response.requestId.value_or(0);
+            _device.note("< " + describe(answers[_seen[i]]));
             const auto sent = _sent.find(id);
             if (sent == _sent.end() || sent->second.client != i)
                 complain("answer to a request that was not sent: " + std::to_string(id));

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <regex>
 
 #include <dlfcn.h>
 #include <sys/mman.h>
@@ -20,6 +21,7 @@ namespace nelvo::testkit {
 namespace {
 
 constexpr const char *ALLOW_LIST_FILE = "/usr/share/nelvo/allow_list.dat";
+constexpr const char *NOTE = "NOTE"; // the tag of what is no log line
 constexpr const char *SDK_VERSION_KEY =
     "http://developer.tizen.org/tizen/metadata/nelvo/sdk/version";
 
@@ -141,6 +143,20 @@ std::vector<std::string> Simulation::logTexts(log_priority atLeast) const {
         if (line.priority >= atLeast && line.tag == "NELVO-APPSDK")
             texts.push_back(line.summary());
     return texts;
+}
+
+void Simulation::note(const std::string &event) {
+    device.log.push_back({DLOG_DEBUG, NOTE, "", event, event});
+}
+
+std::vector<std::string> Simulation::transcript() const {
+    static const std::regex address("0x[0-9a-f]+");
+    std::vector<std::string> lines;
+    for (const LogLine &line : device.log)
+        if (line.tag == NOTE || !line.function.empty())
+            lines.push_back(line.tag == NOTE ? line.text
+                                             : std::regex_replace(line.summary(), address, "*"));
+    return lines;
 }
 
 } // namespace nelvo::testkit

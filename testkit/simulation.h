@@ -54,6 +54,11 @@ public:
     // The lines of the library, summed up, from the given level up.
     std::vector<std::string> logTexts(log_priority atLeast = DLOG_DEBUG) const;
 
+    // Writes down what else happens, among the log lines. The transcript is both, in their order:
+    // the lines of the library and of its stub summed up, with * for each address.
+    void note(const std::string &event);
+    std::vector<std::string> transcript() const;
+
 private:
     std::string _appId;
 };

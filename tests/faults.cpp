@@ -19,8 +19,6 @@ namespace {
 
 using namespace nelvo::testkit;
 
-const char *const PLACES[] = {"IJA|%R", "IJS|%T", "IJW|%L."}; // where a callback is called
-
 int openDescriptors() {
     int count = 0;
     for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
@@ -31,16 +29,6 @@ int openDescriptors() {
 class Sweeps {
 public:
     explicit Sweeps(int every) : _every(every) {}
-
-    void reentrancy() {
-        for (const std::string place : PLACES)
-            for (const std::string &deed : readTable(TABLES "/faults_deeds.txt")) {
-                std::string script = place;
-                play({script.replace(script.find('%'), 1, "{" + deed + "}"), Play::Check::MODEL});
-            }
-        for (const std::string &script : _scenarios)
-            play({script, Play::Check::MODEL});
-    }
 
     void platformCalls() {
         for (const FailableCall &call : failableCalls()) {
@@ -127,7 +115,6 @@ private:
 int main(int argc, char **argv) {
     setvbuf(stdout, nullptr, _IONBF, 0); // or each child would print what is buffered
     Sweeps sweeps(argc > 1 ? std::atoi(argv[1]) : 1);
-    sweeps.reentrancy();
     sweeps.platformCalls();
     sweeps.allocations();
     sweeps.transport();

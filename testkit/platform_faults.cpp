@@ -191,7 +191,8 @@ void spoil(bool *out) {
 
 std::string liveHandles() {
     return std::to_string(bundles) + " bundles, " + std::to_string(parcels) + " parcels, " +
-           std::to_string(stubs) + " stubs, " + std::to_string(infos) + " app infos";
+           std::to_string(stubs) + " stubs, " + std::to_string(infos) + " app infos, " +
+           std::to_string(timers.size()) + " timers";
 }
 
 } // namespace nelvo::testkit

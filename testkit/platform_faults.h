@@ -39,7 +39,7 @@ struct Hooks {
 };
 TESTKIT_API Hooks &hooks();
 
-// How many bundles, parcels, stubs and app infos the application's side holds now, as a text.
+// How many bundles, parcels, stubs, app infos and timers the application's side holds now, as a text.
 TESTKIT_API std::string liveHandles();
 
 } // namespace nelvo::testkit

@@ -11,6 +11,7 @@
 #include <nelvo.h>
 
 #include "fault_scope.h"
+#include "platform_faults.h"
 
 namespace nelvo::testkit {
 namespace {
@@ -355,6 +356,12 @@ void Play::compareAnswers() {
     }
     if (!checksModel())
         return;
+    const std::string held = std::string(_pending == Kind::WAITING ? "1" : "0") +
+                             " bundles, 0 parcels, " + (_initialized ? "1" : "0") +
+                             " stubs, 0 app infos, " + (_pending == Kind::NONE ? "0" : "1") +
+                             " timers";
+    if (liveHandles() != held)
+        complain("held: " + liveHandles() + ", not " + held);
     for (const auto &[id, sent] : _sent)
         if (!sent.expected.empty() && _answered.count(id) == 0)
             complain("no answer to " + std::to_string(id));

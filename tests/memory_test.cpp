@@ -58,7 +58,7 @@ TEST_P(StartWithoutMemory, IsToldAndDoneOrNotDone) {
     EXPECT_EQ(device.countLog(DLOG_ERROR, "getActionName", null),
               device.countLog(DLOG_ERROR, "initialize", null));
     nelvo_deinitialize();
-    EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 0 stubs, 0 app infos");
+    EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers");
 }
 
 TEST(CoreWithoutMemory, IsMissingForGood) {

@@ -76,6 +76,10 @@ void require(int result) {
 
 std::atomic<std::int32_t> message::CallbackBase::seq_num_{0};
 
+std::string message::CallbackBase::GetTag() const {
+    return std::to_string(_id) + "::" + std::to_string(_seqId);
+}
+
 void *operator<<(void *parcel, const message::CallbackBase &callback) {
     require(rpc_port_parcel_write_int32(parcel, callback._id));
     require(rpc_port_parcel_write_int32(parcel, callback._seqId));

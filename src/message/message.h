@@ -69,7 +69,7 @@ public:
         int GetId() const { return _id; }
         int GetSeqId() const { return _seqId; }
         bool IsOnce() const { return _once; }
-        std::string GetTag() const { return std::to_string(_id) + "::" + std::to_string(_seqId); }
+        std::string GetTag() const; // "id::sequence number"
 
     private:
         friend void *operator<<(void *parcel, const CallbackBase &callback);

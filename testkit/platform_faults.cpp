@@ -92,8 +92,13 @@ void onDisconnected(const char *sender, const char *instance, void *) {
 }
 
 int onReceived(const char *sender, const char *instance, rpc_port_h port, void *) {
-    const FaultScope scope(true);
-    return received.callback(sender, instance, port, received.data);
+    int result = 0;
+    {
+        const FaultScope scope(true);
+        result = received.callback(sender, instance, port, received.data);
+    }
+    hooks().received(result);
+    return result;
 }
 
 // The library's timers that have neither ended nor been deleted.

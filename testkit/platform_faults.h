@@ -36,6 +36,7 @@ TESTKIT_API const std::vector<FailableCall> &failableCalls();
 struct Hooks {
     std::function<void(Ecore_Task_Cb, void *data)> timer = [](Ecore_Task_Cb, void *) {}; // before
     std::function<void(bundle_iterator_t)> iterator = [](bundle_iterator_t) {}; // it is used
+    std::function<void(int)> received = [](int) {}; // with what it returned to the platform
 };
 TESTKIT_API Hooks &hooks();
 

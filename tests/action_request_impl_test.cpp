@@ -9,6 +9,7 @@
 namespace nelvo {
 namespace {
 
+constexpr const char *IDLE = "0 bundles, 0 parcels, 1 stubs, 0 app infos, 0 timers";
 constexpr const char *NOT_REGISTERED = "Action Execution callback not registered";
 
 class ActionRequestTest : public DrivenApplication {
@@ -48,7 +49,7 @@ TEST_F(ActionRequestTest, WaitsForARegistrationForFiveTicks) {
         EXPECT_EQ(answer().response.fields,
                   row.calledAt > 0 ? success("result", "done") : failure("result", NOT_REGISTERED));
         EXPECT_EQ(nelvo_unset_action_execution_cb("late"), NELVO_ERROR_NONE);
-        EXPECT_EQ(host_sim_timer_count(), timers);
+        EXPECT_EQ(testkit::liveHandles(), IDLE);
     }
 }
 
@@ -96,25 +97,30 @@ TEST_F(ActionRequestTest, GivesTheWaitUpWhenSomethingIsMissing) {
     std::string &clientId = NelvoCommonData::getInstance()->_nelvoClientAppId;
     const struct {
         const char *logged;
-        std::function<void()> tickWithout;
+        std::function<Eina_Bool()> tickWithout;
     } rows[] = {
-        {"actionPtr is null", [&] { tick(nullptr); }},
+        {"actionPtr is null", [&] { return tick(nullptr); }},
         {"Nelvo Client app id is null",
          [&] {
              clientId.clear();
-             tick(self);
-             clientId = "demo.client";
+             return tick(self);
          }},
-        {"ActionRequest _actionExecutionFireTimer is null", [&] { device.advance(0.02); }},
+        {"ActionRequest _actionExecutionFireTimer is null",
+         [&] {
+             clientId = "demo.client";
+             return tick(self);
+         }},
         {"ActionRequest bundle data is null",
          [&] {
+             device.advance(0.02); // the platform's own tick, which ends the timer
+             device.clearLog();
              restart();
-             tick(self);
+             return tick(self);
          }},
     };
     for (const auto &row : rows) {
         device.clearLog();
-        row.tickWithout();
+        EXPECT_EQ(row.tickWithout(), ECORE_CALLBACK_CANCEL);
         ASSERT_EQ(device.logTexts(DLOG_ERROR).size(), 1u);
         EXPECT_EQ(device.logTexts(DLOG_ERROR)[0],
                   "E _actionExecutionFireCb: " + std::string(row.logged));

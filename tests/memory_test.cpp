@@ -4,6 +4,7 @@
 #include "allocation_faults.h"
 #include "message_service.h"
 #include "response.h"
+#include "watch.h"
 
 namespace nelvo {
 namespace {
@@ -54,6 +55,8 @@ TEST_P(StartWithoutMemory, IsToldAndDoneOrNotDone) {
     const int named = nelvo_get_action_name(&name, &name);
     EXPECT_EQ(named == OOM, device.countLog(DLOG_ERROR, "nelvo_get_action_name",
                                             "NelvoImpl instance is null") == 1);
+    EXPECT_EQ(device.countLog(DLOG_ERROR, "_initInstance", "out of memory"),
+              named == OOM && GetParam() > 1 ? 1 : 0);
     const std::string null = "NelvoCommonData instance is null";
     EXPECT_EQ(device.countLog(DLOG_ERROR, "getActionName", null),
               device.countLog(DLOG_ERROR, "initialize", null));
@@ -139,18 +142,30 @@ TEST_F(WithoutMemory, NoHalfOfTheAllowListCounts) {
 }
 
 TEST_F(WithoutMemory, ACallOfTheClientIsRefused) {
-    int refused = 0;
-    for (int nth = 1, failed = 1; failed > 0; ++nth) {
-        ASSERT_TRUE(client.join());
-        device.clearLog();
-        testkit::failAllocation(nth);
-        const int returned = client.unsetCb();
-        failed = testkit::stopFailingAllocations();
-        const int told = device.countLog(DLOG_ERROR, "UnsetCB", "out of memory");
-        EXPECT_EQ(returned == -1, told == 1);
-        refused += told;
+    for (const bool sets : {true, false}) {
+        std::set<int> returned;
+        for (int nth = 1, failed = 1; failed > 0; ++nth) {
+            ASSERT_TRUE(client.join());
+            device.clearLog();
+            testkit::failAllocation(nth);
+            const int result = sets ? client.setCb() : client.unsetCb();
+            failed = testkit::stopFailingAllocations();
+            EXPECT_EQ(result == -1, device.countLog(DLOG_ERROR, sets ? "SetCB" : "UnsetCB",
+                                                    "out of memory") == 1);
+            returned.insert(result);
+        }
+        EXPECT_EQ(returned.count(-1), 1u);
     }
-    EXPECT_GT(refused, 0);
+}
+
+TEST_F(WithoutMemory, NoWatchBegins) {
+    Ecore_Timer *timer = nullptr;
+    testkit::failAllocation();
+    EXPECT_EQ(beginWatch(timer, nullptr, nullptr, LONG, "f"), nullptr);
+    EXPECT_EQ(testkit::stopFailingAllocations(), 1);
+    EXPECT_EQ(timer, nullptr);
+    EXPECT_EQ(host_sim_timer_count(), timers);
+    EXPECT_EQ(device.logTexts(), std::vector<std::string>{"E f: out of memory"});
 }
 
 TEST(ResponseWithoutMemory, FailsAndSaysSo) {

@@ -103,7 +103,11 @@ TEST_F(MessageStubTest, DropsAClientWhoseParcelIsUnknown) {
         rpc_port_parcel_write_int32(parcel, method);
         rpc_port_parcel_send(parcel, client.mainPort());
         rpc_port_parcel_destroy(parcel);
+        int returned = 0;
+        testkit::hooks().received = [&](int result) { returned = result; };
         device.advance();
+        testkit::hooks() = {};
+        EXPECT_EQ(returned, -1);
         EXPECT_FALSE(client.connected());
         EXPECT_THAT(stubErrors(device),
                     ElementsAre("OnReceivedCB: Unknown command(" + std::to_string(method) + ")"));
@@ -193,9 +197,14 @@ TEST_F(MessageStubTest, IgnoresAConnectionThatTheFactoryRefuses) {
     Client client;
     refuse = true;
     ASSERT_TRUE(client.connect());
-    EXPECT_EQ(stubErrors(device).size(), 1u);
+    EXPECT_THAT(stubErrors(device), ElementsAre("OnConnectedCB: Failed to create service for "
+                                                "demo.client, connection ignored"));
     device.clearLog();
+    int returned = 0;
+    testkit::hooks().received = [&](int result) { returned = result; };
     EXPECT_LT(client.setCb(), -1);
+    testkit::hooks() = {};
+    EXPECT_EQ(returned, -1);
     EXPECT_FALSE(client.connected());
     ASSERT_EQ(stubErrors(device).size(), 1u);
     EXPECT_THAT(stubErrors(device)[0],

@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "state_request_impl.h"
-
 namespace nelvo {
 namespace {
 
@@ -215,12 +213,6 @@ TEST_F(DispatchTest, ServesARequestWithoutAnIdAsNumberZero) {
     device.advance();
     ASSERT_EQ(answerCount(), 1);
     EXPECT_EQ(answer().response.requestId, 0u);
-}
-
-TEST_F(DispatchTest, LosesNothingWhenTheStateHandlerIsInitialised) {
-    EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NELVO_ERROR_NONE);
-    client.request("getAppContext");
-    EXPECT_EQ(state.count(), 1);
 }
 
 TEST_F(DispatchTest, OutlivesACallbackThatThrows) {

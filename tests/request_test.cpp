@@ -192,8 +192,9 @@ TEST_P(RequestTest, IsNotAnsweredUnderAnotherId) {
     NelvoCommonData &common = *NelvoCommonData::getInstance();
     common._requestId = 8;
     EXPECT_EQ(complete(), NONE);
-    EXPECT_THAT(device.logTexts().back(),
-                testing::EndsWith("Discarding response recieved for old requestId 7"));
+    EXPECT_THAT(
+        device.logTexts().back(),
+        testing::MatchesRegex("D complete.*: Discarding response recieved for old requestId 7"));
     EXPECT_EQ(common._requestIdMap.size(), kind.repeated == NONE ? 0u : 1u);
     EXPECT_EQ(host_sim_timer_count(), timers + 1) << "the time goes on";
     EXPECT_EQ(answerCount(), 0);

@@ -4,9 +4,11 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "action_request_impl.h"
 #include "driven_application.h"
 #include "log.h"
 #include "nelvo_common_data.h"
+#include "state_request_impl.h"
 
 namespace nelvo {
 namespace {
@@ -44,6 +46,31 @@ TEST(ResponseTest, GoesToNobodyBeforeTheFirstRequest) {
     EXPECT_EQ(sendResponse(createSuccessResponse("result", "x")), NELVO_ERROR_OPERATION_FAILED);
     EXPECT_EQ(device.countLog(DLOG_ERROR, "sendResponse", "Nelvo Client is not connected"), 1);
     EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers");
+}
+
+TEST(NelvoCommonDataTest, BeginsAnewWithEachStart) {
+    testkit::Simulation device;
+    NelvoCommonData &data = *NelvoCommonData::getInstance();
+    EXPECT_EQ(data._currentActionHandler, 0);
+    EXPECT_EQ(data._requestId, 0u);
+    for (int round = 0; round < 2; ++round) {
+        nelvo_initialize();
+        EXPECT_EQ(data._currentActionHandler, 1);
+        EXPECT_EQ(data._requestId, ~0ull);
+        data._requestIdMap[2] = {"old", 1};
+        EXPECT_EQ(data.takeActionHandler("new"), 2);
+        EXPECT_EQ(data._requestIdMap[2].first, "new");
+        data._requestId = 5;
+        nelvo_deinitialize();
+        EXPECT_EQ(data._currentActionHandler, 0);
+        EXPECT_EQ(data._requestId, ~0ull);
+        data._requestId = 5;
+    }
+    EXPECT_EQ(data.initialize(), 0);
+    EXPECT_EQ(data.deinitialize(), 0);
+    EXPECT_EQ(ActionRequestImpl::getInstance()->deinitialize(), NELVO_ERROR_NONE);
+    EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NELVO_ERROR_NONE);
+    EXPECT_EQ(StateRequestImpl::getInstance()->deinitialize(), NELVO_ERROR_NONE);
 }
 
 TEST(LogTest, GivesTheCodeOfEachException) {

@@ -164,8 +164,9 @@ TEST_F(EndToEndTest, RefusesArgumentsThatCannotBeMeant) {
 }
 
 TEST_F(EndToEndTest, TellsAnAbsentApplicationFromOneThatHangsOrDies) {
-    const Row absent[] = {{"absent", {"state", APP}, 3, "start that application first"}};
-    const Row hangs[] = {{"hangs", {"state", APP, "--timeout", "0.2"}, 4, "within 0.2 s"}};
+    const Row absent[] = {{"absent", {"state", "demo.absent"}, 3, "start that application first"}};
+    const Row died[] = {{"died", {"state", APP}, 3, "left its socket behind"}};
+    const Row hangs[] = {{"hangs", {"state", APP, "--timeout", "0.2"}, 4, "main-loop-stuck"}};
     expectAll(absent);
     setenv("NELVO_LOG", "debug", 1); // to see when the request has come
     Process player(PLAYER, {});
@@ -179,7 +180,7 @@ TEST_F(EndToEndTest, TellsAnAbsentApplicationFromOneThatHangsOrDies) {
     player.signal(SIGKILL);
     EXPECT_EQ(nelvoctl.wait(), 3);
     EXPECT_NE(nelvoctl.err().find("lost the connection"), std::string::npos) << nelvoctl.err();
-    expectAll(absent);
+    expectAll(died);
 }
 
 } // namespace

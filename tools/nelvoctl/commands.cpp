@@ -1,30 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commands.h"
 
+#include <cctype>
+#include <clocale>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include <Ecore.h>
+#include <app_common.h>
+
+#include "output.h"
 
 namespace nelvoctl {
 
 namespace {
 
-const char *const DEFAULT_CLIENT_ID = "nelvo.client";
-
-// Longer than the library waits for the application: its own failure is to arrive first.
-constexpr double DEFAULT_TIMEOUT_SECONDS = 35.0;
-
-void configureCall(CLI::App &arguments, Call &call) {
-    arguments.add_option("ACTION_ID", call.request.actionId, "The action to perform")->required();
-    arguments
-        .add_option_function<std::string>(
-            "PARAMS", [&call](const std::string &params) { call.request.actionParams = params; },
-            "What the action expects, often JSON; put -- before it when it begins with -")
-        ->type_name("TEXT");
-}
-
-void configureState(CLI::App &arguments, Call &call) {
-    arguments.parse_complete_callback(
-        [&call] { call.request.actionId = nelvo::client::STATE_ACTION_ID; });
-}
+const Command *const COMMANDS[] = {&CALL, &STATE};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;
@@ -33,38 +27,114 @@ std::string checkSeconds(const std::string &text) {
     return "\"" + text + "\" is not a number of seconds above 0";
 }
 
-struct Command {
-    const char *name;
-    const char *summary;
-    // Declares the arguments of its own; parsing stores them in the call.
-    void (*configure)(CLI::App &arguments, Call &call);
-};
+// What else makes an id invalid the platform finds out.
+std::string checkId(const std::string &text) {
+    for (char character : text)
+        if (!std::isalnum(static_cast<unsigned char>(character)) && !std::strchr("._-", character))
+            return "\"" + text + "\" is not an application id; give the one in its manifest";
+    return "";
+}
 
-const Command COMMANDS[] = {
-    {"call", "Ask an application to perform an action", configureCall},
-    {"state", "Ask an application for its state", configureState},
-};
+// Must come before any connection: the platform presents the process's id.
+void becomeClient(const std::string &clientId) {
+    char *id = nullptr;
+    const bool became = setenv("NELVO_HOST_APP_ID", clientId.c_str(), 1) == 0 &&
+                        app_get_id(&id) == 0 && clientId == id;
+    std::free(id);
+    if (!became)
+        throw Failure(Cause::USAGE, "\"" + clientId +
+                                        "\" is not an application id; give --as letters, digits, "
+                                        "'.', '_' and '-'");
+}
 
-void addCommand(CLI::App &parser, const Command &command, Call &call) {
-    CLI::App &arguments = *parser.add_subcommand(command.name, command.summary);
-    arguments.add_option("APP_ID", call.appId, "The application to drive")->required();
-    command.configure(arguments, call);
-    arguments.add_option("--timeout", call.timeoutSeconds, "How long to wait for the answer")
-        ->type_name("SECONDS")
-        ->check(CLI::Validator(checkSeconds, ""))
-        ->capture_default_str();
-    arguments.add_option("--as", call.clientId, "The application id to present")
-        ->type_name("CLIENT_ID")
-        ->capture_default_str();
+int perform(const Command &command, const Options &options) {
+    if (ecore_init() == 0)
+        throw Failure(Cause::INTERNAL, "the main loop cannot be started");
+    const std::unique_ptr<const Command, void (*)(const Command *)> loop(
+        &command, [](const Command *) { ecore_shutdown(); });
+    becomeClient(options.target.clientId);
+    return command.run(options);
+}
+
+int parseAndRun(CLI::App &parser, int argc, const char *const *argv) {
+    bool json = false;
+    parser.add_flag("--json", json, "One JSON document on stdout, errors too");
+    parser.require_subcommand(1)->fallthrough();
+    std::map<const Command *, Options> options; // each has its own defaults
+    for (const Command *command : COMMANDS)
+        command->configure(*parser.add_subcommand(command->name, command->summary),
+                           options[command]);
+    try {
+        parser.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        if (e.get_exit_code() == 0)
+            return parser.exit(e);
+        throw Failure(Cause::USAGE, e.what());
+    }
+    for (auto &[command, chosen] : options) {
+        if (!parser.got_subcommand(command->name))
+            continue;
+        chosen.json = json;
+        return perform(*command, chosen);
+    }
+    return EXIT_CODE_USAGE; // not reached: the parser wants a command
+}
+
+// For arguments that cannot be understood otherwise.
+bool asksForJson(int argc, const char *const *argv) {
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; i++)
+        if (std::strcmp(argv[i], "--json") == 0)
+            return true;
+    return false;
 }
 
 } // namespace
 
-void addCommands(CLI::App &parser, Call &call) {
-    call.clientId = DEFAULT_CLIENT_ID;
-    call.timeoutSeconds = DEFAULT_TIMEOUT_SECONDS;
-    for (const Command &command : COMMANDS)
-        addCommand(parser, command, call);
+CLI::Option *addSeconds(CLI::App &arguments, const char *name, double &seconds, const char *help) {
+    return arguments.add_option(name, seconds, help)
+        ->type_name("SECONDS")
+        ->check(CLI::Validator(checkSeconds, ""));
+}
+
+void addTarget(CLI::App &arguments, Options &options) {
+    Target &target = options.target;
+    arguments.add_option("APP_ID", target.appId, "The application to drive")
+        ->required()
+        ->check(CLI::Validator(checkId, ""));
+    addSeconds(arguments, "--timeout", target.timeoutSeconds, "How long to wait for the answer")
+        ->capture_default_str();
+    addSeconds(arguments, "--wait", target.waitSeconds,
+               "How long the application may take to start");
+    arguments.add_option("--as", target.clientId, "The application id to present")
+        ->type_name("CLIENT_ID")
+        ->capture_default_str();
+}
+
+void addAction(CLI::App &arguments, Options &options) {
+    arguments.add_option("ACTION_ID", options.actionId, "The action to perform")->required();
+    arguments
+        .add_option_function<std::string>(
+            "PARAMS", [&options](const std::string &params) { options.params = params; },
+            "What the action expects, often JSON; put -- before it when it begins with -")
+        ->type_name("TEXT");
+}
+
+int run(int argc, const char *const *argv) {
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // what is printable
+    const bool json = asksForJson(argc, argv);
+    try {
+        try {
+            CLI::App parser("Drives applications through their Nelvo library.", "nelvoctl");
+            parser.footer(exitCodeTable());
+            return parseAndRun(parser, argc, argv);
+        } catch (const Failure &failure) {
+            return report(failure, json);
+        } catch (const std::exception &e) {
+            return report(Failure(Cause::INTERNAL, e.what()), json);
+        }
+    } catch (const Failure &failure) { // the report cannot be written
+        return report(failure, false);
+    }
 }
 
 } // namespace nelvoctl

@@ -1,13 +1,49 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <optional>
+#include <string>
+#include <vector>
+
 #include <CLI/CLI.hpp>
 
-#include "exchange.h"
+#include "session.h"
 
 namespace nelvoctl {
 
-// Gives the parser every command. Parsing fills the call, which must outlive the parser.
-void addCommands(CLI::App &parser, Call &call);
+// What the command line says; each command reads what it has declared.
+struct Options {
+    bool json = false;
+    Target target;
+    std::string actionId;
+    std::optional<std::string> params;
+    int count = 0;
+    double intervalSeconds = 1;
+    std::string file;                 // to read or to write, by the command
+    std::vector<std::string> program; // and its arguments
+};
+
+struct Command {
+    const char *name;
+    const char *summary;
+    // Declares its arguments; parsing stores them in the options.
+    void (*configure)(CLI::App &arguments, Options &options);
+    // Returns the exit code. Throws Failure.
+    int (*run)(const Options &options);
+};
+
+extern const Command LIST, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE;
+
+// Arguments that several commands have. The first declares those of an application that is asked.
+void addTarget(CLI::App &arguments, Options &options);
+void addAction(CLI::App &arguments, Options &options);
+CLI::Option *addSeconds(CLI::App &arguments, const char *name, double &seconds, const char *help);
+
+// Prints the answer to a request of that name; returns the exit code.
+int printAnswer(const Options &options, const std::string &request,
+                const nelvo::client::Response &response);
+
+// The program: reads the arguments, runs the command, reports failures; returns the exit code.
+int run(int argc, const char *const *argv);
 
 } // namespace nelvoctl

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "runtime_dir.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace nelvoctl {
+
+namespace {
+
+const std::string SOCKET_ENDING = ":message";
+
+std::string own(const char *name) {
+    const char *value = std::getenv(name);
+    return value ? value : "";
+}
+
+} // namespace
+
+std::string runtimeDir() {
+    return runtimeDir(own);
+}
+
+std::string runtimeDir(const std::function<std::string(const char *)> &lookup) {
+    if (std::string named = lookup("NELVO_HOST_RUNTIME_DIR"); !named.empty())
+        return named;
+    if (std::string users = lookup("XDG_RUNTIME_DIR"); !users.empty())
+        return users + "/nelvo";
+    return "/tmp/nelvo-" + std::to_string(geteuid());
+}
+
+bool isRuntimeDir(const std::string &path) {
+    std::error_code error;
+    return std::filesystem::equivalent(path, runtimeDir(), error);
+}
+
+std::string faultOf(const std::string &dir) {
+    struct stat state {};
+    if (lstat(dir.c_str(), &state) != 0)
+        return errno == ENOENT ? "" : std::strerror(errno); // the platform creates it
+    if (!S_ISDIR(state.st_mode))
+        return "is a link or no directory";
+    if (state.st_uid != geteuid())
+        return "belongs to another user";
+    return (state.st_mode & 077) != 0 ? "is open to other users" : "";
+}
+
+std::vector<std::string> listedApps(const std::string &dir) {
+    std::vector<std::string> ids;
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator(dir, error)) {
+        const std::string name = entry.path().filename();
+        const std::size_t end = name.find(SOCKET_ENDING);
+        if (entry.is_socket(error) && end != std::string::npos &&
+            end + SOCKET_ENDING.size() == name.size())
+            ids.push_back(name.substr(0, end));
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+} // namespace nelvoctl

@@ -23,6 +23,7 @@ typedef enum {
  * The environment variable NELVO_LOG names the lowest level that is written: verbose, debug, info,
  * warn (the default), error, fatal, or silent for none. It is read at the first entry. Control
  * characters and bytes that are not UTF-8 appear escaped; a text beyond 16 KiB is cut, visibly.
+ * When NELVO_LOG_TIME is set, each entry begins with the seconds of the monotonic clock.
  *
  * Any thread; errno stays as it was.
  *

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -91,15 +92,27 @@ void appendPrintable(std::string &line, std::string_view text) {
     }
 }
 
+// The loop's clock, so that entries of several processes can be compared.
+std::string timestamp() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    char text[32];
+    std::snprintf(text, sizeof text, "%lld.%06ld ", static_cast<long long>(now.tv_sec),
+                  now.tv_nsec / 1000);
+    return text;
+}
+
 std::string lineOf(const Entry &entry, std::string_view text) {
+    static const bool isTimed = std::getenv("NELVO_LOG_TIME") != nullptr;
     static const bool isColoured = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
     const bool isCut = text.size() > LONGEST_TEXT;
     std::size_t end = isCut ? LONGEST_TEXT : text.size();
     while (isCut && end > LONGEST_TEXT - 4 && isContinuation(text[end]))
         end--; // not inside a character
 
-    std::string line(isColoured ? entry.level().colour : "");
+    std::string line(isTimed ? timestamp() : "");
     line.reserve(end + 64);
+    line += isColoured ? entry.level().colour : "";
     line += entry.letter();
     line += ' ';
     appendPrintable(line, entry.tag);

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -32,6 +33,17 @@ TEST(DlogTest, WritesFromTheLevelThatTheEnvironmentNames) {
     EXPECT_EQ("W NELVO-HOST: NELVO_LOG is \"loud\", taken as warn; set it to verbose, debug, info, "
               "warn, error, fatal or silent\nW T: 5\nE T: 6\nF T: 7\n",
               outputAt("loud"));
+}
+
+TEST(DlogTest, BeginsEachEntryWithTheTimeWhenAsked) {
+    const std::string output = stderrOfChild([] {
+        setenv("NELVO_LOG_TIME", "1", 1);
+        dlog_print(DLOG_ERROR, "T", "text");
+    });
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    EXPECT_NEAR(std::stod(output), static_cast<double>(now.tv_sec), 60);
+    EXPECT_EQ(output.substr(output.find(' ')), " E T: text\n");
 }
 
 TEST(DlogTest, LetsNothingThroughThatIsLongOrNotPlainText) {

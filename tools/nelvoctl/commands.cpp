@@ -18,7 +18,7 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&CALL, &STATE};
+const Command *const COMMANDS[] = {&LIST, &CALL, &STATE};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;

@@ -18,7 +18,7 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&LIST, &CALL, &STATE};
+const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;

@@ -18,7 +18,7 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH};
+const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;

@@ -18,7 +18,7 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL};
+const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL, &BENCH};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;

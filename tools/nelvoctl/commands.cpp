@@ -18,7 +18,7 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL, &BENCH};
+const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL, &BENCH, &DOCTOR};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;

@@ -18,7 +18,7 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL, &BENCH, &DOCTOR};
+const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL, &BENCH, &DOCTOR, &TRACE};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;
@@ -52,7 +52,8 @@ int perform(const Command &command, const Options &options) {
         throw Failure(Cause::INTERNAL, "the main loop cannot be started");
     const std::unique_ptr<const Command, void (*)(const Command *)> loop(
         &command, [](const Command *) { ecore_shutdown(); });
-    becomeClient(options.target.clientId);
+    if (command.run != TRACE.run) // whose application is not to take our id over
+        becomeClient(options.target.clientId);
     return command.run(options);
 }
 

@@ -1,0 +1,42 @@
+# SPDX-License-Identifier: Apache-2.0
+# Completion for bash: commands, options, and the ids of the applications that listen now.
+
+_nelvoctl() {
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    local word command='' arguments=0 skip='' choices=
+    COMPREPLY=()
+    for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+        if [[ $skip ]]; then
+            skip=
+        elif [[ $word == --@(timeout|wait|as|interval|count|chrome|manifest) || $word == -n ]]; then
+            skip=yes
+        elif [[ $word != -* ]]; then
+            if [[ $command ]]; then arguments=$((arguments + 1)); else command=$word; fi
+        fi
+    done
+
+    if [[ $skip ]]; then
+        [[ $previous != --@(chrome|manifest) ]] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        return
+    elif [[ $current == -* ]]; then
+        choices='--json --help'
+        case $command in
+        list) choices+=' --timeout' ;;
+        call | state | shell) choices+=' --timeout --wait --as' ;;
+        watch) choices+=' --timeout --wait --as --interval --count' ;;
+        bench) choices+=' --timeout --wait --as --count' ;;
+        doctor) choices+=' --timeout --wait --as --manifest' ;;
+        trace) choices+=' --chrome' ;;
+        esac
+    elif [[ ! $command ]]; then
+        choices='list call state watch shell bench doctor trace'
+    elif [[ $command == trace ]]; then
+        mapfile -t COMPREPLY < <(compgen -c -f -- "$current")
+        return
+    elif [[ $command != list && $arguments == 0 ]]; then
+        choices=$("${COMP_WORDS[0]}" list --timeout 0.2 2>/dev/null | awk '{ print $1 }')
+    fi
+    mapfile -t COMPREPLY < <(compgen -W "$choices" -- "$current")
+}
+
+complete -F _nelvoctl nelvoctl

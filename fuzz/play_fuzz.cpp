@@ -20,5 +20,5 @@ void nelvo::testkit::fuzz(Input input) {
     for (const std::string &complaint : play.complaints())
         require(false, complaint);
     require(host_sim_timer_count() == 0, "the number of timers");
-    require(liveHandles() == "0 bundles, 0 parcels, 0 stubs, 0 app infos", liveHandles());
+    require(liveHandles() == NO_HANDLES, liveHandles());
 }

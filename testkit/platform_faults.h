@@ -42,5 +42,6 @@ TESTKIT_API Hooks &hooks();
 
 // How many bundles, parcels, stubs, app infos and timers the application's side holds now, as a text.
 TESTKIT_API std::string liveHandles();
+constexpr const char *NO_HANDLES = "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers";
 
 } // namespace nelvo::testkit

@@ -17,6 +17,7 @@
 
 #include <host/sim.h>
 
+#include "platform_faults.h"
 #include "soak_application.h"
 #include "soak_clients.h"
 #include "soak_report.h"
@@ -42,7 +43,6 @@ constexpr std::chrono::seconds STUCK(20);
 constexpr int PASSES_PER_WATCH = 10;
 constexpr double PASS_SECONDS = 0.001;
 constexpr double WATCH_SECONDS = 31;
-constexpr const char *NOTHING = "0 bundles, 0 parcels, 0 stubs, 0 app infos";
 constexpr const char *MANIFEST =
     "<manifest><ui-application appid='demo.app'><metadata value='1.0' "
     "key='http://developer.tizen.org/tizen/metadata/nelvo/sdk/version'/></ui-application>"
@@ -195,7 +195,7 @@ bool report(const Ledger &ledger, const char *where, double seconds, bool played
     report.line("later, when that differed most", toText(ledger.farthest),
                 isBack(ledger.farthest, ledger.afterTenth));
     report.line("after it has stopped", toText(ledger.end),
-                std::strcmp(ledger.end.handles, NOTHING) == 0 && ledger.end.timers == 0 &&
+                std::strcmp(ledger.end.handles, NO_HANDLES) == 0 && ledger.end.timers == 0 &&
                     ledger.end.descriptors == ledger.start.descriptors);
     return report.holds();
 }

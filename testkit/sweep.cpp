@@ -69,7 +69,7 @@ Outcome playWhole(const Point &point, const std::vector<std::string> &logPattern
     } catch (const std::exception &error) {
         complaints.push_back(std::string("exception: ") + error.what());
     }
-    if (liveHandles() != "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers")
+    if (liveHandles() != NO_HANDLES)
         complaints.push_back("left: " + liveHandles());
     else if (complaints.empty()) { // a complaint is a block itself
         const long blocks = liveBlocks() - blocksBefore;

@@ -38,7 +38,7 @@ protected:
     void TearDown() override {
         EXPECT_EQ(nelvo_deinitialize(), NELVO_ERROR_NONE);
         EXPECT_EQ(host_sim_timer_count(), 0);
-        EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers");
+        EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);
     }
 
     static void restart() {

@@ -61,7 +61,7 @@ TEST_P(StartWithoutMemory, IsToldAndDoneOrNotDone) {
     EXPECT_EQ(device.countLog(DLOG_ERROR, "getActionName", null),
               device.countLog(DLOG_ERROR, "initialize", null));
     nelvo_deinitialize();
-    EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers");
+    EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);
 }
 
 TEST(CoreWithoutMemory, IsMissingForGood) {

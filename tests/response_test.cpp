@@ -45,7 +45,7 @@ TEST(ResponseTest, GoesToNobodyBeforeTheFirstRequest) {
     testkit::Simulation device;
     EXPECT_EQ(sendResponse(createSuccessResponse("result", "x")), NELVO_ERROR_OPERATION_FAILED);
     EXPECT_EQ(device.countLog(DLOG_ERROR, "sendResponse", "Nelvo Client is not connected"), 1);
-    EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers");
+    EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);
 }
 
 TEST(NelvoCommonDataTest, BeginsAnewWithEachStart) {

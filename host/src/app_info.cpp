@@ -65,7 +65,8 @@ std::string manifestPath() {
 // What app_get_id() has found, since it is asked for with every answer.
 struct KnownId {
     std::mutex mutex;
-    std::string id; // empty: not known yet
+    std::string id;    // empty: not known yet
+    std::string named; // in the environment then
 
     static KnownId &instance() { // never destroyed, as below
         static KnownId &instance = *new KnownId;
@@ -73,17 +74,25 @@ struct KnownId {
     }
 };
 
+// Never null.
+const char *idInEnvironment() {
+    const char *named = std::getenv("NELVO_HOST_APP_ID");
+    return named != nullptr ? named : "";
+}
+
 void rememberId(const std::string &id) {
     KnownId &known = KnownId::instance();
     std::lock_guard<std::mutex> lock(known.mutex);
     known.id = id;
+    known.named = idInEnvironment();
 }
 
 // Null: not known, or no memory. The caller frees it.
 char *copyOfKnownId() {
     KnownId &known = KnownId::instance();
     std::lock_guard<std::mutex> lock(known.mutex);
-    return known.id.empty() ? nullptr : strdup(known.id.c_str());
+    return known.id.empty() || known.named != idInEnvironment() ? nullptr
+                                                                : strdup(known.id.c_str());
 }
 
 using SharedManifest = std::shared_ptr<const Manifest>;
@@ -130,8 +139,8 @@ void logMissingId(const std::string &problem) {
 
 // Empty: there is none, which has been logged.
 std::string ownId() {
-    const char *named = std::getenv("NELVO_HOST_APP_ID");
-    if (named != nullptr && *named != '\0') {
+    const char *named = idInEnvironment();
+    if (*named != '\0') {
         if (isValidName(named))
             return named;
         logMissingId("NELVO_HOST_APP_ID is \"" + std::string(named) + "\"; " + VALID_NAME_HINT);

@@ -30,11 +30,11 @@ extern "C" {
 
 /** What the functions return. Failures are also explained in the platform log. */
 typedef enum {
-    NELVO_ERROR_NONE = 0,
-    NELVO_ERROR_OUT_OF_MEMORY = -12,
-    NELVO_ERROR_INVALID_PARAMETER = -22,
-    NELVO_ERROR_NOT_SUPPORTED = -1073741822,
-    NELVO_ERROR_OPERATION_FAILED = -1073741825
+    NELVO_ERROR_NONE = 0,                      /**< done */
+    NELVO_ERROR_OUT_OF_MEMORY = -12,           /**< there is no memory for it */
+    NELVO_ERROR_INVALID_PARAMETER = -22,       /**< an argument that the function does not take */
+    NELVO_ERROR_NOT_SUPPORTED = -1073741822,   /**< by the SDK version in the manifest */
+    NELVO_ERROR_OPERATION_FAILED = -1073741825 /**< anything else; see the function */
 } nelvo_error_e;
 
 /**

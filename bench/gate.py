@@ -34,12 +34,17 @@ def main():
     limits = goals.counts(with_allow_list=bool(wrap))
     print(f"gate: {measured['system calls']:.2f} system calls, "
           f"{measured['instructions']:.0f} instructions, {measured['in libnelvo']:.0f} in libnelvo")
-    # A moved buffer may cost a call in a thousand round trips; that is no regression.
-    missed = [name for name, limit in limits.items() if measured[name] > limit + 0.02]
-    for name in missed:
-        print(f"gate: {name}: {measured[name]:.2f}, at most {limits[name]} wanted; "
-              "see above what the round trip is spent on")
-    return 1 if missed else 0
+    failed = False
+    for name, limit in limits.items():
+        # A moved buffer may cost a call in a thousand round trips; that is no regression.
+        if measured[name] <= limit + 0.02:
+            continue
+        reached = goals.REACHED.get(name, limit)
+        failed = failed or measured[name] > reached
+        print(f"gate: {name}: {measured[name]:.2f}, at most {limit} wanted"
+              + (f", {reached} borne until then" if reached != limit else "")
+              + "; see above what the round trip is spent on")
+    return 1 if failed else 0
 
 
 try:

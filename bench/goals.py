@@ -15,6 +15,10 @@ def counts(with_allow_list):
     }
 
 
+# What a round trip costs now, where that is more than it should: no worse until it is less.
+REACHED = {"instructions": 10000}
+
+
 @dataclass
 class Goal:
     name: str

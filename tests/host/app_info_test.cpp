@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -30,8 +31,9 @@ std::string manifestOf(const std::string &appid, const std::string &inside = "")
 }
 
 bool showMetadata(const char *key, const char *value, void *handle) {
+    auto &info = *static_cast<app_info_h *>(handle);
     if (std::strcmp(key, "destroy") == 0)
-        app_info_destroy(static_cast<app_info_h>(handle));
+        app_info_destroy(std::exchange(info, nullptr));
     dprintf(STDERR_FILENO, " %s=%s", key, value);
     return std::strcmp(key, "stop") != 0;
 }
@@ -45,15 +47,18 @@ std::string outcome(const char *variable, const std::string &value, const std::s
         setenv(variable, value.c_str(), 1);
         if (!xml.empty())
             host_sim_set_manifest(xml.c_str());
-        char none[] = "", *id = none;
-        for (int i = 0; i < 2; i++) // complains once
-            app_get_id(&id);
+        char none[] = "", *id = none, *again = none;
+        if (app_get_id(&id) + app_get_id(&again) == 0) // complains once
+            std::free(again);
         dprintf(STDERR_FILENO, "%s", id);
+        if (id != none)
+            std::free(id);
         app_info_h info = nullptr;
         if (app_info_create("first.app", &info) == APP_MANAGER_ERROR_NO_SUCH_APP)
             return;
         host_sim_set_manifest(nullptr); // the handle keeps what it was made from
-        app_info_foreach_metadata(info, showMetadata, info);
+        app_info_foreach_metadata(info, showMetadata, &info);
+        app_info_destroy(info);
     });
 }
 

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# check.sh PREFIX WORK [SYSROOT]: builds programs in WORK from what is installed under PREFIX alone,
+# which may lie in a SYSROOT, and drives them.
+set -euo pipefail
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+examples=$here/../../examples
+work=$2 sysroot=${3:-} prefix=${3:-}$1
+mkdir -p "$work"
+
+stands_alone() {
+    if readelf -d "$1" | grep 'NEEDED.*nelvo'; then
+        echo "check: $1 should need no library of ours" >&2
+        exit 1
+    fi
+}
+
+# C with pkg-config.
+pc=$(find "$prefix" -name nelvo.pc)
+PKG_CONFIG_PATH=$(dirname "$pc")
+export PKG_CONFIG_PATH ${sysroot:+PKG_CONFIG_SYSROOT_DIR="$sysroot"}
+lib=${PKG_CONFIG_PATH%/pkgconfig}
+flags() { pkg-config --cflags --libs "$@" nelvo; }
+read -ra shared < <(flags)
+read -ra static < <(flags --static)
+cc -Wall -Werror -o "$work/hello" "$examples/hello/main.c" "${shared[@]}" -Wl,-rpath,"$lib"
+cc -Wall -Werror -o "$work/hello-static" "$examples/hello/main.c" -Wl,-Bstatic "${static[@]}" \
+    -Wl,-Bdynamic
+stands_alone "$work/hello-static"
+
+# C++ with CMake.
+cmake -S "$here" -B "$work/player" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DPLAYER="$(cd "$examples/player" && pwd)" >"$work/cmake.log" || { cat "$work/cmake.log"; exit 1; }
+cmake --build "$work/player" >"$work/build.log" || { cat "$work/build.log"; exit 1; }
+stands_alone "$work/player/player-nelvo_static"
+
+nelvoctl=$(cat "$work/player/nelvoctl")
+for program in hello hello-static; do
+    "$here/drive.sh" "$nelvoctl" "$examples/hello/tizen-manifest.xml" demo.hello "$work/$program"
+done
+for program in player-nelvo player-nelvo_static; do
+    ACTION=set_volume PARAMS='{"volume": 30}' "$here/drive.sh" "$nelvoctl" \
+        "$examples/player/tizen-manifest.xml" demo.player "$work/player/$program"
+done

@@ -1,0 +1,30 @@
+# SPDX-License-Identifier: Apache-2.0
+include(CheckCXXCompilerFlag)
+include(CheckCXXSourceRuns)
+
+# Compact relocations, where not only the linker but also this system's loader knows them.
+if(NOT CMAKE_CROSSCOMPILING AND NELVO_PLATFORM STREQUAL host)
+    set(CMAKE_REQUIRED_LINK_OPTIONS -Wl,-z,pack-relative-relocs)
+    check_cxx_source_runs("int main() {}" NELVO_PACKS_RELOCATIONS)
+    unset(CMAKE_REQUIRED_LINK_OPTIONS)
+endif()
+check_cxx_compiler_flag(-Oz NELVO_HAS_OZ)
+
+# Called once for each target that is installed, beside nelvo_target_defaults(). In a small build calls
+# go through relocated addresses, not a PLT: all are bound at the start anyway.
+function(nelvo_harden target)
+    set(small $<CONFIG:MinSizeRel>)
+    set(optimised $<CONFIG:MinSizeRel,Release,RelWithDebInfo>)
+    target_compile_options(${target} PRIVATE -fstack-protector-strong
+        $<${small}:-fno-plt> $<$<AND:${small},$<COMPILE_LANGUAGE:CXX>>:-fno-rtti>)
+    target_link_options(${target} PRIVATE -Wl,--as-needed,-z,relro,-z,now,-z,noexecstack
+        $<${small}:-Wl,-z,noseparate-code>) # a page less of padding
+    if(NELVO_PACKS_RELOCATIONS)
+        target_link_options(${target} PRIVATE -Wl,-z,pack-relative-relocs)
+    endif()
+    if(NOT NELVO_SANITIZE AND NOT NELVO_COVERAGE AND NOT NELVO_FUZZ)
+        target_compile_options(${target} PRIVATE
+            $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
+        target_link_options(${target} PRIVATE -Wl,--no-undefined)
+    endif()
+endfunction()

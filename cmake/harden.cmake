@@ -10,15 +10,11 @@ if(NOT CMAKE_CROSSCOMPILING AND NELVO_PLATFORM STREQUAL host)
 endif()
 check_cxx_compiler_flag(-Oz NELVO_HAS_OZ)
 
-# Called once for each target that is installed, beside nelvo_target_defaults(). In a small build calls
-# go through relocated addresses, not a PLT: all are bound at the start anyway.
+# Called once for each target that is installed, beside nelvo_target_defaults().
 function(nelvo_harden target)
-    set(small $<CONFIG:MinSizeRel>)
     set(optimised $<CONFIG:MinSizeRel,Release,RelWithDebInfo>)
-    target_compile_options(${target} PRIVATE -fstack-protector-strong
-        $<${small}:-fno-plt> $<$<AND:${small},$<COMPILE_LANGUAGE:CXX>>:-fno-rtti>)
-    target_link_options(${target} PRIVATE -Wl,--as-needed,-z,relro,-z,now,-z,noexecstack
-        $<${small}:-Wl,-z,noseparate-code>) # a page less of padding
+    target_compile_options(${target} PRIVATE -fstack-protector-strong)
+    target_link_options(${target} PRIVATE -Wl,--as-needed,-z,relro,-z,now,-z,noexecstack)
     if(NELVO_PACKS_RELOCATIONS)
         target_link_options(${target} PRIVATE -Wl,-z,pack-relative-relocs)
     endif()
@@ -27,4 +23,13 @@ function(nelvo_harden target)
             $<${optimised}:-U_FORTIFY_SOURCE> $<${optimised}:-D_FORTIFY_SOURCE=2>)
         target_link_options(${target} PRIVATE -Wl,--no-undefined)
     endif()
+endfunction()
+
+# For libraries, where size is asked for. Calls go through relocated addresses, not a PLT: all are bound
+# at the start anyway.
+function(nelvo_shrink target)
+    set(small $<CONFIG:MinSizeRel>)
+    target_compile_options(${target} PRIVATE $<${small}:-fno-plt>
+        $<$<AND:${small},$<COMPILE_LANGUAGE:CXX>>:-fno-rtti>)
+    target_link_options(${target} PRIVATE $<${small}:-Wl,-z,noseparate-code>) # a page less of padding
 endfunction()

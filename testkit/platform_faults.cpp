@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <map>
+#include <memory>
 #include <set>
+#include <utility>
 
 #include <dlfcn.h>
 
@@ -68,8 +71,8 @@ int stopFailing() {
     return failed;
 }
 
-// The callbacks that the application's side has given to the platform. The platform calls ours, so
-// that allocations may fail for as long as the library runs.
+// A callback that the application's side has given to the platform. The platform calls ours, so that
+// allocations may fail for as long as the library runs.
 template <typename Callback>
 struct Registered {
     Callback callback = nullptr;
@@ -77,21 +80,25 @@ struct Registered {
     Ecore_Timer *timer = nullptr; // of a timer's callback
 };
 
-Registered<rpc_port_stub_connected_event_cb> connected;
-Registered<rpc_port_stub_disconnected_event_cb> disconnected;
-Registered<rpc_port_stub_received_event_cb> received;
+// Those of a stub, until it is destroyed; the application may have stubs of its own.
+std::multimap<rpc_port_stub_h, std::shared_ptr<void>> stubCallbacks;
 
-void onConnected(const char *sender, const char *instance, void *) {
-    const FaultScope scope(true);
-    connected.callback(sender, instance, connected.data);
+template <typename Callback>
+void *keep(rpc_port_stub_h stub, Callback callback, void *data) {
+    const FaultScope scope(false);
+    auto record = std::make_shared<Registered<Callback>>();
+    *record = {callback, data, nullptr};
+    return stubCallbacks.emplace(stub, std::move(record))->second.get();
 }
 
-void onDisconnected(const char *sender, const char *instance, void *) {
+void onEvent(const char *sender, const char *instance, void *data) {
+    const auto event = *static_cast<Registered<rpc_port_stub_connected_event_cb> *>(data);
     const FaultScope scope(true);
-    disconnected.callback(sender, instance, disconnected.data);
+    event.callback(sender, instance, event.data);
 }
 
-int onReceived(const char *sender, const char *instance, rpc_port_h port, void *) {
+int onReceived(const char *sender, const char *instance, rpc_port_h port, void *data) {
+    const auto received = *static_cast<Registered<rpc_port_stub_received_event_cb> *>(data);
     int result = 0;
     {
         const FaultScope scope(true);
@@ -245,13 +252,13 @@ WRAP_NEW(rpc_port_stub_create, stubs, h, (rpc_port_stub_h * h, const char *port)
 WRAP_INT(rpc_port_stub_listen, (rpc_port_stub_h h), (h))
 WRAP_INT(rpc_port_stub_add_connected_event_cb,
          (rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb, void *data),
-         (h, (nelvo::testkit::connected = {cb, data}, nelvo::testkit::onConnected), nullptr))
+         (h, nelvo::testkit::onEvent, nelvo::testkit::keep(h, cb, data)))
 WRAP_INT(rpc_port_stub_add_disconnected_event_cb,
          (rpc_port_stub_h h, rpc_port_stub_disconnected_event_cb cb, void *data),
-         (h, (nelvo::testkit::disconnected = {cb, data}, nelvo::testkit::onDisconnected), nullptr))
+         (h, nelvo::testkit::onEvent, nelvo::testkit::keep(h, cb, data)))
 WRAP_INT(rpc_port_stub_add_received_event_cb,
          (rpc_port_stub_h h, rpc_port_stub_received_event_cb cb, void *data),
-         (h, (nelvo::testkit::received = {cb, data}, nelvo::testkit::onReceived), nullptr))
+         (h, nelvo::testkit::onReceived, nelvo::testkit::keep(h, cb, data)))
 WRAP_OUT(rpc_port_stub_get_port, port,
          (rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance, rpc_port_h *port),
          (h, type, instance, port))
@@ -269,7 +276,8 @@ WRAP_NEW(rpc_port_parcel_read_bundle, bundles, b, (rpc_port_parcel_h h, bundle *
 
 WRAP_END(bundle_free, bundles, (bundle * b), (b))
 WRAP_END(app_info_destroy, infos, (app_info_h info), (info))
-WRAP_END(rpc_port_stub_destroy, stubs, (rpc_port_stub_h h), (h))
+WRAP(int, rpc_port_stub_destroy, (rpc_port_stub_h h), (h), 0,
+     (--nelvo::testkit::stubs, nelvo::testkit::stubCallbacks.erase(h)))
 WRAP_END(rpc_port_parcel_destroy, parcels, (rpc_port_parcel_h h), (h))
 
 extern "C" TESTKIT_API void bundle_foreach(bundle *b, bundle_iterator_t iterator, void *data) {

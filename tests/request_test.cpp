@@ -2,6 +2,7 @@
 // What both kinds of request have in common, and where they differ.
 #include "driven_application.h"
 #include "nelvo_common_data.h"
+#include "rpc_peers.h"
 
 namespace nelvo {
 namespace {
@@ -90,6 +91,7 @@ TEST_P(RequestTest, IsAnsweredWithWhatTheApplicationReports) {
         bool inside; // reported from inside the callback
     } rows[] = {
         {"done", "done", true}, {"late", "late", false}, {"", "", true}, {nullptr, "null", false}};
+    const testkit::peers::Server server("other"); // a port of the application's own changes nothing
     registerCallback();
     std::uint64_t id = 0xfedcba9876543210;
     for (const auto &row : rows) {

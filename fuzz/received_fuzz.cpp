@@ -2,10 +2,11 @@
 // What a client does, and the time that passes: a step of testkit/exchange.h; any other byte is
 // followed by two bytes of size and a parcel. Each is answered, or not, as what can be read from it
 // calls for.
+#include <nelvo/testkit.h>
+
 #include "exchange.h"
 #include "fuzzing.h"
 #include "parcel_values.h"
-#include "simulation.h"
 
 void nelvo::testkit::fuzz(Input input) {
     [[maybe_unused]] static Simulation &device = *new Simulation;

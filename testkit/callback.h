@@ -2,16 +2,14 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
 #include <bundle.h>
 #include <nelvo.h>
+#include <nelvo/testkit.h>
 
 namespace nelvo::testkit {
-
-using Fields = std::map<std::string, std::string>;
 
 // An application's callback: keeps what it is called with, then does what the test says.
 struct Callback {
@@ -46,14 +44,6 @@ struct Callback {
 
 inline int numberOf(void *handler) {
     return *static_cast<int *>(handler);
-}
-
-inline Fields success(const std::string &key, const std::string &value) {
-    return {{"status_code", "ACTION_EXECUTION_SUCCESS"}, {key, value}};
-}
-
-inline Fields failure(const std::string &key, const std::string &message) {
-    return {{"status_code", "ACTION_EXECUTION_FAILURE"}, {key, ""}, {"status_msg", message}};
 }
 
 } // namespace nelvo::testkit

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client.h"
+#include <nelvo/testkit.h>
 
-#include <utility>
+#include <stdexcept>
 
 #include <host/sim.h>
+
+#include "client_wire.h"
+#include "simulated_app.h"
 
 namespace nelvo::testkit {
 namespace {
@@ -15,41 +18,70 @@ int resultOf(const client::Reply &reply) {
     return reply.error == RPC_PORT_ERROR_NONE ? reply.result : NO_REPLY;
 }
 
+client::MessageProxy &proxyOf(const Client::Wire &wire) {
+    if (!wire.proxy)
+        throw std::logic_error(wire.id + " has no connection: call join() or connect() first");
+    return *wire.proxy;
+}
+
 } // namespace
 
-Client::Client(std::string id) : _id(std::move(id)) {}
+Fields success(const std::string &key, const std::string &value) {
+    return {{"status_code", client::STATUS_SUCCESS}, {key, value}};
+}
+
+Fields failure(const std::string &key, const std::string &message) {
+    return {{"status_code", "ACTION_EXECUTION_FAILURE"}, {key, ""}, {"status_msg", message}};
+}
+
+std::string Answer::field(const std::string &key) const {
+    const auto found = fields.find(key);
+    return found == fields.end() ? std::string() : found->second;
+}
+
+bool Answer::succeeded() const {
+    return field("status_code") == client::STATUS_SUCCESS;
+}
+
+Client::Client(const std::string &id) : _wire(new Wire{id}) {}
 
 Client::~Client() = default;
 
-bool Client::connect(const std::string &appId) {
+bool Client::connect() {
     disconnect();
-    _proxy = std::make_unique<client::MessageProxy>();
-    host_sim_set_sender(_proxy->handle(), _id.c_str());
-    _proxy->events.connected = [this] { _connected = true; };
-    _proxy->events.rejected = [this] { _connected = false; };
-    _proxy->events.disconnected = [this] { _connected = false; };
-    _proxy->events.malformed = [this](const char *) { ++malformed; };
-    _proxy->events.answered = [this](const client::Answer &answer) { answers.push_back(answer); };
-    if (_proxy->connect(appId) != RPC_PORT_ERROR_NONE)
+    _wire->proxy = std::make_unique<client::MessageProxy>();
+    client::MessageProxy &proxy = *_wire->proxy;
+    host_sim_set_sender(proxy.handle(), _wire->id.c_str());
+    proxy.events.connected = [this] { _wire->connected = true; };
+    proxy.events.rejected = [this] { _wire->connected = false; };
+    proxy.events.disconnected = [this] { _wire->connected = false; };
+    proxy.events.answered = [this](const client::Answer &answer) {
+        answers.push_back({answer.sender, answer.response.fields, answer.response.requestId});
+    };
+    if (proxy.connect(simulatedAppId()) != RPC_PORT_ERROR_NONE)
         return false;
     host_sim_advance(0);
-    return _connected;
+    return _wire->connected;
 }
 
 void Client::disconnect() {
-    if (_proxy)
+    if (_wire->proxy)
         host_sim_advance(0); // what has been sent to it arrives
-    _proxy.reset();
-    _connected = false;
+    _wire->proxy.reset();
+    _wire->connected = false;
     host_sim_advance(0);
 }
 
-int Client::setCb(const client::CallbackFields &fields) {
-    return resultOf(_proxy->setCb(fields));
+bool Client::connected() const {
+    return _wire->connected;
+}
+
+int Client::setCb() {
+    return testkit::setCb(*this, {1, 1, false});
 }
 
 int Client::unsetCb() {
-    return resultOf(_proxy->unsetCb());
+    return resultOf(proxyOf(*_wire).unsetCb());
 }
 
 void Client::request(const std::string &actionId, std::uint64_t requestId,
@@ -61,18 +93,27 @@ void Client::request(const std::string &actionId, std::uint64_t requestId,
 }
 
 void Client::send(bundle *request) {
-    _proxy->send(request);
+    proxyOf(*_wire).send(request);
     host_sim_advance(0);
 }
 
-void Client::post(const std::string &actionId, std::uint64_t requestId) {
-    _proxy->send(client::makeRequest({actionId, requestId, {}, {}}).get());
+int setCb(Client &client, const client::CallbackFields &fields) {
+    return resultOf(proxyOf(client.wire()).setCb(fields));
 }
 
-rpc_port_h Client::mainPort() const {
+void post(Client &client, const std::string &actionId, std::uint64_t requestId) {
+    proxyOf(client.wire()).send(client::makeRequest({actionId, requestId, {}, {}}).get());
+}
+
+void sendParcel(Client &client, const std::function<void(rpc_port_parcel_h)> &write) {
     rpc_port_h port = nullptr;
-    rpc_port_proxy_get_port(_proxy->handle(), RPC_PORT_PORT_MAIN, &port);
-    return port;
+    rpc_port_parcel_h parcel = nullptr;
+    rpc_port_proxy_get_port(proxyOf(client.wire()).handle(), RPC_PORT_PORT_MAIN, &port);
+    rpc_port_parcel_create(&parcel);
+    write(parcel);
+    rpc_port_parcel_send(parcel, port);
+    rpc_port_parcel_destroy(parcel);
+    host_sim_advance(0);
 }
 
 } // namespace nelvo::testkit

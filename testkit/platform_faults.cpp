@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <utility>
 
 #include <dlfcn.h>
@@ -61,8 +62,17 @@ bool fails(const char *function, const void *caller) {
 
 } // namespace
 
-void failPlatformCall(const char *function, int error, int nth, bool always) {
-    fault = {function, error, nth - 1, always, 0};
+bool standsBeforePlatform() {
+    return isOurs(dlsym(RTLD_DEFAULT, "bundle_create"));
+}
+
+void failPlatformCall(const std::string &function, int error, int nth, bool always) {
+    for (const FailableCall &call : failableCalls())
+        if (function == call.function) {
+            fault = {call.function, error, nth - 1, always, 0};
+            return;
+        }
+    throw std::invalid_argument(function + " can't be made to fail; see failPlatformCall()");
 }
 
 int stopFailing() {

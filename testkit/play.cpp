@@ -10,6 +10,7 @@
 #include <host/sim.h>
 #include <nelvo.h>
 
+#include "client/envelope.h"
 #include "fault_scope.h"
 #include "platform_faults.h"
 
@@ -35,9 +36,9 @@ int library(Function function, Arguments... arguments) {
     return function(arguments...);
 }
 
-std::string describe(const client::Answer &answer) {
-    std::string text = answer.sender + " " + std::to_string(answer.response.requestId.value_or(0));
-    for (const auto &[key, value] : answer.response.fields)
+std::string describe(const Answer &answer) {
+    std::string text = answer.sender + " " + std::to_string(answer.requestId.value_or(0));
+    for (const auto &[key, value] : answer.fields)
         text += " " + key + "=" + value;
     return text;
 }
@@ -342,7 +343,7 @@ void Play::compareAnswers() {
     for (int i = 0; i < 2; ++i) {
         const auto &answers = _clients[i].answers;
         for (; _seen[i] < answers.size(); ++_seen[i]) {
-            const client::Response &response = answers[_seen[i]].response;
+            const Answer &response = answers[_seen[i]];
             const std::uint64_t id = response.requestId.value_or(0);
             _device.note("< " + describe(answers[_seen[i]]));
             const auto sent = _sent.find(id);

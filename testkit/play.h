@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "client.h"
-#include "simulation.h"
+#include <nelvo/testkit.h>
 
 namespace nelvo::testkit {
 

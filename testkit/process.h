@@ -8,14 +8,12 @@
 
 #include <sys/types.h>
 
-#include "testkit_export.h"
-
 namespace nelvo::testkit {
 
 constexpr std::chrono::seconds PATIENCE(20); // for what takes milliseconds on an idle machine
 
 // A child process and what it writes; killed and reaped when it goes out of scope.
-class TESTKIT_API Process {
+class Process {
 public:
     Process(const std::string &program, const std::vector<std::string> &arguments);
     Process(const Process &) = delete;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "simulation.h"
+#include <nelvo/testkit.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -7,6 +7,7 @@
 #include <cstring>
 #include <optional>
 #include <regex>
+#include <stdexcept>
 
 #include <dlfcn.h>
 #include <sys/mman.h>
@@ -16,17 +17,21 @@
 #include <host/sim.h>
 
 #include "fault_scope.h"
+#include "platform_faults.h"
+#include "simulated_app.h"
+#include "testkit_export.h"
 
 namespace nelvo::testkit {
 namespace {
 
 constexpr const char *ALLOW_LIST_FILE = "/usr/share/nelvo/allow_list.dat";
-constexpr const char *NOTE = "NOTE"; // the tag of what is no log line
+constexpr const char *LIBRARY = "NELVO-APPSDK"; // its tag in the log
+constexpr const char *NOTE = "NOTE";            // the tag of what is no log entry
 constexpr const char *SDK_VERSION_KEY =
     "http://developer.tizen.org/tizen/metadata/nelvo/sdk/version";
 
 struct Device {
-    bool running = false;
+    std::string appId; // empty: no simulation is running
     std::optional<std::string> allowList;
     std::vector<LogLine> log;
 };
@@ -47,10 +52,11 @@ void takeApart(LogLine &line, const char *separator, char functionStart) {
 void keepLine(log_priority priority, const char *tag, const char *text, void *) {
     const FaultScope scope(false);
     LogLine line{priority, tag, "", text, text};
-    if (line.tag == "NELVO-APPSDK")
+    if (line.tag == LIBRARY) {
         takeApart(line, "(): ", ' ');
-    else if (line.tag == "RPC_PORT_STUB")
+    } else if (line.tag == "RPC_PORT_STUB") {
         takeApart(line, ") > ", ' ');
+    }
     device.log.push_back(std::move(line));
 }
 
@@ -74,7 +80,7 @@ FILE *openAllowList(const char *mode) {
 }
 
 FILE *openFile(const char *function, const char *path, const char *mode) {
-    if (device.running && std::strcmp(path, ALLOW_LIST_FILE) == 0)
+    if (!device.appId.empty() && std::strcmp(path, ALLOW_LIST_FILE) == 0)
         return openAllowList(mode);
     using Open = FILE *(*)(const char *, const char *);
     return reinterpret_cast<Open>(dlsym(RTLD_NEXT, function))(path, mode);
@@ -86,8 +92,15 @@ std::string LogLine::summary() const {
     return std::string(1, "??VDIWEF"[priority]) + " " + function + ": " + message;
 }
 
-Simulation::Simulation(const std::string &appId) : _appId(appId) {
-    device = {true, std::nullopt, {}};
+std::string simulatedAppId() {
+    return device.appId;
+}
+
+Simulation::Simulation(const std::string &appId) {
+    if (!standsBeforePlatform())
+        throw std::logic_error("the test kit has no hold of the platform: link nelvo-testkit "
+                               "before nelvo-host, and preload neither");
+    device = {appId, std::nullopt, {}};
     host_sim_start();
     host_log_set_sink(keepLine, nullptr);
     setSdkVersion("1.0");
@@ -104,7 +117,7 @@ void Simulation::setManifest(const std::string &xml) {
 }
 
 void Simulation::setSdkVersion(const std::string &version) {
-    setManifest("<manifest><ui-application appid=\"" + _appId + "\"><metadata key=\"" +
+    setManifest("<manifest><ui-application appid=\"" + device.appId + "\"><metadata key=\"" +
                 SDK_VERSION_KEY + "\" value=\"" + version + "\"/></ui-application></manifest>");
 }
 
@@ -140,7 +153,7 @@ int Simulation::countLog(log_priority priority, const std::string &function,
 std::vector<std::string> Simulation::logTexts(log_priority atLeast) const {
     std::vector<std::string> texts;
     for (const LogLine &line : device.log)
-        if (line.priority >= atLeast && line.tag == "NELVO-APPSDK")
+        if (line.priority >= atLeast && line.tag == LIBRARY)
             texts.push_back(line.summary());
     return texts;
 }

@@ -20,7 +20,6 @@
 #include <host/sim.h>
 #include <nelvo.h>
 
-#include "client.h"
 #include "process.h"
 
 namespace nelvo::testkit {
@@ -115,7 +114,7 @@ void LocalTarget::pass(double seconds) {
 RawSession LocalTarget::record(const std::vector<std::string> &actionIds) {
     return recordSession([&] {
         Client client("demo.client");
-        client.connect(APP_ID);
+        client.connect();
         client.setCb();
         std::uint64_t id = 0;
         for (const std::string &actionId : actionIds)

@@ -8,8 +8,9 @@
 
 #include <sys/types.h>
 
+#include <nelvo/testkit.h>
+
 #include "raw_session.h"
-#include "simulation.h"
 
 namespace nelvo::testkit {
 

@@ -46,7 +46,7 @@ TEST_F(ActionRequestTest, WaitsForARegistrationForFiveTicks) {
             device.advance();
         }
         ASSERT_EQ(answerCount(), 1);
-        EXPECT_EQ(answer().response.fields,
+        EXPECT_EQ(answer().fields,
                   row.calledAt > 0 ? success("result", "done") : failure("result", NOT_REGISTERED));
         EXPECT_EQ(nelvo_unset_action_execution_cb("late"), NELVO_ERROR_NONE);
         EXPECT_EQ(testkit::liveHandles(), IDLE);

@@ -9,11 +9,11 @@
 
 #include <host/sim.h>
 #include <nelvo.h>
+#include <nelvo/testkit.h>
 
 #include "callback.h"
-#include "client.h"
+#include "client/envelope.h"
 #include "platform_faults.h"
-#include "simulation.h"
 
 namespace nelvo {
 
@@ -47,7 +47,7 @@ protected:
     }
 
     int answerCount() const { return static_cast<int>(client.answers.size()); }
-    const client::Answer &answer() const { return client.answers.back(); }
+    const testkit::Answer &answer() const { return client.answers.back(); }
 
     testkit::Simulation device;
     Client client;

@@ -172,7 +172,7 @@ TEST(ResponseWithoutMemory, FailsAndSaysSo) {
     testkit::Simulation device(LONG);
     Client client;
     ASSERT_EQ(nelvo_initialize(), NONE);
-    ASSERT_TRUE(client.join(LONG));
+    ASSERT_TRUE(client.join());
     client.request("getAppContext");
     std::set<int> codes;
     for (int nth = 1, failed = 1; failed > 0; ++nth) {

@@ -86,7 +86,7 @@ TEST_F(MessageServiceTest, KeepsOneResponseCallbackPerSender) {
     first.request("getAppContext", 3);
     EXPECT_THAT(first.answers, IsEmpty());
     ASSERT_EQ(second.answers.size(), 1u);
-    EXPECT_EQ(second.answers[0].response.requestId, 3u);
+    EXPECT_EQ(second.answers[0].requestId, 3u);
 
     second.disconnect();
     device.clearLog();

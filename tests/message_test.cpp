@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "driven_application.h"
 
+#include "client_wire.h"
 #include "message/message.h"
 
 namespace nelvo {
@@ -82,7 +83,7 @@ TEST_F(MessageStubTest, RoutesEachConnectionToItsOwnService) {
     Client b("client.b");
     ASSERT_TRUE(a.connect());
     ASSERT_TRUE(b.connect());
-    EXPECT_EQ(a.setCb({1, 42, false}), 17);
+    EXPECT_EQ(testkit::setCb(a, {1, 42, false}), 17);
     EXPECT_EQ(b.unsetCb(), -5);
     a.disconnect();
     EXPECT_EQ(b.unsetCb(), -5);
@@ -98,14 +99,9 @@ TEST_F(MessageStubTest, DropsAClientWhoseParcelIsUnknown) {
         Client client;
         ASSERT_TRUE(client.connect());
         device.clearLog();
-        rpc_port_parcel_h parcel = nullptr;
-        rpc_port_parcel_create(&parcel);
-        rpc_port_parcel_write_int32(parcel, method);
-        rpc_port_parcel_send(parcel, client.mainPort());
-        rpc_port_parcel_destroy(parcel);
         int returned = 0;
         testkit::hooks().received = [&](int result) { returned = result; };
-        device.advance();
+        sendParcel(client, [&](auto parcel) { rpc_port_parcel_write_int32(parcel, method); });
         testkit::hooks() = {};
         EXPECT_EQ(returned, -1);
         EXPECT_FALSE(client.connected());
@@ -136,12 +132,7 @@ TEST_F(MessageStubTest, KeepsTheValueOfAFieldThatIsMissing) {
         SCOPED_TRACE(row.what);
         Client client;
         ASSERT_TRUE(client.connect());
-        rpc_port_parcel_h parcel = nullptr;
-        rpc_port_parcel_create(&parcel);
-        row.write(parcel);
-        rpc_port_parcel_send(parcel, client.mainPort());
-        rpc_port_parcel_destroy(parcel);
-        device.advance();
+        sendParcel(client, row.write);
         EXPECT_EQ(client.connected(), row.event != nullptr);
         EXPECT_EQ(events.at(1), row.event ? row.event : "demo.client terminated");
         client.disconnect();
@@ -152,20 +143,22 @@ TEST_F(MessageStubTest, KeepsTheValueOfAFieldThatIsMissing) {
 TEST_F(MessageStubTest, InvokesACallbackAsLongAsItsConnectionLasts) {
     Client client;
     ASSERT_TRUE(client.connect());
-    ASSERT_EQ(client.setCb({3, 42, false}), 17);
+    ASSERT_EQ(testkit::setCb(client, {3, 42, false}), 17);
     const std::unique_ptr<ResponseCB> callback = std::move(latest->kept);
     bundle *content = newBundle();
     bundle_add_str(content, "status_code", "x");
     const Bundle owner(content);
+    std::vector<client::Answer> answers;
+    client.wire().proxy->events.answered = [&](const auto &answer) { answers.push_back(answer); };
     callback->Invoke("app.id", owner);
     callback->Invoke("app.id", owner);
     device.advance();
-    ASSERT_EQ(client.answers.size(), 2u);
-    EXPECT_EQ(client.answers[1].callback.id, 3);
-    EXPECT_EQ(client.answers[1].callback.seq, 42);
-    EXPECT_FALSE(client.answers[1].callback.once);
-    EXPECT_EQ(client.answers[1].sender, "app.id");
-    EXPECT_EQ(client.answers[1].response.field("status_code"), "x");
+    ASSERT_EQ(answers.size(), 2u);
+    EXPECT_EQ(answers[1].callback.id, 3);
+    EXPECT_EQ(answers[1].callback.seq, 42);
+    EXPECT_FALSE(answers[1].callback.once);
+    EXPECT_EQ(answers[1].sender, "app.id");
+    EXPECT_EQ(answers[1].response.field("status_code"), "x");
 
     client.disconnect();
     EXPECT_THROW(callback->Invoke("app.id", owner), stub::NotConnectedSocketException);
@@ -174,7 +167,7 @@ TEST_F(MessageStubTest, InvokesACallbackAsLongAsItsConnectionLasts) {
 TEST_F(MessageStubTest, InvokesACallbackForOneUseOnce) {
     Client client;
     ASSERT_TRUE(client.connect());
-    ASSERT_EQ(client.setCb({1, 1, true}), 17);
+    ASSERT_EQ(testkit::setCb(client, {1, 1, true}), 17);
     latest->kept->Invoke("app.id", Bundle(newBundle()));
     EXPECT_THROW(latest->kept->Invoke("app.id", Bundle(newBundle())),
                  stub::InvalidCallbackException);

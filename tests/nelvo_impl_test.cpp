@@ -91,7 +91,7 @@ TEST(NelvoImplTest, IsReachableOnlyWhileInitialised) {
             round + 1);
         ASSERT_TRUE(client.join());
         client.request("getAppContext");
-        EXPECT_EQ(client.answers.back().response.field("status_msg"),
+        EXPECT_EQ(client.answers.back().field("status_msg"),
                   "App state request callback not registered");
 
         ASSERT_EQ(callback.registerState(), NELVO_ERROR_NONE);
@@ -202,7 +202,7 @@ TEST_F(DispatchTest, DropsAMalformedRequestBeforeItSupersedesThePendingOne) {
     EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NELVO_ERROR_NONE);
     device.advance();
     ASSERT_EQ(answerCount(), 1);
-    EXPECT_EQ(answer().response.requestId, 21u);
+    EXPECT_EQ(answer().requestId, 21u);
 }
 
 TEST_F(DispatchTest, ServesARequestWithoutAnIdAsNumberZero) {
@@ -212,7 +212,7 @@ TEST_F(DispatchTest, ServesARequestWithoutAnIdAsNumberZero) {
     nelvo_complete_action_execution(callback.last(), "done");
     device.advance();
     ASSERT_EQ(answerCount(), 1);
-    EXPECT_EQ(answer().response.requestId, 0u);
+    EXPECT_EQ(answer().requestId, 0u);
 }
 
 TEST_F(DispatchTest, OutlivesACallbackThatThrows) {

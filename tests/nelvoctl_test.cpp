@@ -13,12 +13,12 @@
 
 #include <Ecore.h>
 #include <gtest/gtest.h>
+#include <nelvo/testkit.h>
 #include <nlohmann/json.hpp>
 
 #include "callback.h"
-#include "client.h"
+#include "client_wire.h"
 #include "process.h"
-#include "simulation.h"
 #include "tools/nelvoctl/commands.h"
 #include "tools/nelvoctl/output.h"
 
@@ -91,7 +91,7 @@ Client *other;
 rpc_port_stub_h odd; // an application that does not use the library
 
 Eina_Bool otherAsksCb(void *) {
-    other->post("never", 7);
+    nelvo::testkit::post(*other, "never", 7);
     return ECORE_CALLBACK_CANCEL;
 }
 

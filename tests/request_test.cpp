@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What both kinds of request have in common, and where they differ.
 #include "driven_application.h"
+
+#include "client_wire.h"
 #include "nelvo_common_data.h"
 #include "rpc_peers.h"
 
@@ -108,8 +110,8 @@ TEST_P(RequestTest, IsAnsweredWithWhatTheApplicationReports) {
         device.advance();
         ASSERT_FALSE(client.answers.empty());
         EXPECT_EQ(answer().sender, "demo.app");
-        EXPECT_EQ(answer().response.requestId, id);
-        EXPECT_EQ(answer().response.fields, success(kind.resultKey, row.received));
+        EXPECT_EQ(answer().requestId, id);
+        EXPECT_EQ(answer().fields, success(kind.resultKey, row.received));
         EXPECT_EQ(host_sim_timer_count(), timers);
     }
     EXPECT_EQ(answerCount(), 4);
@@ -155,7 +157,7 @@ TEST_P(RequestTest, IsAnsweredOnceAndOnlyWhilePending) {
         device.advance();
         int successes = 0;
         for (const auto &each : client.answers)
-            successes += each.response.succeeded();
+            successes += each.succeeded();
         EXPECT_EQ(successes, moment.successes);
     }
 }
@@ -167,8 +169,8 @@ TEST_P(RequestTest, FailsAfterThirtySecondsOnce) {
     EXPECT_EQ(answerCount(), 0);
     device.advance(0.002);
     ASSERT_EQ(answerCount(), 1);
-    EXPECT_EQ(answer().response.fields, failure(kind.resultKey, kind.timedOut));
-    EXPECT_EQ(answer().response.requestId, 77u);
+    EXPECT_EQ(answer().fields, failure(kind.resultKey, kind.timedOut));
+    EXPECT_EQ(answer().requestId, 77u);
     device.advance(100);
     EXPECT_EQ(answerCount(), 1);
 }
@@ -185,7 +187,7 @@ TEST_P(RequestTest, IsNotTimedOutByATimerThatIsNotSet) {
     EXPECT_EQ(complete(), NONE);
     device.advance();
     ASSERT_EQ(answerCount(), 1);
-    EXPECT_TRUE(answer().response.succeeded());
+    EXPECT_TRUE(answer().succeeded());
 }
 
 TEST_P(RequestTest, IsNotAnsweredUnderAnotherId) {
@@ -203,7 +205,7 @@ TEST_P(RequestTest, IsNotAnsweredUnderAnotherId) {
 }
 
 TEST_P(RequestTest, IsAnsweredOnceThroughACallbackForOneUse) {
-    ASSERT_EQ(client.setCb({1, 1, true}), 0);
+    ASSERT_EQ(testkit::setCb(client, {1, 1, true}), 0);
     registerCallback();
     for (const int wanted : {NONE, kind.unreached}) {
         request();

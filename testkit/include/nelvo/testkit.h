@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef NELVO_TESTKIT_H
+#define NELVO_TESTKIT_H
+
+/**
+ * @file
+ * Tests an application in the process of its test: on a simulated device whose clock is moved by
+ * hand, with clients that send it requests.
+ *
+ * Link it beside the library, before the host platform: what the kit stands before is the
+ * platform's functions and the C library's fopen(). It changes nothing about the library. Any test
+ * framework will do.
+ *
+ * Everything here belongs to the thread of the test, which is the application's main-loop thread
+ * too. Nothing waits for real time or reaches outside the process: no socket file, no allow list
+ * of the machine, no privilege.
+ */
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <bundle.h>
+#include <dlog.h>
+
+#define NELVO_TESTKIT_API __attribute__((visibility("default")))
+
+namespace nelvo::testkit {
+
+/** What an answer holds, but for its request id: texts by their keys. */
+using Fields = std::map<std::string, std::string>;
+
+/**
+ * What an answer must hold, to compare with.
+ *
+ * @param key    "result" of an action, "appContext" of the state
+ * @param value  what the application reported
+ */
+NELVO_TESTKIT_API Fields success(const std::string &key, const std::string &value);
+
+/** Likewise of the library's answer for want of the application's; message says why. */
+NELVO_TESTKIT_API Fields failure(const std::string &key, const std::string &message);
+
+/** One entry of the log. */
+struct NELVO_TESTKIT_API LogLine {
+    log_priority priority;
+    std::string tag;
+    std::string function; /**< that logged it; empty unless the library did */
+    std::string message;  /**< what it said, without prefix, line number and function */
+    std::string text;     /**< as it was logged */
+
+    /** "E receiveRequest: message" */
+    std::string summary() const;
+};
+
+/**
+ * A device for one application, without an allow list: what the process does happens there.
+ *
+ * Create it before anything else of the platform is used; there is no way back to a real one. One
+ * at a time; another may follow, but what the first call of the library in a process decides stays
+ * decided, the application's id and whether its SDK version is supported.
+ */
+class NELVO_TESTKIT_API Simulation {
+public:
+    /**
+     * The application gets this id and a manifest that admits it.
+     *
+     * @throws std::logic_error  the kit is linked behind the host platform
+     */
+    explicit Simulation(const std::string &appId = "demo.app");
+    ~Simulation();
+    Simulation(const Simulation &) = delete;
+    Simulation &operator=(const Simulation &) = delete;
+
+    /** Replaces the manifest, by its whole text; or by one with this SDK version. */
+    void setManifest(const std::string &xml);
+    void setSdkVersion(const std::string &version);
+
+    /** What the allow list holds from now on: a client's id in each line. */
+    void setAllowList(const std::string &content);
+
+    /** From now on there is none, which admits every client. */
+    void removeAllowList();
+
+    /** Delivers every event and timer of the next seconds; with 0, those that are due now. */
+    void advance(double seconds = 0);
+
+    /** Every entry since the start or clearLog(), of any level, in order; stays the device's. */
+    const std::vector<LogLine> &log() const;
+    void clearLog();
+
+    /** How many entries are exactly this. */
+    int countLog(log_priority priority, const std::string &function,
+                 const std::string &message) const;
+
+    /** The entries of the library from the given level up, each as its summary(). */
+    std::vector<std::string> logTexts(log_priority atLeast = DLOG_DEBUG) const;
+
+    /** Writes down what else happens, among the entries of the log; clearLog() forgets it too. */
+    void note(const std::string &event);
+
+    /** What was noted and what the library logged, in this order, with "*" for each address. */
+    std::vector<std::string> transcript() const;
+};
+
+/** What a client gets. */
+struct NELVO_TESTKIT_API Answer {
+    std::string sender; /**< the application's id */
+    Fields fields;
+    std::optional<std::uint64_t> requestId; /**< empty: absent, or not 8 bytes */
+
+    /** The text under key, or "" when there is none. */
+    std::string field(const std::string &key) const;
+
+    bool succeeded() const;
+};
+
+/**
+ * A Nelvo client on the simulated device; destroy it before the Simulation.
+ *
+ * When a call returns it has reached the application, and what that sent at once has come back.
+ * What sends or registers throws std::logic_error before the first connect().
+ */
+class NELVO_TESTKIT_API Client {
+public:
+    /** @param id  what it says it is, as the allow list may name it */
+    explicit Client(const std::string &id = "demo.client");
+    ~Client();
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    /** Connects anew, in place of an earlier connection; false when nobody listens. */
+    bool connect();
+    void disconnect();
+    bool connected() const;
+
+    /** Registers the response callback: 0, -1 when refused, -100 when there was no reply. */
+    int setCb();
+
+    /** Removes it again; the same results. */
+    int unsetCb();
+
+    /** Connects and registers; false when either failed. */
+    bool join() { return connect() && setCb() == 0; }
+
+    /**
+     * Sends a request.
+     *
+     * @param actionId   the action, or "getAppContext" for the state
+     * @param requestId  comes back in the answer
+     * @param params     left out when empty
+     */
+    void request(const std::string &actionId, std::uint64_t requestId = 1,
+                 const std::string &params = "");
+
+    /** Sends a request of any content, which stays the caller's. */
+    void send(bundle *request);
+
+    std::vector<Answer> answers; /**< so far, in the order in which they came; clear it at will */
+
+    struct Wire; /**< not for applications */
+    Wire &wire() { return *_wire; }
+
+private:
+    std::unique_ptr<Wire> _wire;
+};
+
+/**
+ * Makes calls of one platform function fail, whether the library or the application makes them.
+ *
+ * What such a call would have done is not done. The test kit's own calls are neither counted nor
+ * failed. The latest call holds, until stopFailing().
+ *
+ * @param function  its name: any that the library calls and that is documented to fail
+ * @param error     what it returns; if that is a pointer, null whatever this says
+ * @param nth       which call from now on; 1 is the next
+ * @param always    every later one as well
+ *
+ * @throws std::invalid_argument  the function can't be made to fail
+ */
+NELVO_TESTKIT_API void failPlatformCall(const std::string &function, int error = -1, int nth = 1,
+                                        bool always = false);
+
+/** Ends that. Returns how many calls failed. */
+NELVO_TESTKIT_API int stopFailing();
+
+} // namespace nelvo::testkit
+
+#endif

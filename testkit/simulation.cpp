@@ -16,6 +16,7 @@
 #include <host/log.h>
 #include <host/sim.h>
 
+#include "completion_watch.h"
 #include "fault_scope.h"
 #include "platform_faults.h"
 #include "simulated_app.h"
@@ -34,6 +35,7 @@ struct Device {
     std::string appId; // empty: no simulation is running
     std::optional<std::string> allowList;
     std::vector<LogLine> log;
+    CompletionWatch completions;
 };
 
 Device device;
@@ -54,6 +56,7 @@ void keepLine(log_priority priority, const char *tag, const char *text, void *) 
     LogLine line{priority, tag, "", text, text};
     if (line.tag == LIBRARY) {
         takeApart(line, "(): ", ' ');
+        device.completions.heed(line);
     } else if (line.tag == "RPC_PORT_STUB") {
         takeApart(line, ") > ", ' ');
     }
@@ -100,13 +103,15 @@ Simulation::Simulation(const std::string &appId) {
     if (!standsBeforePlatform())
         throw std::logic_error("the test kit has no hold of the platform: link nelvo-testkit "
                                "before nelvo-host, and preload neither");
-    device = {appId, std::nullopt, {}};
+    device = {appId, std::nullopt, {}, {}};
     host_sim_start();
     host_log_set_sink(keepLine, nullptr);
     setSdkVersion("1.0");
 }
 
 Simulation::~Simulation() {
+    for (const std::string &warning : takeWarnings())
+        std::fprintf(stderr, "warning: %s; nothing was sent\n", warning.c_str());
     host_log_set_sink(nullptr, nullptr);
     host_sim_set_manifest(nullptr);
     device = {};
@@ -170,6 +175,10 @@ std::vector<std::string> Simulation::transcript() const {
             lines.push_back(line.tag == NOTE ? line.text
                                              : std::regex_replace(line.summary(), address, "*"));
     return lines;
+}
+
+std::vector<std::string> Simulation::takeWarnings() {
+    return device.completions.take();
 }
 
 } // namespace nelvo::testkit

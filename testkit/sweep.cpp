@@ -43,6 +43,7 @@ std::vector<std::string> playHere(const Point &point, const std::vector<std::str
     nelvo_deinitialize();
     if (isWhole && reached)
         play.finishHealthily();
+    device.takeWarnings(); // what the script does late it does on purpose
     std::vector<std::string> complaints = play.complaints();
     for (const LogLine &line : device.log())
         if (!line.function.empty() && !matchesAny(line.summary(), logPatterns))

@@ -36,6 +36,7 @@ protected:
     }
 
     void TearDown() override {
+        device.takeWarnings(); // our own, and meant
         EXPECT_EQ(nelvo_deinitialize(), NELVO_ERROR_NONE);
         EXPECT_EQ(host_sim_timer_count(), 0);
         EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);

@@ -142,6 +142,7 @@ TEST(NelvoImplTest, RefusesEverythingWhileNotInitialised) {
         device.countLog(DLOG_ERROR, "completeActionExecution", "Nelvo Client is not connected"), 1);
     EXPECT_EQ(
         device.countLog(DLOG_ERROR, "completeAppStateRequest", "Nelvo Client is not connected"), 1);
+    EXPECT_EQ(device.takeWarnings().size(), 2u); // of the two completions before the start
     nelvo_deinitialize();
 }
 

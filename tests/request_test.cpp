@@ -82,6 +82,7 @@ protected:
     int complete(const char *text = "done") { return kind.complete(callback.last(), text); }
 
     const Kind &kind = GetParam();
+    const Kind &otherKind = KINDS[kind.complete == KINDS[0].complete ? 1 : 0];
 };
 
 INSTANTIATE_TEST_SUITE_P(Of, RequestTest, testing::ValuesIn(KINDS),
@@ -119,38 +120,51 @@ TEST_P(RequestTest, IsAnsweredWithWhatTheApplicationReports) {
 
 TEST_P(RequestTest, IsAnsweredOnceAndOnlyWhilePending) {
     const std::string forgotten = "Couldn't find requestId corresponding to actionHandler 2";
+    const char *overtaken = "a newer request had overtaken it";
+    const char *stopped = "the library had been stopped since";
     const std::string gone = "response error: NotConnectedSocketException";
     const struct {
         const char *when;
         std::function<void()> before;
         int returned;
-        int successes;      // success answers that the client has in the end
-        std::string logged; // empty: no error
+        int successes;           // success answers that the client has in the end
+        std::string logged;      // empty: no error
+        std::string warned = ""; // by the test kit; empty: nothing
     } moments[] = {
         {"while pending", [] {}, NONE, 1, ""},
         {"a second time", [this] { complete(); }, kind.repeated, 1,
-         kind.repeated == NONE ? forgotten : "App State result recieved after timeout, discarding"},
-        {"after 30 seconds", [this] { device.advance(30.001); }, NONE, 0, forgotten},
-        {"after another action", [this] { client.request("other", 8); }, NONE, 0, forgotten},
+         kind.repeated == NONE ? forgotten : "App State result recieved after timeout, discarding",
+         "it had been completed before"},
+        {"after 30 seconds", [this] { device.advance(30.001); }, NONE, 0, forgotten,
+         "it had timed out"},
+        {"after another action", [this] { client.request("other", 8); }, NONE, 0, forgotten,
+         overtaken},
         {"after a state request", [this] { client.request("getAppContext", 8); }, NONE, 0,
-         forgotten},
+         forgotten, overtaken},
         {"after the callback was removed", [this] { kind.unsetCallback(); }, NONE, 1, ""},
         {"after the client has gone", [this] { client.disconnect(); }, kind.unreached, 0, gone},
         {"after UnsetCB", [this] { client.unsetCb(); }, kind.unreached, 0,
          "demo.client has no response callback"},
-        {"after a restart", [] { restart(); }, NONE, 0, forgotten},
+        {"after a restart", [] { restart(); }, NONE, 0, forgotten, stopped},
+        {"while stopped", [] { nelvo_deinitialize(); }, FAILED, 0, "Nelvo is not initialized",
+         stopped},
     };
     for (const auto &moment : moments) {
         SCOPED_TRACE(moment.when);
         restart();
         ASSERT_TRUE(client.join());
+        client.request(otherKind.actionId, 6); // nobody registers it: it takes no handler
         registerCallback();
         client.answers.clear();
         request();
         void *handler = callback.last();
         moment.before();
         device.clearLog();
+        device.takeWarnings();
         EXPECT_EQ(kind.complete(handler, "done"), moment.returned);
+        const auto warnings = device.takeWarnings();
+        ASSERT_EQ(warnings.size(), moment.warned.empty() ? 0u : 1u);
+        EXPECT_THAT(warnings.empty() ? "" : warnings[0], testing::EndsWith(moment.warned));
         const auto errors = device.logTexts(DLOG_ERROR);
         ASSERT_EQ(errors.size(), moment.logged.empty() ? 0u : 1u);
         EXPECT_THAT(errors.empty() ? "" : errors[0], testing::EndsWith(moment.logged));
@@ -266,8 +280,8 @@ TEST_P(RequestTest, IsCompletedByItsOwnHandlerOnly) {
         EXPECT_EQ(device.logTexts(DLOG_ERROR).back(),
                   "E getActionName: In getActionName, entry not found");
     }
-    const Kind &other = KINDS[kind.complete == KINDS[0].complete ? 1 : 0];
-    EXPECT_EQ(other.complete(callback.last(), "x"), FAILED);
+    EXPECT_EQ(otherKind.complete(callback.last(), "x"), FAILED);
+    EXPECT_THAT(device.takeWarnings(), ElementsAre(testing::EndsWith("of the other kind")));
     EXPECT_EQ(complete(), NONE);
     device.advance();
     EXPECT_EQ(answerCount(), 1);

@@ -71,6 +71,8 @@ public:
      * @throws std::logic_error  the kit is linked behind the host platform
      */
     explicit Simulation(const std::string &appId = "demo.app");
+
+    /** Prints to stderr the warnings that nobody took. */
     ~Simulation();
     Simulation(const Simulation &) = delete;
     Simulation &operator=(const Simulation &) = delete;
@@ -104,6 +106,15 @@ public:
 
     /** What was noted and what the library logged, in this order, with "*" for each address. */
     std::vector<std::string> transcript() const;
+
+    /**
+     * What the application does that is harmless, but hardly meant, each once; forgets them.
+     *
+     * Told is the completion of a request that was no longer pending: it had been completed before,
+     * had timed out, a newer one had overtaken it, or the library had been stopped. A handler that
+     * is kept for a hundred requests stands for another one then, which nobody can tell.
+     */
+    std::vector<std::string> takeWarnings();
 };
 
 /** What a client gets. */

@@ -76,6 +76,8 @@ class Program:
         self.compiles = {}
         tests = []
         for entry in json.loads((BUILD / "compile_commands.json").read_text()):
+            if TREE not in pathlib.Path(entry["file"]).parents:
+                continue  # made by the build
             source = pathlib.Path(entry["file"]).relative_to(TREE)
             arguments = shlex.split(entry["command"])
             if source.parts[0] == "src":

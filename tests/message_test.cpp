@@ -55,6 +55,8 @@ protected:
         explicit RecorderFactory(MessageStubTest &owner) : test(owner) {}
         std::unique_ptr<ServiceBase> CreateService(std::string sender,
                                                    std::string instance) override {
+            if (sender == "client.unlucky")
+                throw std::bad_alloc();
             if (test.refuse)
                 return nullptr;
             auto service = std::make_unique<Recorder>(sender, instance, test.events);
@@ -187,11 +189,18 @@ TEST_F(MessageStubTest, ServesAClientWithoutCallbackPortButCannotAnswerIt) {
 }
 
 TEST_F(MessageStubTest, IgnoresAConnectionThatTheFactoryRefuses) {
-    Client client;
+    Client client, unlucky("client.unlucky"), later("later"); // in the order of their instances
     refuse = true;
     ASSERT_TRUE(client.connect());
-    EXPECT_THAT(stubErrors(device), ElementsAre("OnConnectedCB: Failed to create service for "
-                                                "demo.client, connection ignored"));
+    refuse = false;
+    ASSERT_TRUE(unlucky.connect());
+    ASSERT_TRUE(later.connect());
+    EXPECT_THAT(stubErrors(device),
+                ElementsAre("OnConnectedCB: Failed to create service for "
+                            "demo.client, connection ignored",
+                            "OnConnectedCB: Failed to create service for "
+                            "client.unlucky, connection ignored: std::bad_alloc"));
+    EXPECT_EQ(later.setCb(), 17);
     device.clearLog();
     int returned = 0;
     testkit::hooks().received = [&](int result) { returned = result; };
@@ -202,6 +211,10 @@ TEST_F(MessageStubTest, IgnoresAConnectionThatTheFactoryRefuses) {
     ASSERT_EQ(stubErrors(device).size(), 1u);
     EXPECT_THAT(stubErrors(device)[0],
                 testing::StartsWith("OnReceivedCB: Failed to find $$ context("));
+    Client last("the.last");
+    refuse = true;
+    ASSERT_TRUE(last.connect());
+    EXPECT_LT(last.setCb(), -1);
 }
 
 TEST(CallbackBaseTest, NumbersCallbacksFromZero) {

@@ -129,6 +129,15 @@ TEST_F(ActionRequestTest, GivesTheWaitUpWhenSomethingIsMissing) {
     EXPECT_EQ(answerCount(), 0);
 }
 
+TEST_F(ActionRequestTest, KeepsNothingOfARequestThatCannotWait) {
+    for (const char *missing : {"ecore_timer_add", "bundle_add_str", "bundle_add_byte"}) {
+        testkit::failPlatformCall(missing);
+        client.request("late");
+        EXPECT_EQ(testkit::stopFailing(), 1);
+        EXPECT_EQ(testkit::liveHandles(), IDLE) << missing;
+    }
+}
+
 TEST_F(ActionRequestTest, StartsNoSecondWait) {
     client.request("late");
     const int waiting = host_sim_timer_count();

@@ -3,6 +3,7 @@
 
 #include "allocation_faults.h"
 #include "message_service.h"
+#include "nelvo_impl.h"
 #include "response.h"
 #include "watch.h"
 
@@ -155,6 +156,21 @@ TEST_F(WithoutMemory, ACallOfTheClientIsRefused) {
             returned.insert(result);
         }
         EXPECT_EQ(returned.count(-1), 1u);
+    }
+}
+
+TEST_F(WithoutMemory, ADroppedRequestOvertakesNone) {
+    ASSERT_EQ(callback.registerAction("play"), NONE);
+    const client::BundlePtr dropped = client::makeRequest({LONG, 1, {}, {}});
+    for (int nth = 1; nth <= 3; ++nth) { // the client's id, the action's, room for the client's
+        client.request("play");
+        testkit::failAllocation(nth);
+        EXPECT_THROW(NelvoImpl::getInstance()->executeRequest(LONG.c_str(), dropped.get()),
+                     std::bad_alloc);
+        EXPECT_EQ(testkit::stopFailingAllocations(), 1);
+        EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NONE);
+        device.advance();
+        EXPECT_EQ(answerCount(), nth);
     }
 }
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <Ecore.h>
+#include <host/app_id.h>
 
 #include "../harness.h"
 #include "client/message_proxy.h"
@@ -34,7 +35,7 @@ class NelvoClient : public bench::Client {
 public:
     NelvoClient(const std::string &folder, const std::string &id, std::size_t payload) {
         setenv("NELVO_HOST_RUNTIME_DIR", folder.c_str(), 1);
-        setenv("NELVO_HOST_APP_ID", id.c_str(), 1);
+        bench::require(host_set_app_id(id.c_str()) == 0, "take an id");
         ecore_init();
         _proxy.events.connected = [this] { finish(_proxy.setCb().ok()); };
         _proxy.events.answered = [this](const Answer &answer) { take(answer); };

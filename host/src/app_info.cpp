@@ -16,6 +16,7 @@
 
 #include <app_common.h>
 #include <dlog.h>
+#include <host/app_id.h>
 #include <host/sim.h>
 
 #include "log_tag.h"
@@ -55,18 +56,18 @@ std::string manifestPath() {
     const char *named = std::getenv("NELVO_HOST_MANIFEST");
     if (named != nullptr && *named != '\0')
         return named;
-    std::string path(PATH_MAX, '\0');
-    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
-    path.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    char executable[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", executable, sizeof executable);
+    std::string path(executable, length > 0 ? static_cast<std::size_t>(length) : 0);
     path.resize(path.rfind('/') + 1); // empty when /proc is missing: the current folder
     return path + MANIFEST_NAME;
 }
 
-// What app_get_id() has found, since it is asked for with every answer.
+// What app_get_id() has found: it is asked for with every answer, and to look through the
+// environment each time would take longer than anything else that is done about it.
 struct KnownId {
     std::mutex mutex;
-    std::string id;    // empty: not known yet
-    std::string named; // in the environment then
+    std::string id; // empty: not known yet
 
     static KnownId &instance() { // never destroyed, as below
         static KnownId &instance = *new KnownId;
@@ -74,25 +75,17 @@ struct KnownId {
     }
 };
 
-// Never null.
-const char *idInEnvironment() {
-    const char *named = std::getenv("NELVO_HOST_APP_ID");
-    return named != nullptr ? named : "";
-}
-
 void rememberId(const std::string &id) {
     KnownId &known = KnownId::instance();
     std::lock_guard<std::mutex> lock(known.mutex);
     known.id = id;
-    known.named = idInEnvironment();
 }
 
 // Null: not known, or no memory. The caller frees it.
 char *copyOfKnownId() {
     KnownId &known = KnownId::instance();
     std::lock_guard<std::mutex> lock(known.mutex);
-    return known.id.empty() || known.named != idInEnvironment() ? nullptr
-                                                                : strdup(known.id.c_str());
+    return known.id.empty() ? nullptr : strdup(known.id.c_str());
 }
 
 using SharedManifest = std::shared_ptr<const Manifest>;
@@ -139,8 +132,8 @@ void logMissingId(const std::string &problem) {
 
 // Empty: there is none, which has been logged.
 std::string ownId() {
-    const char *named = idInEnvironment();
-    if (*named != '\0') {
+    const char *named = std::getenv("NELVO_HOST_APP_ID");
+    if (named != nullptr && *named != '\0') {
         if (isValidName(named))
             return named;
         logMissingId("NELVO_HOST_APP_ID is \"" + std::string(named) + "\"; " + VALID_NAME_HINT);
@@ -190,6 +183,17 @@ int app_get_id(char **id) {
         if (copy == nullptr)
             return APP_ERROR_OUT_OF_MEMORY;
         *id = copy;
+        return APP_ERROR_NONE;
+    } catch (...) {
+        return APP_ERROR_OUT_OF_MEMORY;
+    }
+}
+
+int host_set_app_id(const char *id) {
+    if (!host::isValidName(id))
+        return APP_ERROR_INVALID_PARAMETER;
+    try {
+        host::rememberId(id);
         return APP_ERROR_NONE;
     } catch (...) {
         return APP_ERROR_OUT_OF_MEMORY;

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <app_common.h>
+#include <host/app_id.h>
 #include <host/sim.h>
 
 #include "child.h"
@@ -102,6 +103,31 @@ TEST(AppInfoTest, PrefersTheIdFromTheEnvironmentIfItIsSafeInAPath) {
     for (const std::string bad : {".", ".a", "-a", "a..b", "a b", "a/b", "\u00e9", tooLong.c_str()})
         EXPECT_EQ(NO_ID + "NELVO_HOST_APP_ID is \"" + bad + "\"" + VALID_NAME + ADVICE + " stop=",
                   outcomeOf(bad));
+}
+
+TEST(AppInfoTest, KeepsTheIdUntilAnotherOneIsGiven) {
+    const auto showId = [] {
+        char none[] = "none", *id = none;
+        app_get_id(&id);
+        dprintf(STDERR_FILENO, "%s ", id);
+        if (id != none)
+            std::free(id);
+    };
+    EXPECT_EQ("named named given given other ", stderrOfChild([&] {
+                  host_sim_set_manifest(manifestOf("first").c_str());
+                  setenv("NELVO_HOST_APP_ID", "named", 1);
+                  showId();
+                  unsetenv("NELVO_HOST_APP_ID"); // too late
+                  showId();
+                  host_set_app_id("given");
+                  showId();
+                  for (const char *bad : {"a b", "", static_cast<const char *>(nullptr)})
+                      if (host_set_app_id(bad) != APP_ERROR_INVALID_PARAMETER)
+                          showId();
+                  showId();
+                  host_sim_set_manifest(manifestOf("other").c_str());
+                  showId();
+              }));
 }
 
 TEST(AppInfoTest, ReadsTheFileThatTheEnvironmentNames) {

@@ -4,13 +4,12 @@
 #include <cctype>
 #include <clocale>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
 
 #include <Ecore.h>
-#include <app_common.h>
+#include <host/app_id.h>
 
 #include "output.h"
 
@@ -37,11 +36,7 @@ std::string checkId(const std::string &text) {
 
 // Must come before any connection: the platform presents the process's id.
 void becomeClient(const std::string &clientId) {
-    char *id = nullptr;
-    const bool became = setenv("NELVO_HOST_APP_ID", clientId.c_str(), 1) == 0 &&
-                        app_get_id(&id) == 0 && clientId == id;
-    std::free(id);
-    if (!became)
+    if (host_set_app_id(clientId.c_str()) != 0)
         throw Failure(Cause::USAGE, "\"" + clientId +
                                         "\" is not an application id; give --as letters, digits, "
                                         "'.', '_' and '-'");
@@ -58,8 +53,8 @@ int perform(const Command &command, const Options &options) {
 }
 
 int parseAndRun(CLI::App &parser, int argc, const char *const *argv) {
-    bool json = false;
-    parser.add_flag("--json", json, "One JSON document on stdout, errors too");
+    bool isJson = false;
+    parser.add_flag("--json", isJson, "One JSON document on stdout, errors too");
     parser.require_subcommand(1)->fallthrough();
     std::map<const Command *, Options> options; // each has its own defaults
     for (const Command *command : COMMANDS)
@@ -75,7 +70,7 @@ int parseAndRun(CLI::App &parser, int argc, const char *const *argv) {
     for (auto &[command, chosen] : options) {
         if (!parser.got_subcommand(command->name))
             continue;
-        chosen.json = json;
+        chosen.json = isJson;
         return perform(*command, chosen);
     }
     return EXIT_CODE_USAGE; // not reached: the parser wants a command
@@ -122,16 +117,16 @@ void addAction(CLI::App &arguments, Options &options) {
 
 int run(int argc, const char *const *argv) {
     std::setlocale(LC_CTYPE, "C.UTF-8"); // what is printable
-    const bool json = asksForJson(argc, argv);
+    const bool isJson = asksForJson(argc, argv);
     try {
         try {
             CLI::App parser("Drives applications through their Nelvo library.", "nelvoctl");
             parser.footer(exitCodeTable());
             return parseAndRun(parser, argc, argv);
         } catch (const Failure &failure) {
-            return report(failure, json);
+            return report(failure, isJson);
         } catch (const std::exception &e) {
-            return report(Failure(Cause::INTERNAL, e.what()), json);
+            return report(Failure(Cause::INTERNAL, e.what()), isJson);
         }
     } catch (const Failure &failure) { // the report cannot be written
         return report(failure, false);

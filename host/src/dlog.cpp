@@ -184,15 +184,14 @@ Sink currentSink() {
     return installedSink;
 }
 
-// Both lists are the same arguments: the first shows how long the text is.
-int print(const Sink &sink, const Entry &entry, const char *fmt, va_list args, va_list again) {
+int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args) {
+    va_list again; // the first shows how long the text is
+    va_copy(again, args);
     char start[512];
     const int length = std::vsnprintf(start, sizeof start, fmt, args);
-    if (length < 0)
-        return -EINVAL;
     std::string_view text(start, std::min(static_cast<std::size_t>(length), sizeof start - 1));
     std::string whole;
-    if (static_cast<std::size_t>(length) > text.size()) {
+    if (length > 0 && static_cast<std::size_t>(length) > text.size()) {
         try {
             whole.resize(static_cast<std::size_t>(length));
             std::vsnprintf(whole.data(), whole.size() + 1, fmt, again);
@@ -200,10 +199,23 @@ int print(const Sink &sink, const Entry &entry, const char *fmt, va_list args, v
         } catch (...) { // no memory: the beginning has to do
         }
     }
+    va_end(again);
+    if (length < 0)
+        return -EINVAL;
     if (sink.call == nullptr)
         return writeEntry(entry, text);
     sink.call(entry.prio, entry.tag, text.data(), sink.data);
     return static_cast<int>(text.size());
+}
+
+// Not inlined: dlog_print() has next to nothing to do for an entry that goes nowhere.
+[[gnu::noinline]] int print(const Entry &entry, const char *fmt, va_list args) {
+    const int errnoBefore = errno; // callers log first and look at it later
+    const Sink sink = currentSink();
+    const bool isWanted = sink.call != nullptr || entry.prio >= level();
+    const int result = isWanted ? printTo(sink, entry, fmt, args) : 0;
+    errno = errnoBefore;
+    return result;
 }
 
 } // namespace
@@ -213,18 +225,10 @@ int dlog_print(log_priority prio, const char *tag, const char *fmt, ...) {
         return -EINVAL;
     if (prio < threshold.load(std::memory_order_relaxed))
         return 0;
-    const int errnoBefore = errno; // callers log first and look at it later
-    const Sink sink = currentSink();
-    int result = 0;
-    if (sink.call != nullptr || prio >= level()) {
-        va_list args, again;
-        va_start(args, fmt);
-        va_start(again, fmt);
-        result = print(sink, {prio, tag}, fmt, args, again);
-        va_end(again);
-        va_end(args);
-    }
-    errno = errnoBefore;
+    va_list args;
+    va_start(args, fmt);
+    const int result = print({prio, tag}, fmt, args);
+    va_end(args);
     return result;
 }
 

@@ -28,7 +28,8 @@ constexpr int EVENTS_PER_ROUND = 64;
 
 std::int64_t toNanoseconds(double seconds) {
     const double limit = static_cast<double>(FOREVER / NANOSECONDS);
-    return std::llround(std::clamp(seconds, 0.0, limit) * static_cast<double>(NANOSECONDS));
+    return static_cast<std::int64_t>(
+        std::clamp(seconds, 0.0, limit) * static_cast<double>(NANOSECONDS) + 0.5);
 }
 
 double toSeconds(std::int64_t nanoseconds) {
@@ -134,7 +135,11 @@ void *Loop::deleteTimer(void *handle) {
         return nullptr;
     const Timer timer = _timers.remove(handle);
     _countedTimers -= timer.internal ? 0 : 1;
-    if (!timer.isCalled && ++_deleted > _due.size() / 2)
+    if (timer.isCalled)
+        return timer.data;
+    if (_due.back().second == handle) // as the latest one often is
+        _due.pop_back();
+    else if (++_deleted > _due.size() / 2)
         dropDeleted();
     return timer.data;
 }

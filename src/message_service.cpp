@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "message_service.h"
 
-#include <fstream>
+#include <cstdio>
 #include <utility>
 
 #include "log.h"
@@ -13,16 +13,22 @@ namespace {
 constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_PATH = "/usr/share/nelvo/";
 constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME = "allow_list.dat";
 
-// All lines that can be read. Throws std::bad_alloc: a part of them for want of memory is no list.
-std::unordered_set<std::string> readLines(std::ifstream &file) {
+using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
+
+// All lines that can be read; where a disk fails, or for a directory, those before. Not a stream of
+// the C++ library: its locales alone would cost an application more memory than the rest of us.
+std::unordered_set<std::string> readLines(std::FILE *file) {
     std::unordered_set<std::string> lines;
-    file.exceptions(std::ios::badbit); // or getline() takes want of memory for the end of the file
-    try {
-        for (std::string line; std::getline(file, line);)
-            lines.insert(line);
-    } catch (const std::ios::failure &) {
-        // A directory, or a disk that fails: what was read until then counts.
+    std::string line;
+    int byte;
+    while ((byte = std::getc(file)) != EOF) {
+        if (byte == '\n')
+            lines.insert(std::exchange(line, {}));
+        else
+            line.push_back(static_cast<char>(byte));
     }
+    if (!line.empty() && !std::ferror(file))
+        lines.insert(std::move(line));
     return lines;
 }
 
@@ -105,12 +111,12 @@ bool messageService::isPermittedSender() {
         const std::string path =
             std::string(NELVO_PROXY_ALLOW_APPID_LIST_PATH) + NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME;
         NELVO_LOGI("res_path : %s", path.c_str());
-        std::ifstream file(path);
-        if (!file.is_open()) {
+        const File file(std::fopen(path.c_str(), "r"), &std::fclose);
+        if (!file) {
             NELVO_LOGD("allow_list.dat file not present, allowing all apps");
             return true;
         }
-        _allowedAppIds = readLines(file);
+        _allowedAppIds = readLines(file.get());
     }
     if (_allowedAppIds.count(GetSender()) != 0)
         return true;

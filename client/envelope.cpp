@@ -33,7 +33,7 @@ void takeEntry(const char *key, const int type, const bundle_keyval_t *kv, void 
 
     std::uint64_t requestId = 0;
     if (type == BUNDLE_TYPE_STR) {
-        response.fields[key] = static_cast<const char *>(value);
+        response.fields[key].assign(static_cast<const char *>(value), size - 1);
     } else if (std::strcmp(key, KEY_REQUEST_ID) == 0 && size == sizeof requestId) {
         std::memcpy(&requestId, value, sizeof requestId);
         response.requestId = requestId;

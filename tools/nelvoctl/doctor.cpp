@@ -97,7 +97,7 @@ json performAll(const std::vector<Check> &checks) {
     return results;
 }
 
-void printForPeople(const json &results) {
+void printChecks(const json &results) {
     for (const json &result : results) {
         const std::string status = result["status"];
         const Colour colour = status == "ok"       ? Colour::GREEN
@@ -134,7 +134,7 @@ int runDoctor(const Options &options) {
     if (options.json)
         print(dump(document));
     else
-        printForPeople(document["checks"]);
+        printChecks(document["checks"]);
     return document.contains("error") ? document["error"]["exitCode"].get<int>()
                                       : EXIT_CODE_SUCCESS;
 }

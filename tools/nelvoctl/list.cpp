@@ -23,7 +23,7 @@ std::string milliseconds(double seconds) {
     return text;
 }
 
-void printForPeople(const json &applications) {
+void printApplications(const json &applications) {
     std::size_t width = 0;
     for (const json &app : applications)
         width = std::max(width, app["appId"].get<std::string>().size());
@@ -50,7 +50,7 @@ int runList(const Options &options) {
     if (options.json)
         print(dump({{"applications", applications}}));
     else
-        printForPeople(applications);
+        printApplications(applications);
     if (applications.empty() && !options.json)
         note("no application listens in " + dir);
     return EXIT_CODE_SUCCESS;

@@ -8,11 +8,14 @@
 #include <fstream>
 #include <sstream>
 
+#include <dlfcn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <Ecore.h>
 #include <gtest/gtest.h>
+#include <host/app_id.h>
 #include <nelvo/testkit.h>
 #include <nlohmann/json.hpp>
 
@@ -86,6 +89,8 @@ private:
     char _folder[16] = "ctl-XXXXXX";
 };
 
+bool isPeerAnotherUser = false; // for this process
+
 Simulation *device;
 Client *other;
 rpc_port_stub_h odd; // an application that does not use the library
@@ -97,7 +102,7 @@ Eina_Bool otherAsksCb(void *) {
 
 void startOdd(rpc_port_stub_connected_event_cb connected,
               rpc_port_stub_received_event_cb received) {
-    setenv("NELVO_HOST_APP_ID", "demo.odd", 1);
+    host_set_app_id("demo.odd");
     rpc_port_stub_create(&odd, "message");
     rpc_port_stub_add_connected_event_cb(odd, connected, nullptr);
     rpc_port_stub_add_received_event_cb(odd, received, nullptr);
@@ -118,6 +123,10 @@ const Row SIMULATED[] = {
      [] { ecore_timer_add(6, otherAsksCb, nullptr); }},
     {"connection-lost", {"call", "demo.app", "stop"}, 3},
     {"nobody-listens", {"state", "demo.absent", "--wait", "60"}, 3},
+    {"internal",
+     {"state", "demo.app"},
+     3,
+     [] { nelvo::testkit::failPlatformCall("ecore_timer_add", 0); }},
     {"", {"doctor", "demo.app"}, 0, [] { device->setAllowList("nelvo.client\n"); }},
     {"not-admitted", {"state", "demo.app"}, 3, [] { device->setAllowList("demo.client\n"); }},
     {"not-admitted", {"doctor", "demo.app"}, 3, [] { device->setAllowList(""); }},
@@ -227,6 +236,29 @@ TEST_F(NelvoctlTest, NamesWhatIsWrongWithAProcess) {
     expect({"other-directory", {"state", "demo.hello"}, 3});
 }
 
+TEST_F(NelvoctlTest, SaysWhenItsOutputIsLost) {
+    Process full("/bin/sh", {"-c", NELVOCTL " list --json >/dev/full"});
+    EXPECT_EQ(full.wait(), 1);
+    EXPECT_NE(full.err().find("output: could not write to stdout"), std::string::npos)
+        << full.err();
+}
+
+TEST_F(NelvoctlTest, TellsAnotherUsersApplicationApart) {
+    Process hello(HELLO, {});
+    waitUntilServed("demo.hello");
+    testing::internal::CaptureStdout();
+    const pid_t child = fork();
+    if (child == 0) {
+        isPeerAnotherUser = true;
+        const char *arguments[] = {"nelvoctl", "--json", "state", "demo.hello"};
+        _exit(nelvoctl::run(static_cast<int>(std::size(arguments)), arguments));
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 3);
+    expectJson({"other-user", {}, 3}, testing::internal::GetCapturedStdout());
+}
+
 std::string contentOf(const std::string &path) {
     std::ostringstream content;
     content << std::ifstream(path).rdbuf();
@@ -298,3 +330,14 @@ TEST(OutputTest, LetsNothingReachATerminalThatItCouldObey) {
 }
 
 } // namespace
+
+// Stands before the C library's own: another user is not to be had without being root.
+extern "C" __attribute__((visibility("default"))) int
+getsockopt(int socket, int level, int name, void *value, socklen_t *size) noexcept {
+    using Get = int (*)(int, int, int, void *, socklen_t *);
+    static const auto real = reinterpret_cast<Get>(dlsym(RTLD_NEXT, "getsockopt"));
+    const int result = real(socket, level, name, value, size);
+    if (isPeerAnotherUser && level == SOL_SOCKET && name == SO_PEERCRED)
+        ++static_cast<ucred *>(value)->uid;
+    return result;
+}

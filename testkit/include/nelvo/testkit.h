@@ -34,25 +34,34 @@ namespace nelvo::testkit {
 using Fields = std::map<std::string, std::string>;
 
 /**
- * What an answer must hold, to compare with.
+ * What an answer must hold when the application reported something, to compare with.
  *
  * @param key    "result" of an action, "appContext" of the state
  * @param value  what the application reported
+ *
+ * @return all of the answer but its request id
  */
 NELVO_TESTKIT_API Fields success(const std::string &key, const std::string &value);
 
-/** Likewise of the library's answer for want of the application's; message says why. */
+/**
+ * What an answer must hold when the library gave it for want of the application's.
+ *
+ * @param key      as for success()
+ * @param message  says why: "Action execution request timed out"
+ *
+ * @return all of the answer but its request id
+ */
 NELVO_TESTKIT_API Fields failure(const std::string &key, const std::string &message);
 
 /** One entry of the log. */
 struct NELVO_TESTKIT_API LogLine {
-    log_priority priority;
-    std::string tag;
+    log_priority priority; /**< its level */
+    std::string tag; /**< whose it is; the library's own, the platform's or the application's */
     std::string function; /**< that logged it; empty unless the library did */
     std::string message;  /**< what it said, without prefix, line number and function */
     std::string text;     /**< as it was logged */
 
-    /** "E receiveRequest: message" */
+    /** @return the line in short: "E receiveRequest: message" */
     std::string summary() const;
 };
 
@@ -66,7 +75,9 @@ struct NELVO_TESTKIT_API LogLine {
 class NELVO_TESTKIT_API Simulation {
 public:
     /**
-     * The application gets this id and a manifest that admits it.
+     * Starts it, with a manifest that names the application and admits it.
+     *
+     * @param appId  the application's id
      *
      * @throws std::logic_error  the kit is linked behind the host platform
      */
@@ -77,34 +88,72 @@ public:
     Simulation(const Simulation &) = delete;
     Simulation &operator=(const Simulation &) = delete;
 
-    /** Replaces the manifest, by its whole text; or by one with this SDK version. */
+    /**
+     * Replaces the manifest.
+     *
+     * @param xml  its whole text
+     */
     void setManifest(const std::string &xml);
+
+    /**
+     * Replaces the manifest by one that differs from the first in the SDK version.
+     *
+     * @param version  such as "1.0"
+     */
     void setSdkVersion(const std::string &version);
 
-    /** What the allow list holds from now on: a client's id in each line. */
+    /**
+     * Gives the device an allow list, or another one: it is read for each new connection.
+     *
+     * @param content  the file's: a client's id in each line
+     */
     void setAllowList(const std::string &content);
 
-    /** From now on there is none, which admits every client. */
+    /** Takes the allow list away, which admits every client. */
     void removeAllowList();
 
-    /** Delivers every event and timer of the next seconds; with 0, those that are due now. */
+    /**
+     * Moves the clock, and delivers every event and timer on the way.
+     *
+     * @param seconds  how far; with 0, what is due now is delivered
+     */
     void advance(double seconds = 0);
 
-    /** Every entry since the start or clearLog(), of any level, in order; stays the device's. */
+    /** @return every entry since the start or clearLog(), of any level, in order; stays the device's */
     const std::vector<LogLine> &log() const;
+
+    /** Forgets the log so far. */
     void clearLog();
 
-    /** How many entries are exactly this. */
+    /**
+     * Counts the entries of the log that are exactly this.
+     *
+     * @param priority  their level
+     * @param function  that logged them
+     * @param message   what they say
+     *
+     * @return how many there are
+     */
     int countLog(log_priority priority, const std::string &function,
                  const std::string &message) const;
 
-    /** The entries of the library from the given level up, each as its summary(). */
+    /**
+     * The entries of the library.
+     *
+     * @param atLeast  of this level or above
+     *
+     * @return the summary() of each, in order
+     */
     std::vector<std::string> logTexts(log_priority atLeast = DLOG_DEBUG) const;
 
-    /** Writes down what else happens, among the entries of the log; clearLog() forgets it too. */
+    /**
+     * Writes down what else happens, among the entries of the log; clearLog() forgets it too.
+     *
+     * @param event  in words of the test's own
+     */
     void note(const std::string &event);
 
-    /** What was noted and what the library logged, in this order, with "*" for each address. */
+    /** @return what was noted and what the library logged, in this order, "*" for each address */
     std::vector<std::string> transcript() const;
 
     /**
@@ -113,19 +162,28 @@ public:
      * Told is the completion of a request that was no longer pending: it had been completed before,
      * had timed out, a newer one had overtaken it, or the library had been stopped. A handler that
      * is kept for a hundred requests stands for another one then, which nobody can tell.
+     *
+     * @return a sentence for each
      */
     std::vector<std::string> takeWarnings();
 };
 
 /** What a client gets. */
 struct NELVO_TESTKIT_API Answer {
-    std::string sender; /**< the application's id */
-    Fields fields;
+    std::string sender;                     /**< the application's id */
+    Fields fields;                          /**< what it holds */
     std::optional<std::uint64_t> requestId; /**< empty: absent, or not 8 bytes */
 
-    /** The text under key, or "" when there is none. */
+    /**
+     * One of the fields.
+     *
+     * @param key  its name
+     *
+     * @return its text, or "" when there is none
+     */
     std::string field(const std::string &key) const;
 
+    /** @return whether the application reported a result, as its status code says */
     bool succeeded() const;
 };
 
@@ -137,24 +195,48 @@ struct NELVO_TESTKIT_API Answer {
  */
 class NELVO_TESTKIT_API Client {
 public:
-    /** @param id  what it says it is, as the allow list may name it */
+    /**
+     * Makes one, which is not connected yet.
+     *
+     * @param id  what it says it is, as the allow list may name it
+     */
     explicit Client(const std::string &id = "demo.client");
     ~Client();
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
 
-    /** Connects anew, in place of an earlier connection; false when nobody listens. */
+    /**
+     * Connects anew, in place of an earlier connection.
+     *
+     * @return false when nobody listens
+     */
     bool connect();
+
+    /** Closes the connection, if there is one. */
     void disconnect();
+
+    /** @return whether there is a connection: the application may have ended it */
     bool connected() const;
 
-    /** Registers the response callback: 0, -1 when refused, -100 when there was no reply. */
+    /**
+     * Registers the response callback, without which there are no answers.
+     *
+     * @return 0; -1 when refused; -100 when there was no reply
+     */
     int setCb();
 
-    /** Removes it again; the same results. */
+    /**
+     * Removes it again.
+     *
+     * @return as for setCb()
+     */
     int unsetCb();
 
-    /** Connects and registers; false when either failed. */
+    /**
+     * Connects and registers.
+     *
+     * @return false when either failed
+     */
     bool join() { return connect() && setCb() == 0; }
 
     /**
@@ -167,12 +249,19 @@ public:
     void request(const std::string &actionId, std::uint64_t requestId = 1,
                  const std::string &params = "");
 
-    /** Sends a request of any content, which stays the caller's. */
+    /**
+     * Sends a request of any content.
+     *
+     * @param request  stays the caller's
+     */
     void send(bundle *request);
 
     std::vector<Answer> answers; /**< so far, in the order in which they came; clear it at will */
 
-    struct Wire; /**< not for applications */
+    /** Not for applications. */
+    struct Wire;
+
+    /** @return not for applications */
     Wire &wire() { return *_wire; }
 
 private:
@@ -195,7 +284,11 @@ private:
 NELVO_TESTKIT_API void failPlatformCall(const std::string &function, int error = -1, int nth = 1,
                                         bool always = false);
 
-/** Ends that. Returns how many calls failed. */
+/**
+ * Ends that.
+ *
+ * @return how many calls failed since
+ */
 NELVO_TESTKIT_API int stopFailing();
 
 } // namespace nelvo::testkit

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# What lies where after cmake --install. Components are packages: library, development, host, tools.
+# What lies where after cmake --install. Components are packages: library, development, host,
+# testkit, tools.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 

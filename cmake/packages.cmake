@@ -8,12 +8,13 @@ set(CPACK_PACKAGE_CONTACT "The Nelvo developers <developers@nelvo.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Lets a Nelvo client drive an application")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL library host development tools)
+set(CPACK_COMPONENTS_ALL library host testkit development tools)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/host)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+    ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/host ${PROJECT_BINARY_DIR}/testkit)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
@@ -32,8 +33,10 @@ set(major ${PROJECT_VERSION_MAJOR})
 nelvo_deb(library libnelvo${major} libs "libnelvo-host${major} ${same}"
     "Lets a Nelvo client drive an application")
 nelvo_deb(host libnelvo-host${major} libs "" "Stand-in for the device platform on a desktop")
+nelvo_deb(testkit libnelvo-testkit${major} libs "libnelvo-host${major} ${same}"
+    "Tests applications that a Nelvo client drives")
 nelvo_deb(development libnelvo-dev libdevel
-    "libnelvo${major} ${same}, libnelvo-host${major} ${same}, libexpat1-dev"
+    "libnelvo${major} ${same}, libnelvo-host${major} ${same}, libnelvo-testkit${major} ${same}, libexpat1-dev"
     "Headers, static libraries and documents of the Nelvo application SDK")
 nelvo_deb(tools nelvo-tools devel "libnelvo-host${major} ${same}"
     "Drives Nelvo applications from the command line")

@@ -20,19 +20,24 @@ pc=$(find "$prefix" -name nelvo.pc)
 PKG_CONFIG_PATH=$(dirname "$pc")
 export PKG_CONFIG_PATH ${sysroot:+PKG_CONFIG_SYSROOT_DIR="$sysroot"}
 lib=${PKG_CONFIG_PATH%/pkgconfig}
-flags() { pkg-config --cflags --libs "$@" nelvo; }
-read -ra shared < <(flags)
-read -ra static < <(flags --static)
+flags() { pkg-config --cflags --libs "$@"; }
+read -ra shared < <(flags nelvo)
+read -ra static < <(flags --static nelvo)
+read -ra testkit < <(flags nelvo-testkit)
 cc -Wall -Werror -o "$work/hello" "$examples/hello/main.c" "${shared[@]}" -Wl,-rpath,"$lib"
 cc -Wall -Werror -o "$work/hello-static" "$examples/hello/main.c" -Wl,-Bstatic "${static[@]}" \
     -Wl,-Bdynamic
 stands_alone "$work/hello-static"
+c++ -std=c++17 -Wall -Werror -o "$work/greet_test" "$here/greet_test.cpp" "${testkit[@]}" \
+    -Wl,-rpath,"$lib"
+"$work/greet_test"
 
 # C++ with CMake.
 cmake -S "$here" -B "$work/player" -DCMAKE_PREFIX_PATH="$prefix" \
     -DPLAYER="$(cd "$examples/player" && pwd)" >"$work/cmake.log" || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/player" >"$work/build.log" || { cat "$work/build.log"; exit 1; }
 stands_alone "$work/player/player-nelvo_static"
+ctest --test-dir "$work/player/player_tests" --output-on-failure --no-tests=error
 
 nelvoctl=$(cat "$work/player/nelvoctl")
 for program in hello hello-static; do

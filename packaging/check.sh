@@ -15,7 +15,7 @@ done
 LD_LIBRARY_PATH=$(dirname "$(find "$work/deb" -name libnelvo.so.1)") \
     "$here/../tests/outside/check.sh" /usr "$work/outside" "$work/deb"
 
-for package in "$packages"/nelvo-*.x86_64.rpm; do
+for package in "$packages"/nelvo-*."$(uname -m)".rpm; do
     rpm2cpio "$package" | (cd "$work/rpm" && cpio --quiet -idm)
 done
 example=$here/../examples/hello

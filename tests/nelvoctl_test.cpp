@@ -164,7 +164,11 @@ int runSimulated(const Row &row, bool withJson) {
         arguments.push_back("--json");
     for (const std::string &argument : row.arguments)
         arguments.push_back(argument.c_str());
-    return nelvoctl::run(static_cast<int>(arguments.size()), arguments.data());
+    const int code = nelvoctl::run(static_cast<int>(arguments.size()), arguments.data());
+    if (code != row.exitCode)
+        for (const nelvo::testkit::LogLine &line : device->log())
+            std::fprintf(stderr, "%s\n", line.summary().c_str());
+    return code;
 }
 
 TEST_F(NelvoctlTest, NamesTheCauseOfEverySilenceOfASimulatedApplication) {

@@ -67,7 +67,8 @@ std::string manifestPath() {
 // environment each time would take longer than anything else that is done about it.
 struct KnownId {
     std::mutex mutex;
-    std::string id; // empty: not known yet
+    std::string id;       // empty: not known yet
+    bool isGiven = false; // by host_set_app_id(), and so none that a manifest can change
 
     static KnownId &instance() { // never destroyed, as below
         static KnownId &instance = *new KnownId;
@@ -75,10 +76,13 @@ struct KnownId {
     }
 };
 
-void rememberId(const std::string &id) {
+void rememberId(const std::string &id, bool isGiven) {
     KnownId &known = KnownId::instance();
     std::lock_guard<std::mutex> lock(known.mutex);
+    if (known.isGiven && !isGiven)
+        return;
     known.id = id;
+    known.isGiven = isGiven;
 }
 
 // Null: not known, or no memory. The caller frees it.
@@ -116,7 +120,7 @@ SharedManifest manifest() {
 void install(Manifest parsed) {
     auto installed = std::make_shared<const Manifest>(std::move(parsed));
     std::atomic_store(&current(), SharedManifest(installed));
-    rememberId({});
+    rememberId({}, false);
     logIfBroken(*installed);
 }
 
@@ -177,7 +181,7 @@ int app_get_id(char **id) {
             const std::string own = host::ownId();
             if (own.empty())
                 return APP_ERROR_INVALID_CONTEXT;
-            host::rememberId(own);
+            host::rememberId(own, false);
             copy = host::copyOfKnownId();
         }
         if (copy == nullptr)
@@ -193,7 +197,7 @@ int host_set_app_id(const char *id) {
     if (!host::isValidName(id))
         return APP_ERROR_INVALID_PARAMETER;
     try {
-        host::rememberId(id);
+        host::rememberId(id, true);
         return APP_ERROR_NONE;
     } catch (...) {
         return APP_ERROR_OUT_OF_MEMORY;

@@ -105,7 +105,7 @@ TEST(AppInfoTest, PrefersTheIdFromTheEnvironmentIfItIsSafeInAPath) {
                   outcomeOf(bad));
 }
 
-TEST(AppInfoTest, KeepsTheIdUntilAnotherOneIsGiven) {
+TEST(AppInfoTest, KeepsTheIdUntilAnotherManifestIsInstalledOrOneIsGiven) {
     const auto showId = [] {
         char none[] = "none", *id = none;
         app_get_id(&id);
@@ -113,11 +113,13 @@ TEST(AppInfoTest, KeepsTheIdUntilAnotherOneIsGiven) {
         if (id != none)
             std::free(id);
     };
-    EXPECT_EQ("named named given given other ", stderrOfChild([&] {
+    EXPECT_EQ("named named other given given given ", stderrOfChild([&] {
                   host_sim_set_manifest(manifestOf("first").c_str());
                   setenv("NELVO_HOST_APP_ID", "named", 1);
                   showId();
                   unsetenv("NELVO_HOST_APP_ID"); // too late
+                  showId();
+                  host_sim_set_manifest(manifestOf("other").c_str());
                   showId();
                   host_set_app_id("given");
                   showId();
@@ -125,7 +127,7 @@ TEST(AppInfoTest, KeepsTheIdUntilAnotherOneIsGiven) {
                       if (host_set_app_id(bad) != APP_ERROR_INVALID_PARAMETER)
                           showId();
                   showId();
-                  host_sim_set_manifest(manifestOf("other").c_str());
+                  host_sim_set_manifest(manifestOf("another").c_str());
                   showId();
               }));
 }

@@ -1,8 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cstdio>
+#include <cstring>
+
+#include <dlfcn.h>
+
 #include "driven_application.h"
 
 namespace nelvo {
 namespace {
+
+bool failsDisk = false;
+
+// Holds a line and, where a disk fails, half of the next one, which is a client's id.
+FILE *openFailing() {
+    cookie_io_functions_t calls{};
+    calls.read = [](void *, char *buffer, std::size_t) -> ssize_t {
+        static bool isRead = false;
+        isRead = !isRead;
+        return isRead ? static_cast<ssize_t>(stpcpy(buffer, "other.client\ndemo.client") - buffer)
+                      : -1;
+    };
+    return fopencookie(nullptr, "r", calls);
+}
 
 class MessageServiceTest : public testing::Test {
 protected:
@@ -75,6 +94,16 @@ TEST_F(MessageServiceTest, KeepsTheListThatTheConnectionReadFirst) {
     EXPECT_EQ(later.setCb(), -1);
 }
 
+TEST_F(MessageServiceTest, AdmitsNobodyByTheFirstHalfOfALine) {
+    Client client;
+    ASSERT_TRUE(client.connect());
+    failsDisk = true;
+    EXPECT_EQ(client.setCb(), -1);
+    failsDisk = false;
+    device.setAllowList("demo.client\n");
+    EXPECT_EQ(client.setCb(), -1) << "what was read before is the list";
+}
+
 TEST_F(MessageServiceTest, KeepsOneResponseCallbackPerSender) {
     Client first;
     Client second; // the same sender on a connection of its own
@@ -99,3 +128,10 @@ TEST_F(MessageServiceTest, KeepsOneResponseCallbackPerSender) {
 
 } // namespace
 } // namespace nelvo
+
+// Stands before the test kit's.
+extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
+    using Open = FILE *(*)(const char *, const char *);
+    static const auto next = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "fopen"));
+    return nelvo::failsDisk ? nelvo::openFailing() : next(path, mode);
+}

@@ -64,7 +64,7 @@ HOST_API bundle *bundle_dup(bundle *b_from);
  * @return BUNDLE_ERROR_NONE
  *         BUNDLE_ERROR_INVALID_PARAMETER  an argument or an element is null, the key is empty, the
  *                                         size is 0, the length is negative, or a key or value is
- *                                         of 4 GiB or more
+ *                                         of 2 GiB or more
  *         BUNDLE_ERROR_KEY_EXISTS         the bundle has that key; its value stays
  *         BUNDLE_ERROR_OUT_OF_MEMORY
  */

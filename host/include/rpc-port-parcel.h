@@ -63,7 +63,7 @@ HOST_API int rpc_port_parcel_destroy(rpc_port_parcel_h h);
  *
  * @return RPC_PORT_ERROR_NONE
  *         RPC_PORT_ERROR_INVALID_PARAMETER  the handle, text or bundle is null, or the text or
- *                                           bundle is of 4 GiB or more
+ *                                           bundle is of 2 GiB or more
  *         RPC_PORT_ERROR_OUT_OF_MEMORY
  */
 HOST_API int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i);

@@ -45,12 +45,18 @@ int get(bundle *b, const char *key, int type, const keyval_t *&entry) {
 
 namespace {
 
-constexpr std::size_t HOME_SIZE = sizeof(Entries) + sizeof(bundle) + ROOM_SIZE;
+constexpr std::size_t aligned(std::size_t size) {
+    constexpr std::size_t ALIGNMENT = alignof(std::max_align_t);
+    return (size + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+}
+
+constexpr std::size_t ROOM_START = aligned(sizeof(Entries) + sizeof(bundle));
+constexpr std::size_t HOME_SIZE = ROOM_START + ROOM_SIZE;
 
 } // namespace
 
 Entries::Entries(const Memory &home)
-    : _home(home), _room(home), _roomUsed(sizeof(Entries) + sizeof(bundle)), _roomSize(HOME_SIZE) {}
+    : _home(home), _room(home), _roomUsed(ROOM_START), _roomSize(HOME_SIZE) {}
 
 Entries::~Entries() {
     for (std::size_t i = 0; i < _count; i++)
@@ -101,8 +107,7 @@ void Entries::reserve(std::size_t count) {
 
 // Its value is to be filled in.
 keyval_t Entries::makeEmpty(int type, std::string_view key, std::size_t size) {
-    constexpr std::size_t ALIGNMENT = alignof(std::max_align_t);
-    const std::size_t needed = (size + key.size() + ALIGNMENT) / ALIGNMENT * ALIGNMENT;
+    const std::size_t needed = aligned(size + key.size() + 1);
     if (needed > _roomSize - _roomUsed) {
         const std::size_t roomSize = std::max(needed, ROOM_SIZE);
         _room = Memory(roomSize);

@@ -26,8 +26,9 @@ struct keyval_t {
 
 namespace host {
 
-// What makes a number fit its four bytes in an encoded bundle or parcel.
-constexpr std::size_t MAX_SIZE = UINT32_MAX;
+// What makes a number fit its four bytes in an encoded bundle or parcel, and the sum of two a size
+// also where that has four bytes itself.
+constexpr std::size_t MAX_SIZE = INT32_MAX;
 
 // The entries of one bundle, or of several equal ones: copied before one of them changes.
 //

@@ -29,7 +29,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Pass = std::function<void()>; // lets everybody get on a little
 
-constexpr std::uint64_t TENTHS = 10;
+constexpr std::size_t TENTHS = 10;
 #ifdef __SANITIZE_ADDRESS__
 constexpr long TOLERANCE_KIB = 1L << 30; // the sanitizer keeps what is freed
 #else
@@ -206,7 +206,7 @@ bool report(const Ledger &ledger, const char *where, double seconds, bool played
     return report.holds();
 }
 
-bool play(std::uint64_t requests, bool isVirtual) {
+bool play(std::size_t requests, bool isVirtual) {
     Ledger &ledger = makeLedger(requests / (HONEST * TENTHS) * HONEST * TENTHS, isVirtual);
     const auto start = Clock::now();
     Worker worker([&] { return isVirtual ? playVirtually(ledger) : playOverSockets(ledger); });
@@ -217,11 +217,11 @@ bool play(std::uint64_t requests, bool isVirtual) {
 
 } // namespace
 
-bool overSockets(std::uint64_t requests) {
+bool overSockets(std::size_t requests) {
     return play(requests, false);
 }
 
-bool inVirtualTime(std::uint64_t requests) {
+bool inVirtualTime(std::size_t requests) {
     return play(requests, true);
 }
 

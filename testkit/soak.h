@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 
 namespace nelvo::testkit::soak {
 
@@ -13,7 +13,7 @@ namespace nelvo::testkit::soak {
 // Prints what came of it. True when each honest request was answered or overtaken as the
 // application says, once; when memory, blocks, descriptors, timers and handles are back where they
 // were after the first tenth whenever the hostile clients have gone; and at the start, in the end.
-bool overSockets(std::uint64_t requests);
-bool inVirtualTime(std::uint64_t requests);
+bool overSockets(std::size_t requests);
+bool inVirtualTime(std::size_t requests);
 
 } // namespace nelvo::testkit::soak

@@ -7,7 +7,7 @@
 
 namespace nelvo::testkit::soak {
 
-Ledger &makeLedger(std::uint64_t requests, bool isVirtual) {
+Ledger &makeLedger(std::size_t requests, bool isVirtual) {
     const std::size_t size = sizeof(Ledger) + requests * sizeof(Entry);
     void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)

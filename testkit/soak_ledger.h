@@ -29,7 +29,7 @@ struct Level {
 
 // What the processes of a soak share; in virtual time they are one. All zero at the start.
 struct Ledger {
-    std::uint64_t requests; // of the honest clients; request i is client i % HONEST's
+    std::size_t requests; // of the honest clients; request i is client i % HONEST's
     bool isVirtual;
     std::atomic<std::uint64_t> limit[HONEST]; // how many each of them may have sent by now
     std::atomic<std::uint64_t> done[HONEST];  // how many of them have met their fate
@@ -37,8 +37,8 @@ struct Ledger {
         stateRequest; // the pending one of client 0, which asks for the state
     std::atomic<std::uint64_t> timedOut, wrong;
     std::atomic<std::uint64_t> acts[HOSTILE];
-    std::atomic<long> watchMilliseconds; // 0: it has not answered yet
-    std::atomic<bool> calm;              // the hostile clients are to go,
+    std::atomic<std::int64_t> watchMilliseconds; // 0: it has not answered yet
+    std::atomic<bool> calm;                      // the hostile clients are to go,
     std::atomic<bool> gone[HOSTILE];
     std::atomic<bool> stop;
     std::atomic<int> asked, told; // for the level: it is as of question `told`
@@ -55,6 +55,6 @@ struct Ledger {
 };
 
 // In memory that child processes share.
-Ledger &makeLedger(std::uint64_t requests, bool isVirtual);
+Ledger &makeLedger(std::size_t requests, bool isVirtual);
 
 } // namespace nelvo::testkit::soak

@@ -11,7 +11,7 @@
 
 int main(int argc, char **argv) {
     using namespace nelvo::testkit::soak;
-    const std::uint64_t requests = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1000000;
+    const std::size_t requests = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 1000000;
     if (requests < 3000) {
         std::fprintf(stderr, "soak: a tenth of less than 3000 requests is no warm-up\n");
         return EXIT_FAILURE;

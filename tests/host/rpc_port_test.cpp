@@ -144,7 +144,8 @@ TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {
             sendText(server->callbackPort(), "early");
     };
     host_sim_advance(0);
-    for (const std::size_t size : {0UL, 1UL, 70'000UL, 200UL, limit, 262'135UL, 262'139UL, 3UL}) {
+    const std::size_t sizes[] = {0, 1, 70'000, 200, limit, 262'135, 262'139, 3};
+    for (const std::size_t size : sizes) {
         const std::string text(size, static_cast<char>('a' + size % 26));
         sent += text + " ";
         sendText(client->port(), text);

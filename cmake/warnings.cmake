@@ -2,7 +2,8 @@
 
 # What every target of ours is compiled with; called once per target.
 function(nelvo_target_defaults target)
-    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+        -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=) # what is built must not depend on where
     if(NELVO_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()

@@ -21,12 +21,19 @@ mkdir -p "$output"/rpm/{SOURCES,SPECS}
 git -C "$tree" archive --format=tar --prefix="nelvo-$version/" HEAD |
     gzip -n >"$output/rpm/SOURCES/nelvo-$version.tar.gz"
 cp "$spec" "$output/rpm/SPECS"
+# rpmbuild puts the name of its folder into what it builds, so that is always the same.
+top=/tmp/nelvo-rpmbuild
+ln -sn "$output/rpm" "$top" || {
+    echo "build.sh: another build uses $top; when there is none, remove it" >&2
+    exit 1
+}
+trap 'rm -f "$top"' EXIT
 # The packages that it asks for are not this system's; pkg-config finds what they would hold.
 "$tree/tests/sysroot.sh" "$output/deb" "$output/sysroot" rpmbuild -ba --nodeps \
-    --define "_topdir $output/rpm" --define '_buildhost reproducible' \
+    --define "_topdir $top" --define '_buildhost reproducible' \
     --define 'use_source_date_epoch_as_buildtime 1' --define 'clamp_mtime_to_source_date_epoch 1' \
     --define 'build_mtime_policy clamp_to_source_date_epoch' --define 'debug_package %{nil}' \
     --define 'manifest() %{nil}' \
-    "$output/rpm/SPECS/nelvo.spec" # the last: a line that only the platform's rpmbuild knows
+    "$top/SPECS/nelvo.spec" # the last: a line that only the platform's rpmbuild knows
 find "$output/rpm" -name '*.rpm' -exec mv {} "$output" \;
 rpmlint --config "$tree/packaging/rpmlint.toml" "$output"/rpm/SPECS/nelvo.spec

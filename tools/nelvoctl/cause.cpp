@@ -13,7 +13,7 @@ const CauseEntry ENTRIES[] = {
      "see its status_msg, and the application's log (NELVO_LOG=debug)"},
     {Cause::NO_CALLBACK, "no-callback", EXIT_CODE_FAILURE,
      "the application has registered no callback for this request",
-     "check the spelling of the action id, or register its callback in the application"},
+     "register its callback in the application, or check the spelling of the action id"},
     {Cause::APP_TIMEOUT, "app-timeout", EXIT_CODE_FAILURE,
      "the application's callback was called and reported no outcome within 30 s",
      "let the application call nelvo_complete_action_execution() or "

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <functional>
+
 #include "driven_application.h"
 
 #include "client_wire.h"
@@ -30,7 +32,10 @@ struct Recorder : ServiceBase {
     ~Recorder() override { note("destroyed"); }
 
     void OnCreate() override { note("created"); }
-    void OnTerminate() override { note("terminated"); }
+    void OnTerminate() override {
+        note("terminated");
+        onTerminate();
+    }
     int SetCB(std::unique_ptr<ResponseCB> callback) override {
         note("set " + callback->GetTag());
         kept = std::move(callback);
@@ -44,6 +49,7 @@ struct Recorder : ServiceBase {
     void note(const std::string &what) { _events.push_back(GetSender() + " " + what); }
 
     std::unique_ptr<ResponseCB> kept;
+    std::function<void()> onTerminate = [] {};
 
 private:
     std::vector<std::string> &_events;
@@ -93,6 +99,18 @@ TEST_F(MessageStubTest, RoutesEachConnectionToItsOwnService) {
     EXPECT_THAT(events, ElementsAre("client.a created", "client.b created", "client.a set 1::42",
                                     "client.b unset", "client.a terminated", "client.a destroyed",
                                     "client.b unset", "client.b terminated", "client.b destroyed"));
+}
+
+TEST_F(MessageStubTest, TerminatesAServiceOnceThoughItsClientLeavesMeanwhile) {
+    Client client;
+    ASSERT_TRUE(client.connect());
+    latest->onTerminate = [&] {
+        client.disconnect();
+        device.advance();
+    };
+    message.reset();
+    EXPECT_THAT(events, ElementsAre("demo.client created", "demo.client terminated",
+                                    "demo.client destroyed"));
 }
 
 TEST_F(MessageStubTest, DropsAClientWhoseParcelIsUnknown) {

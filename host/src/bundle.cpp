@@ -13,17 +13,16 @@ namespace {
 constexpr std::size_t LONGEST_SCAN = 16;
 constexpr std::size_t ROOM_SIZE = 512;
 
-// The entry comes from make(), which is called only when the key can be added.
-template <typename Make>
-int add(bundle *b, const char *key, Make make) {
+// addTo(entries, key) is called only when the key can be added.
+template <typename AddTo>
+int add(bundle *b, const char *key, AddTo addTo) {
     const std::string_view name = b != nullptr && key != nullptr ? key : "";
     if (name.empty() || name.size() >= MAX_SIZE)
         return BUNDLE_ERROR_INVALID_PARAMETER;
     if (b->entries->find(name) != nullptr)
         return BUNDLE_ERROR_KEY_EXISTS;
     try {
-        Entries &entries = b->own();
-        entries.add(make(entries, name));
+        addTo(b->own(), name);
         return BUNDLE_ERROR_NONE;
     } catch (...) {
         return BUNDLE_ERROR_OUT_OF_MEMORY;
@@ -45,18 +44,20 @@ int get(bundle *b, const char *key, int type, const keyval_t *&entry) {
 
 namespace {
 
-constexpr std::size_t aligned(std::size_t size) {
-    constexpr std::size_t ALIGNMENT = alignof(std::max_align_t);
-    return (size + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+char *aligned(void *place) {
+    constexpr std::uintptr_t ALIGNMENT = alignof(std::max_align_t);
+    const auto number = reinterpret_cast<std::uintptr_t>(place);
+    return static_cast<char *>(place) + (ALIGNMENT - number % ALIGNMENT) % ALIGNMENT;
 }
 
-constexpr std::size_t ROOM_START = aligned(sizeof(Entries) + sizeof(bundle));
-constexpr std::size_t HOME_SIZE = ROOM_START + ROOM_SIZE;
+// The entries, the bundle that they are made for, and its first copy.
+constexpr std::size_t HOME_SIZE = sizeof(Entries) + 2 * sizeof(bundle);
+
+bundle *bundleOf(Entries *entries) {
+    return reinterpret_cast<bundle *>(entries + 1);
+}
 
 } // namespace
-
-Entries::Entries(const Memory &home)
-    : _home(home), _room(home), _roomUsed(ROOM_START), _roomSize(HOME_SIZE) {}
 
 Entries::~Entries() {
     for (std::size_t i = 0; i < _count; i++)
@@ -65,30 +66,55 @@ Entries::~Entries() {
         ::operator delete(_entries);
 }
 
+Entries::User Entries::createAt(const Memory &home, char *start, char *end) {
+    return User(new (start) Entries(home, start + HOME_SIZE, end));
+}
+
 Entries::User Entries::create() {
-    const Memory home(HOME_SIZE);
-    return User(new (home.bytes()) Entries(home));
+    const Memory home(HOME_SIZE + ROOM_SIZE);
+    return createAt(home, home.bytes(), home.bytes() + home.size());
+}
+
+Entries::User Entries::createBehind(Bytes &bytes) {
+    char *const start = aligned(bytes.end());
+    char *const end = reinterpret_cast<char *>(bytes.data() + bytes.capacity());
+    if (end - start < static_cast<std::ptrdiff_t>(HOME_SIZE))
+        return create();
+    bytes.close();
+    return createAt(bytes.memory(), start, end);
 }
 
 Entries::User Entries::copy() const {
     User copy = create();
     copy->reserve(_count);
-    copy->_index = _index;
-    for (const keyval_t &entry : *this)
-        new (&copy->_entries[copy->_count++]) keyval_t(entry);
+    if (_index)
+        copy->_index = std::make_unique<Index>(*_index);
+    copy->_marks = _marks;
+    copy->setLimit();
+    for (const keyval_t &entry : *this) {
+        keyval_t *const to = new (&copy->_entries[copy->_count++]) keyval_t(entry);
+        if (!to->memory)
+            to->memory = _home;
+    }
     return copy;
 }
 
 void Entries::removeUser() {
     if (_users.fetch_sub(1, std::memory_order_acq_rel) > 1)
         return;
-    const Memory home = std::move(_home); // lasts until we are done here
+    const Memory home = _home; // lasts until we are done here
     this->~Entries();
 }
 
 bundle *Entries::makeBundle(User created) noexcept {
     Entries *const entries = created.get();
-    return new (entries + 1) bundle{std::move(created), entries->_home};
+    return new (bundleOf(entries)) bundle{std::move(created), entries->_home};
+}
+
+bundle *Entries::makeCopy() noexcept {
+    if (!_isCopied.exchange(true, std::memory_order_relaxed))
+        return new (bundleOf(this) + 1) bundle{addUser(), _home};
+    return new (std::nothrow) bundle{addUser(), {}};
 }
 
 void Entries::reserve(std::size_t count) {
@@ -103,37 +129,83 @@ void Entries::reserve(std::size_t count) {
         ::operator delete(_entries);
     _entries = to;
     _capacity = count;
+    setLimit();
 }
 
-// Its value is to be filled in.
-keyval_t Entries::makeEmpty(int type, std::string_view key, std::size_t size) {
-    const std::size_t needed = aligned(size + key.size() + 1);
-    if (needed > _roomSize - _roomUsed) {
-        const std::size_t roomSize = std::max(needed, ROOM_SIZE);
-        _room = Memory(roomSize);
-        _roomSize = roomSize;
-        _roomUsed = 0;
+void Entries::setLimit() {
+    _limit = std::min(_capacity, indexed() + LONGEST_SCAN);
+}
+
+void Entries::makeRoom() {
+    if (_count == _capacity)
+        reserve(2 * _count);
+    // An older entry, so that there is nothing to undo when no memory is left for the new one.
+    if (_count - indexed() == LONGEST_SCAN) {
+        if (!_index)
+            _index = std::make_unique<Index>();
+        _index->emplace(_entries[_index->size()].name(), _index->size());
     }
-    char *value = _room.bytes() + _roomUsed;
-    char *name = value + size;
-    name[key.copy(name, key.size())] = '\0';
-    _roomUsed += needed;
-    return {{name, key.size()}, type, static_cast<std::uint32_t>(size), value, _room};
+    setLimit();
 }
 
-keyval_t Entries::make(int type, std::string_view key, std::string_view value) {
-    keyval_t entry = makeEmpty(type, key, value.size());
-    value.copy(static_cast<char *>(entry.value), value.size());
-    return entry;
+// Where the next entry is to be made, which has this key. There must be room.
+inline void *Entries::next(std::string_view key) {
+    _marks |= markOf(key);
+    return &_entries[_count++];
 }
 
-keyval_t Entries::makeArray(std::string_view key, const std::vector<std::string_view> &texts) {
+// Its value is to be filled in. One that is too large for a room has memory of its own.
+keyval_t &Entries::addEmpty(int type, std::string_view key, std::size_t size) {
+    if (_count == _limit)
+        makeRoom();
+    const std::size_t needed = size + key.size() + 1;
+    char *value = type == BUNDLE_TYPE_STR ? _room : aligned(_room);
+    Memory memory;
+    if (value <= _roomEnd && needed <= static_cast<std::size_t>(_roomEnd - value)) {
+        _room = value + needed;
+        memory = _roomMemory;
+    } else {
+        memory = Memory(std::max(needed, ROOM_SIZE));
+        value = memory.bytes();
+        if (needed < ROOM_SIZE) {
+            _roomMemory = memory;
+            _room = value + needed;
+            _roomEnd = value + memory.size();
+        }
+    }
+    char *const name = value + size;
+    std::memcpy(name, key.data(), key.size());
+    name[key.size()] = '\0';
+    return *new (next(key)) keyval_t{name,
+                                     value,
+                                     static_cast<std::uint32_t>(key.size()),
+                                     static_cast<std::uint32_t>(size),
+                                     std::move(memory),
+                                     type};
+}
+
+void Entries::add(int type, std::string_view key, const void *value, std::size_t size) {
+    std::memcpy(addEmpty(type, key, size).value, value, size);
+}
+
+void Entries::addText(std::string_view key, std::string_view text, const Memory &memory) {
+    if (_count == _limit)
+        makeRoom();
+    new (next(key)) keyval_t{key.data(),
+                             const_cast<char *>(text.data()),
+                             static_cast<std::uint32_t>(key.size()),
+                             static_cast<std::uint32_t>(text.size() + 1),
+                             memory,
+                             BUNDLE_TYPE_STR};
+}
+
+void Entries::addArray(std::string_view key, const std::vector<std::string_view> &texts) {
     const std::size_t pointers = (texts.size() + 1) * sizeof(char *);
     std::size_t size = pointers;
     for (const std::string_view text : texts)
         size += text.size() + 1;
 
-    keyval_t entry = makeEmpty(BUNDLE_TYPE_STR_ARRAY, key, size);
+    keyval_t &entry = addEmpty(BUNDLE_TYPE_STR_ARRAY, key, size);
     entry.size = static_cast<std::uint32_t>(texts.size());
     char *to = static_cast<char *>(entry.value) + pointers;
     for (std::size_t i = 0; i < texts.size(); i++) {
@@ -142,38 +214,29 @@ keyval_t Entries::makeArray(std::string_view key, const std::vector<std::string_
         *to++ = '\0';
     }
     entry.texts()[texts.size()] = nullptr;
-    return entry;
 }
 
-const keyval_t *Entries::find(std::string_view key) const {
-    for (const keyval_t *entry = begin() + _index.size(); entry != end(); entry++) {
-        if (entry->key == key)
+const keyval_t *Entries::search(std::string_view key) const {
+    for (const keyval_t *entry = begin() + indexed(); entry != end(); entry++) {
+        if (entry->keySize == key.size() && std::memcmp(entry->key, key.data(), key.size()) == 0)
             return entry;
     }
-    if (_index.empty())
+    if (!_index)
         return nullptr;
-    const auto found = _index.find(key);
-    return found != _index.end() ? &_entries[found->second] : nullptr;
-}
-
-void Entries::add(keyval_t &&entry) {
-    if (_count == _capacity)
-        reserve(2 * _count);
-    // An older entry, so that there is nothing to undo when no memory is left for the new one.
-    if (_count - _index.size() == LONGEST_SCAN)
-        _index.emplace(_entries[_index.size()].key, _index.size());
-    new (&_entries[_count++]) keyval_t(std::move(entry));
+    const auto found = _index->find(key);
+    return found != _index->end() ? &_entries[found->second] : nullptr;
 }
 
 void Entries::remove(const keyval_t *entry) noexcept {
     const auto at = static_cast<std::size_t>(entry - _entries);
-    if (at < _index.size()) {
-        _index.erase(entry->key);
-        for (auto &[key, position] : _index)
+    if (at < indexed()) {
+        _index->erase(entry->name());
+        for (auto &[key, position] : *_index)
             position -= position > at ? 1 : 0;
     }
     std::move(_entries + at + 1, _entries + _count, _entries + at);
     _entries[--_count].~keyval_t();
+    setLimit();
 }
 
 } // namespace host
@@ -198,7 +261,7 @@ int bundle_free(bundle *b) {
 }
 
 bundle *bundle_dup(bundle *b_from) {
-    return b_from != nullptr ? new (std::nothrow) bundle{b_from->entries->addUser(), {}} : nullptr;
+    return b_from != nullptr ? b_from->entries->makeCopy() : nullptr;
 }
 
 int bundle_add_str(bundle *b, const char *key, const char *str) {
@@ -206,7 +269,7 @@ int bundle_add_str(bundle *b, const char *key, const char *str) {
     if (size == 0 || size > host::MAX_SIZE)
         return BUNDLE_ERROR_INVALID_PARAMETER;
     return host::add(b, key, [=](host::Entries &entries, std::string_view name) {
-        return entries.make(BUNDLE_TYPE_STR, name, {str, size});
+        entries.add(BUNDLE_TYPE_STR, name, str, size);
     });
 }
 
@@ -214,7 +277,7 @@ int bundle_add_byte(bundle *b, const char *key, const void *byte, const size_t s
     if (byte == nullptr || size == 0 || size > host::MAX_SIZE)
         return BUNDLE_ERROR_INVALID_PARAMETER;
     return host::add(b, key, [=](host::Entries &entries, std::string_view name) {
-        return entries.make(BUNDLE_TYPE_BYTE, name, {static_cast<const char *>(byte), size});
+        entries.add(BUNDLE_TYPE_BYTE, name, byte, size);
     });
 }
 
@@ -226,7 +289,7 @@ int bundle_add_str_array(bundle *b, const char *key, const char **str_array, con
             return BUNDLE_ERROR_INVALID_PARAMETER;
     }
     return host::add(b, key, [=](host::Entries &entries, std::string_view name) {
-        return entries.makeArray(name, {str_array, str_array + len});
+        entries.addArray(name, {str_array, str_array + len});
     });
 }
 
@@ -286,7 +349,7 @@ void bundle_foreach(bundle *b, bundle_iterator_t iter, void *user_data) {
         return;
     const auto entries = b->entries->addUser(); // what iter changes is a copy
     for (const keyval_t &entry : *entries)
-        iter(entry.key.data(), entry.type, &entry, user_data);
+        iter(entry.key, entry.type, &entry, user_data);
 }
 
 int bundle_keyval_get_type(bundle_keyval_t *kv) {

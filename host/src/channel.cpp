@@ -255,7 +255,7 @@ std::size_t Channel::extend(const std::uint8_t *bytes, std::size_t size) {
     } else if (_headerFilled == HEADER_BYTES) {
         const std::size_t part = std::min(_length - _frame.size(), size - used);
         const std::size_t filled = _frame.size() + part;
-        if (filled > _frame.capacity())
+        if (filled > _frame.capacity() || !_frame.memory())
             _frame.reserve(std::min(_length, filled * GROWTH));
         _frame.append(bytes + used, part);
         used += part;
@@ -403,10 +403,10 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
     if (!h || !channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     return host::guarded([&] {
-        auto parcel = std::make_unique<host::Parcel>();
-        const int result = channel->take(parcel->bytes);
+        host::Bytes payload;
+        const int result = channel->take(payload);
         if (result == RPC_PORT_ERROR_NONE)
-            *h = parcel.release();
+            *h = host::Parcel::make(std::move(payload)).release();
         return result;
     });
 }

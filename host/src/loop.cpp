@@ -16,6 +16,7 @@
 #include <host/sim.h>
 
 #include "log_tag.h"
+#include "memory.h"
 
 namespace host {
 
@@ -377,6 +378,7 @@ void ecore_main_fd_handler_active_set(Ecore_Fd_Handler *fd_handler, Ecore_Fd_Han
 }
 
 void host_sim_start(void) {
+    host::Memory::keepNone();
     Loop::instance().simulate();
 }
 

@@ -5,58 +5,119 @@ namespace host {
 
 namespace {
 
-constexpr std::size_t SMALLEST_KEPT = std::size_t{16} << 10;
+// Most of what a request needs is small and of one size, so that one block serves as well as
+// another.
+constexpr std::size_t USUAL_SIZE = std::size_t{1} << 10;
+constexpr std::size_t SMALLEST_LARGE = std::size_t{16} << 10;
 constexpr std::size_t LARGEST_KEPT = std::size_t{2} << 20;
-constexpr std::size_t KEPT_BLOCKS = 4;
+
+// Changes only before there are other threads.
+#ifdef HOST_KEEPS_NO_MEMORY
+bool keepsMemory = false;
+#else
+bool keepsMemory = true;
+#endif
 
 } // namespace
 
-// A large block goes back to the system with its pages, and to get them again takes longer than to
-// fill them. So each thread keeps the few that it has let go of last.
+// Each thread keeps a few blocks that it has let go of: one of the usual size costs less than an
+// allocation, and a large one goes back to the system with its pages, which to get again takes
+// longer than to fill them.
 struct Memory::Kept {
-    ~Kept() {
-        for (Block *const block : blocks)
-            ::operator delete(block);
-        isGone = true;
-    }
+    static constexpr std::size_t USUAL_BLOCKS = 8;
+    static constexpr std::size_t LARGE_BLOCKS = 4;
 
-    // Null: there is none that fits.
-    Block *take(std::size_t size) {
-        for (Block *&block : blocks) {
+    // These two give null where there is none.
+    Block *takeUsual() { return usualCount > 0 ? usual[--usualCount] : nullptr; }
+    Block *takeLarge(std::size_t size) {
+        for (Block *&block : large) {
             if (block != nullptr && block->size >= size && block->size / 2 <= size)
                 return std::exchange(block, nullptr);
         }
         return nullptr;
     }
+
+    // What is not kept comes back.
+    Block *putUsual(Block *block) {
+        if (usualCount == USUAL_BLOCKS)
+            return block;
+        usual[usualCount++] = block;
+        return nullptr;
+    }
     // In the place of the one that is there longest.
-    void put(Block *block) {
-        ::operator delete(std::exchange(blocks[next++ % KEPT_BLOCKS], block));
+    Block *putLarge(Block *block) { return std::exchange(large[nextLarge++ % LARGE_BLOCKS], block); }
+
+    void freeAll() {
+        while (Block *const block = takeUsual())
+            ::operator delete(block);
+        for (Block *&block : large)
+            ::operator delete(std::exchange(block, nullptr));
     }
 
-    Block *blocks[KEPT_BLOCKS] = {};
-    std::size_t next = 0;
-    bool isGone = false; // the thread is ending
+    Block *usual[USUAL_BLOCKS];
+    std::size_t usualCount;
+    Block *large[LARGE_BLOCKS];
+    std::size_t nextLarge;
+    enum { UNUSED, USED, ENDED } state; // of the thread
 };
 
-static thread_local Memory::Kept kept;
+namespace {
+
+// Without a constructor or destructor, so that its use costs nothing more.
+[[gnu::tls_model("initial-exec")]] thread_local Memory::Kept kept;
+
+struct ThreadEnd {
+    ~ThreadEnd() {
+        kept.state = Memory::Kept::ENDED;
+        kept.freeAll();
+    }
+    void await() {}
+};
+thread_local ThreadEnd threadEnd;
+
+} // namespace
 
 Memory::Memory(std::size_t size) {
-    const bool isLarge = size >= SMALLEST_KEPT && size <= LARGEST_KEPT;
-    _block = isLarge && !kept.isGone ? kept.take(size) : nullptr;
-    if (_block != nullptr) {
-        _block->owners.store(1, std::memory_order_relaxed);
-        return;
+    if (size <= USUAL_SIZE - sizeof(Block)) {
+        size = USUAL_SIZE - sizeof(Block);
+        _block = kept.takeUsual();
+    } else if (size >= SMALLEST_LARGE) {
+        _block = kept.takeLarge(size);
     }
-    if (size > PTRDIFF_MAX)
-        throw std::bad_alloc();
-    _block = new (::operator new(sizeof(Block) + size)) Block{{1}, size};
+    if (_block == nullptr) {
+        if (size > PTRDIFF_MAX)
+            throw std::bad_alloc();
+        _block = new (::operator new(sizeof(Block) + size)) Block{{1}, size};
+    }
+    _block->owners.store(1, std::memory_order_relaxed);
 }
 
 void Memory::free(Block *block) {
-    if (block->size >= SMALLEST_KEPT && block->size <= LARGEST_KEPT && !kept.isGone)
-        kept.put(block);
-    else
-        ::operator delete(block);
+    if (kept.state == Kept::UNUSED) {
+        threadEnd.await();
+        kept.state = Kept::USED;
+    }
+    const bool isUsual = block->size == USUAL_SIZE - sizeof(Block);
+    const bool isLarge = block->size >= SMALLEST_LARGE && block->size <= LARGEST_KEPT;
+    if (keepsMemory && kept.state == Kept::USED && (isUsual || isLarge))
+        block = isUsual ? kept.putUsual(block) : kept.putLarge(block);
+    ::operator delete(block);
+}
+
+void Memory::keepNone() {
+    keepsMemory = false;
+}
+
+void Bytes::reserve(std::size_t capacity) {
+    if (capacity <= _capacity && _memory)
+        return;
+    Memory grown(capacity <= PTRDIFF_MAX ? HEAD + capacity : capacity);
+    auto *const data = reinterpret_cast<std::uint8_t *>(grown.bytes()) + HEAD;
+    if (_size > 0)
+        std::memcpy(data, _data, _size);
+    _capacity = grown.size() - HEAD;
+    _memory = std::move(grown);
+    _data = data;
 }
 
 } // namespace host

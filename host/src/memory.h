@@ -34,6 +34,10 @@ public:
     explicit operator bool() const { return _block != nullptr; }
     // Only of memory that there is.
     char *bytes() const { return reinterpret_cast<char *>(_block + 1); }
+    std::size_t size() const { return _block->size; } // perhaps more than was asked for
+
+    // From now on each one is allocated anew and freed at once, for who watches or fails that.
+    static void keepNone();
 
     struct Kept;
 
@@ -51,41 +55,38 @@ private:
 // Bytes in a row that grow at their end. Others may share the memory and look at what is there.
 class Bytes {
 public:
+    // The memory begins with so much that is not used here: for an object that deals with the
+    // bytes and, right before them, for what is to be sent ahead of them.
+    static constexpr std::size_t FRONT = sizeof(std::uint32_t);
+    static constexpr std::size_t HEAD = 64 + 2 * sizeof(void *);
+
     Bytes() = default;
     Bytes(Bytes &&other) noexcept
-        : _memory(std::move(other._memory)), _size(std::exchange(other._size, 0)),
-          _capacity(std::exchange(other._capacity, 0)) {}
+        : _memory(std::move(other._memory)), _data(std::exchange(other._data, nullptr)),
+          _size(std::exchange(other._size, 0)), _capacity(std::exchange(other._capacity, 0)) {}
     Bytes &operator=(Bytes other) noexcept {
         std::swap(_memory, other._memory);
+        std::swap(_data, other._data);
         std::swap(_size, other._size);
         std::swap(_capacity, other._capacity);
         return *this;
     }
 
     const Memory &memory() const { return _memory; }
-    std::uint8_t *data() const {
-        return _capacity > 0 ? reinterpret_cast<std::uint8_t *>(_memory.bytes()) : nullptr;
-    }
-    std::uint8_t *end() const { return data() + _size; }
+    std::uint8_t *data() const { return _data; }
+    std::uint8_t *front() const { return _data - FRONT; } // only where there is memory
+    std::uint8_t *end() const { return _data + _size; }
     std::size_t size() const { return _size; }
     std::size_t capacity() const { return _capacity; }
 
     // These throw std::bad_alloc; nothing has changed then.
-    void reserve(std::size_t capacity) {
-        if (capacity <= _capacity)
-            return;
-        Memory grown(capacity);
-        if (_size > 0)
-            std::memcpy(grown.bytes(), _memory.bytes(), _size);
-        _memory = std::move(grown);
-        _capacity = capacity;
-    }
+    void reserve(std::size_t capacity);
     // Gives the place of the new bytes, which are to be filled in.
     std::uint8_t *extend(std::size_t size) {
         if (size > _capacity - _size)
             reserve(std::max(_size + size, 2 * _capacity));
         _size += size;
-        return data() + (_size - size);
+        return _data + (_size - size);
     }
     // Of what has been filled in; not more than the capacity.
     void setSize(std::size_t size) { _size = size; }
@@ -93,9 +94,12 @@ public:
         if (size > 0)
             std::memcpy(extend(size), bytes, size);
     }
+    // Leaves what is free behind the bytes to somebody else: they will not grow there any more.
+    void close() { _capacity = _size; }
 
 private:
     Memory _memory;
+    std::uint8_t *_data = nullptr;
     std::size_t _size = 0;
     std::size_t _capacity = 0;
 };

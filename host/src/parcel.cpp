@@ -36,40 +36,57 @@ constexpr std::size_t USUAL_SIZE = 512;
 constexpr std::size_t LARGE_SIZE = std::size_t{16}
                                    << 10; // copying less is faster than a piece more
 
-const Memory NONE; // for what does not stay where it is
+// The next bytes of an encoding, which has room for them.
+class Writer {
+public:
+    explicit Writer(std::uint8_t *at) : _at(at) {}
 
-template <typename Put>
-void encodeNumber(std::size_t value, Put &&put) {
-    const auto narrow = static_cast<std::uint32_t>(value);
-    put(NONE, &narrow, NUMBER);
-}
+    std::uint8_t *at() const { return _at; }
 
-template <typename Put>
-void encodeSized(const Memory &memory, const void *data, std::size_t size, Put &put) {
-    encodeNumber(size, put);
-    put(memory, data, size);
-}
-
-// Calls put(memory, data, size) for one piece after the other, so that what measures is what
-// writes.
-template <typename Put>
-void encodeBundle(const bundle &b, Put put) {
-    encodeNumber(b.entries->count(), put);
-    for (const keyval_t &entry : *b.entries) {
-        const bool isArray = entry.type == BUNDLE_TYPE_STR_ARRAY;
-        const EncodedType type = isArray                         ? ENCODED_STR_ARRAY
-                                 : entry.type == BUNDLE_TYPE_STR ? ENCODED_STR
-                                                                 : ENCODED_BYTE;
-        put(NONE, &type, sizeof type);
-        encodeSized(entry.memory, entry.key.data(), entry.key.size() + 1, put);
-        if (!isArray) {
-            encodeSized(entry.memory, entry.value, entry.size, put);
-            continue;
-        }
-        encodeNumber(entry.size, put);
-        for (std::size_t i = 0; i < entry.size; i++)
-            encodeSized(entry.memory, entry.texts()[i], std::strlen(entry.texts()[i]) + 1, put);
+    void put(const void *data, std::size_t size) {
+        std::memcpy(_at, data, size);
+        _at += size;
     }
+    void number(std::size_t value) {
+        const auto narrow = static_cast<std::uint32_t>(value);
+        put(&narrow, NUMBER);
+    }
+    void sized(const void *data, std::size_t size) {
+        number(size);
+        put(data, size);
+    }
+
+private:
+    std::uint8_t *_at;
+};
+
+// Large values that stay where they are need not be copied.
+bool isInsert(const keyval_t &entry) {
+    return entry.size >= LARGE_SIZE && entry.type != BUNDLE_TYPE_STR_ARRAY;
+}
+
+// Of one entry in a bundle.
+std::size_t encodedSize(const keyval_t &entry) {
+    std::size_t size = 1 + NUMBER + entry.keySize + 1 + NUMBER;
+    if (entry.type != BUNDLE_TYPE_STR_ARRAY)
+        return size + entry.size;
+    for (std::size_t i = 0; i < entry.size; i++)
+        size += NUMBER + std::strlen(entry.texts()[i]) + 1;
+    return size;
+}
+
+// All but the value of an insert, which comes last.
+void encode(const keyval_t &entry, Writer &writer) {
+    const std::uint8_t type = entry.type == BUNDLE_TYPE_STR    ? ENCODED_STR
+                              : entry.type == BUNDLE_TYPE_BYTE ? ENCODED_BYTE
+                                                               : ENCODED_STR_ARRAY;
+    writer.put(&type, sizeof type);
+    writer.sized(entry.key, entry.keySize + 1);
+    writer.number(entry.size);
+    if (type != ENCODED_STR_ARRAY && !isInsert(entry))
+        writer.put(entry.value, entry.size);
+    for (std::size_t i = 0; type == ENCODED_STR_ARRAY && i < entry.size; i++)
+        writer.sized(entry.texts()[i], std::strlen(entry.texts()[i]) + 1);
 }
 
 // Consumes bytes from the front. What is not wholly there, or not as required, breaks the reader:
@@ -121,53 +138,46 @@ private:
     bool _isBroken = false;
 };
 
-keyval_t decodeEntry(Reader &reader, Entries &entries, const Memory &memory) {
+// A text stays in the memory given.
+void decodeEntry(Reader &reader, Entries &entries, const Memory &memory) {
     const auto type = reader.value<std::uint8_t>();
     const std::string_view key = reader.text();
-    reader.require(!key.empty());
+    reader.require(!key.empty() && entries.find(key) == nullptr);
     if (type == ENCODED_STR) {
         const std::string_view text = reader.text();
-        const auto size = static_cast<std::uint32_t>(text.size() + 1);
-        return {key, BUNDLE_TYPE_STR, size, const_cast<char *>(text.data()), memory};
-    }
-    if (type == ENCODED_STR_ARRAY) {
+        if (!reader.isBroken())
+            entries.addText(key, text, memory);
+    } else if (type == ENCODED_STR_ARRAY) {
         std::vector<std::string_view> texts;
         for (auto count = reader.value<std::uint32_t>(); count > 0 && !reader.isBroken(); count--)
             texts.push_back(reader.text());
-        return entries.makeArray(key, texts);
+        if (!reader.isBroken())
+            entries.addArray(key, texts);
+    } else {
+        const std::string_view bytes = reader.sized();
+        if (reader.require(type == ENCODED_BYTE && !bytes.empty()))
+            entries.add(BUNDLE_TYPE_BYTE, key, bytes.data(), bytes.size());
     }
-    const std::string_view bytes = reader.sized();
-    reader.require(type == ENCODED_BYTE && !bytes.empty());
-    return entries.make(BUNDLE_TYPE_BYTE, key, bytes);
 }
 
 // Builds a bundle from bytes that a peer chose: nothing is believed before it has been checked, and
 // memory is reserved only for what the bytes that are there can hold. Texts stay where they are, in
-// the memory given, so that a bundle costs few allocations however many texts it has.
+// the parcel's memory, so that a bundle costs few allocations however many texts it has.
 //
 // Null, and the reader broken: malformed. Throws std::bad_alloc.
-bundle *decodeBundle(Reader &reader, const Memory &memory) {
+bundle *decodeBundle(Reader &reader, Parcel &parcel) {
     Reader inner(reader.sized());
-    Entries::User user = Entries::create();
+    Entries::User user = Entries::createBehind(parcel.bytes);
     Entries &entries = *user;
+    const bool isHome = entries.home().bytes() == parcel.bytes.memory().bytes();
+    const Memory memory = isHome ? Memory() : parcel.bytes.memory();
     const auto count = inner.value<std::uint32_t>();
     if (inner.require(count <= inner.left() / SMALLEST_ENTRY))
         entries.reserve(count);
-    for (std::uint32_t i = 0; i < count && !inner.isBroken(); i++) {
-        keyval_t entry = decodeEntry(inner, entries, memory);
-        if (inner.require(!inner.isBroken() && entries.find(entry.key) == nullptr))
-            entries.add(std::move(entry));
-    }
+    for (std::uint32_t i = 0; i < count && !inner.isBroken(); i++)
+        decodeEntry(inner, entries, memory);
     const bool isWhole = reader.require(!inner.isBroken() && inner.left() == 0);
     return isWhole ? Entries::makeBundle(std::move(user)) : nullptr;
-}
-
-// Room for so many bytes at the parcel's end, which grows in steps, so that many small writes stay
-// cheap. Throws std::bad_alloc.
-std::uint8_t *extend(Parcel &parcel, std::size_t size) {
-    if (parcel.bytes.capacity() == 0)
-        parcel.bytes.reserve(std::max(USUAL_SIZE, size));
-    return parcel.bytes.extend(size);
 }
 
 // For values that are always copied.
@@ -176,60 +186,53 @@ int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
     if (h == nullptr || size > NUMBER + MAX_SIZE)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
-        encode([to = extend(*static_cast<Parcel *>(h), size)](const Memory &, const void *data,
-                                                              std::size_t length) mutable {
-            std::memcpy(to, data, length);
-            to += length;
-        });
+        encode(Writer(static_cast<Parcel *>(h)->extend(size)));
         return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
 }
 
-// Large values that stay where they are need not be copied.
-bool isInsert(const Memory &memory, std::size_t size) {
-    return size >= LARGE_SIZE && memory;
-}
-
-int writeBundle(Parcel &parcel, const bundle &b) {
-    std::size_t size = 0, copied = NUMBER, inserts = 0;
-    encodeBundle(b, [&](const Memory &memory, const void *, std::size_t length) {
-        size += length;
-        isInsert(memory, length) ? inserts++ : copied += length;
-    });
+int writeBundle(Parcel &parcel, const Entries &entries) {
+    std::size_t size = NUMBER, inserted = 0, inserts = 0;
+    for (const keyval_t &entry : entries) {
+        size += encodedSize(entry);
+        if (isInsert(entry)) {
+            inserted += entry.size;
+            inserts++;
+        }
+    }
     if (size > MAX_SIZE)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     std::uint8_t *to = nullptr;
     try {
         if (inserts > 0)
             parcel.inserts.reserve(parcel.inserts.size() + inserts);
-        to = extend(parcel, copied);
+        to = parcel.extend(NUMBER + size - inserted);
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
-    const auto put = [&](const Memory &memory, const void *data, std::size_t length) {
-        if (isInsert(memory, length)) {
-            const auto position = static_cast<std::size_t>(to - parcel.bytes.data());
-            parcel.inserts.push_back({position, {memory, data, length}});
-        } else {
-            std::memcpy(to, data, length);
-            to += length;
+    Writer writer(to);
+    writer.number(size);
+    writer.number(entries.count());
+    for (const keyval_t &entry : entries) {
+        encode(entry, writer);
+        if (isInsert(entry)) {
+            const auto position = static_cast<std::size_t>(writer.at() - parcel.bytes.data());
+            const Memory &memory = entry.memory ? entry.memory : entries.home();
+            parcel.inserts.push_back({position, {memory, entry.value, entry.size}});
         }
-    };
-    encodeNumber(size, put);
-    encodeBundle(b, put);
+    }
     return RPC_PORT_ERROR_NONE;
 }
 
 // What is read has to be in one piece.
 void flatten(Parcel &parcel) {
-    if (parcel.inserts.empty())
-        return;
     Bytes whole;
     whole.reserve(parcel.size());
     parcel.forEachPiece(
         [&](const Memory &, const void *data, std::size_t size) { whole.append(data, size); });
+    parcel.keepHome();
     parcel.bytes = std::move(whole);
     parcel.inserts.clear();
 }
@@ -240,7 +243,8 @@ int read(rpc_port_parcel_h h, Value *out, Decode decode) {
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     auto &parcel = *static_cast<Parcel *>(h);
     try {
-        flatten(parcel);
+        if (!parcel.inserts.empty())
+            flatten(parcel);
         const std::string_view all(reinterpret_cast<char *>(parcel.bytes.data()),
                                    parcel.bytes.size());
         Reader reader(all.substr(parcel.readPosition));
@@ -257,13 +261,26 @@ int read(rpc_port_parcel_h h, Value *out, Decode decode) {
 
 } // namespace
 
+Parcel::Made Parcel::make(Bytes &&bytes) noexcept {
+    auto *const parcel = new (bytes.memory().bytes()) Parcel;
+    parcel->bytes = std::move(bytes);
+    return Made(parcel);
+}
+
+void Parcel::destroy(Parcel *made) noexcept {
+    const Memory home = made->home ? made->home : made->bytes.memory(); // lasts until we are done
+    made->~Parcel();
+}
+
 } // namespace host
 
 int rpc_port_parcel_create(rpc_port_parcel_h *h) {
     if (h == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
-        *h = new host::Parcel;
+        host::Bytes bytes;
+        bytes.reserve(host::USUAL_SIZE);
+        *h = host::Parcel::make(std::move(bytes)).release();
         return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
@@ -271,17 +288,20 @@ int rpc_port_parcel_create(rpc_port_parcel_h *h) {
 }
 
 int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
-    delete static_cast<host::Parcel *>(h);
-    return h != nullptr ? RPC_PORT_ERROR_NONE : RPC_PORT_ERROR_INVALID_PARAMETER;
+    if (h == nullptr)
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
+    host::Parcel::destroy(static_cast<host::Parcel *>(h));
+    return RPC_PORT_ERROR_NONE;
 }
 
 int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i) {
-    return host::write(h, sizeof i, [=](auto put) { put(host::NONE, &i, sizeof i); });
+    return host::write(h, sizeof i, [=](host::Writer writer) { writer.put(&i, sizeof i); });
 }
 
 int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b) {
     const std::uint8_t byte = b ? 1 : 0;
-    return host::write(h, sizeof byte, [=](auto put) { put(host::NONE, &byte, sizeof byte); });
+    return host::write(h, sizeof byte,
+                       [=](host::Writer writer) { writer.put(&byte, sizeof byte); });
 }
 
 int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
@@ -289,13 +309,13 @@ int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::size_t size = std::strlen(str) + 1;
     return host::write(h, host::NUMBER + size,
-                       [=](auto put) { host::encodeSized(host::NONE, str, size, put); });
+                       [=](host::Writer writer) { writer.sized(str, size); });
 }
 
 int rpc_port_parcel_write_bundle(rpc_port_parcel_h h, bundle *b) {
     if (h == nullptr || b == nullptr)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    return host::writeBundle(*static_cast<host::Parcel *>(h), *b);
+    return host::writeBundle(*static_cast<host::Parcel *>(h), *b->entries);
 }
 
 int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i) {
@@ -322,6 +342,6 @@ int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str) {
 
 int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b) {
     return host::read(h, b, [h](host::Reader &reader) {
-        return host::decodeBundle(reader, static_cast<host::Parcel *>(h)->bytes.memory());
+        return host::decodeBundle(reader, *static_cast<host::Parcel *>(h));
     });
 }

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "memory.h"
@@ -21,6 +23,15 @@ struct Piece {
 // Values stand one after the other, without tags or padding, in the machine's own byte order. Large
 // ones are not copied: they belong between the other bytes.
 struct Parcel {
+    struct Destroy {
+        void operator()(Parcel *parcel) const { destroy(parcel); }
+    };
+    // At the head of the memory that its bytes have, so that it costs no allocation of its own.
+    using Made = std::unique_ptr<Parcel, Destroy>;
+
+    static Made make(Bytes &&bytes) noexcept; // which must have memory
+    static void destroy(Parcel *made) noexcept;
+
     struct Insert {
         std::size_t position; // in bytes: it comes before the byte that is there
         Piece piece;
@@ -45,9 +56,24 @@ struct Parcel {
         return size;
     }
 
+    // Throws std::bad_alloc; nothing has changed then.
+    std::uint8_t *extend(std::size_t size) {
+        if (size > bytes.capacity() - bytes.size())
+            keepHome();
+        return bytes.extend(size);
+    }
+    // Before the bytes move to other memory.
+    void keepHome() {
+        if (!home)
+            home = bytes.memory();
+    }
+
+    Memory home; // where it was made; none: where the bytes are
     Bytes bytes;
     std::vector<Insert> inserts;
     std::size_t readPosition = 0;
 };
+
+static_assert(sizeof(Parcel) <= Bytes::HEAD - Bytes::FRONT);
 
 } // namespace host

@@ -12,7 +12,8 @@ extern "C" {
 /**
  * Turns the process into a simulated device, for tests: time stands still until host_sim_advance()
  * moves it, clients connect to applications inside the same process (no runtime directory, no
- * socket in the file system), and events come in the same order in every run.
+ * socket in the file system), events come in the same order in every run, and memory is allocated
+ * and freed each time instead of being kept for the next use.
  *
  * Call it before any other function of the platform; there is no way back.
  */

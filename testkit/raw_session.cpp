@@ -161,7 +161,17 @@ bool Replay::isAnswered() {
 
 } // namespace nelvo::testkit
 
-// Stands before the C library's own, so that it sees what the platform sends.
+// These two stand before the C library's own, so that they see what the platform sends.
+extern "C" TESTKIT_API ssize_t send(int fd, const void *bytes, std::size_t size, int flags) {
+    using Send = ssize_t (*)(int, const void *, std::size_t, int);
+    static const auto real = reinterpret_cast<Send>(dlsym(RTLD_NEXT, "send"));
+    const ssize_t sent = real(fd, bytes, size, flags);
+    if (nelvo::testkit::recorder && sent > 0)
+        nelvo::testkit::recorder->add(
+            fd, {static_cast<const char *>(bytes), static_cast<std::size_t>(sent)});
+    return sent;
+}
+
 extern "C" TESTKIT_API ssize_t sendmsg(int fd, const msghdr *message, int flags) {
     using Send = ssize_t (*)(int, const msghdr *, int);
     static const auto real = reinterpret_cast<Send>(dlsym(RTLD_NEXT, "sendmsg"));

@@ -209,9 +209,10 @@ bool Channel::receive() {
     const std::size_t headerRoom = room > 0 ? HEADER_BYTES - _headerFilled : 0;
     iovec parts[] = {{header, headerRoom}, {_frame.end(), room}, {buffer, sizeof(buffer)}};
     msghdr message{};
-    message.msg_iov = room > 0 ? parts : parts + 2;
-    message.msg_iovlen = room > 0 ? 3 : 1;
-    const ssize_t result = recvmsg(_socket.get(), &message, MSG_DONTWAIT);
+    message.msg_iov = parts;
+    message.msg_iovlen = 3;
+    const ssize_t result = room > 0 ? recvmsg(_socket.get(), &message, MSG_DONTWAIT)
+                                    : recv(_socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
     if (result < 0)
         return isTemporary(errno);
     const auto count = static_cast<std::size_t>(result);
@@ -248,6 +249,10 @@ void Channel::takeBuffered(const std::uint8_t *bytes, std::size_t size) {
 // all of them unless the frame is whole.
 std::size_t Channel::extend(const std::uint8_t *bytes, std::size_t size) {
     std::size_t used = 0;
+    if (_headerFilled == 0 && size >= HEADER_BYTES) {
+        _length = bytes[0] | bytes[1] << 8 | bytes[2] << 16 | std::size_t{bytes[3]} << 24;
+        _headerFilled = used = HEADER_BYTES;
+    }
     while (_headerFilled < HEADER_BYTES && used < size)
         _length |= std::size_t{bytes[used++]} << (8 * _headerFilled++);
     if (_length > _frameLimit) {
@@ -327,16 +332,9 @@ int Channel::send(const Parcel &parcel) {
     std::uint8_t header[HEADER_BYTES];
     for (std::size_t i = 0; i < HEADER_BYTES; ++i)
         header[i] = static_cast<std::uint8_t>(size >> (8 * i));
-    iovec parts[SendQueue::MAX_PARTS]; // more go into the queue
-    parts[0] = {header, sizeof(header)};
-    std::size_t count = 1;
-    parcel.forEachPiece([&](const Memory &, const void *data, std::size_t length) {
-        if (count < SendQueue::MAX_PARTS)
-            parts[count++] = {const_cast<void *>(data), length};
-    });
     // Behind a queue nothing is sent directly: frames keep their order.
     std::size_t sent = 0;
-    if (_queue.isEmpty() && !transmit(parts, count, sent))
+    if (_queue.isEmpty() && !transmit(parcel, header, sent))
         return RPC_PORT_ERROR_IO_ERROR;
     return sent < sizeof(header) + size ? enqueue(header, parcel, sent) : RPC_PORT_ERROR_NONE;
 }
@@ -352,11 +350,34 @@ void Channel::desert() {
     watch();
 }
 
+// In one piece if it is one: what takes several costs the system more.
+bool Channel::transmit(const Parcel &parcel, const std::uint8_t *header, std::size_t &sent) {
+    const Bytes &bytes = parcel.bytes;
+    if (parcel.inserts.empty() && bytes.memory()) {
+        std::memcpy(bytes.front(), header, HEADER_BYTES);
+        return note(::send(_socket.get(), bytes.front(), HEADER_BYTES + bytes.size(),
+                           MSG_NOSIGNAL | MSG_DONTWAIT),
+                    sent);
+    }
+    iovec parts[SendQueue::MAX_PARTS]; // more go into the queue
+    parts[0] = {const_cast<std::uint8_t *>(header), HEADER_BYTES};
+    std::size_t count = 1;
+    parcel.forEachPiece([&](const Memory &, const void *data, std::size_t length) {
+        if (count < SendQueue::MAX_PARTS)
+            parts[count++] = {const_cast<void *>(data), length};
+    });
+    return transmit(parts, count, sent);
+}
+
 bool Channel::transmit(iovec *parts, std::size_t count, std::size_t &sent) {
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
-    const ssize_t result = sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    return note(sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT), sent);
+}
+
+// What has become of a transmission. False: nothing can be sent any more.
+bool Channel::note(ssize_t result, std::size_t &sent) {
     if (result < 0 && !isTemporary(errno)) {
         desert();
         return false;

@@ -106,7 +106,9 @@ private:
     bool pollOnce(std::int64_t deadline);
 
     void desert();
+    bool transmit(const Parcel &parcel, const std::uint8_t *header, std::size_t &sent);
     bool transmit(iovec *parts, std::size_t count, std::size_t &sent);
+    bool note(ssize_t result, std::size_t &sent);
     int enqueue(const void *header, const Parcel &parcel, std::size_t sent);
     void flush();
 

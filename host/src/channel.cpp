@@ -60,9 +60,9 @@ std::shared_ptr<Channel> Channel::open(UniqueFd socket, std::size_t frameLimit,
     return channel;
 }
 
-std::shared_ptr<Channel> Channel::find(rpc_port_h port) {
+Channel *Channel::find(rpc_port_h port) {
     Channel *const *const channel = Ports::instance().find(port);
-    return channel ? (*channel)->shared_from_this() : nullptr;
+    return channel ? *channel : nullptr;
 }
 
 Channel::~Channel() {
@@ -420,7 +420,7 @@ void Channel::flush() {
 } // namespace host
 
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
-    const auto channel = host::Channel::find(port);
+    host::Channel *const channel = host::Channel::find(port);
     if (!h || !channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     return host::guarded([&] {
@@ -433,7 +433,7 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
 }
 
 int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
-    const auto channel = host::Channel::find(port);
+    host::Channel *const channel = host::Channel::find(port);
     if (!h || !channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     return channel->send(*static_cast<host::Parcel *>(h));

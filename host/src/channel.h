@@ -51,7 +51,7 @@ public:
     static std::shared_ptr<Channel> open(UniqueFd socket, std::size_t frameLimit,
                                          std::weak_ptr<ChannelOwner> owner);
     // Null for a handle of no channel.
-    static std::shared_ptr<Channel> find(rpc_port_h port);
+    static Channel *find(rpc_port_h port);
 
     explicit Channel(UniqueFd socket) : _socket(std::move(socket)) {}
     Channel(const Channel &) = delete;

@@ -341,11 +341,10 @@ int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const c
                            rpc_port_h *port) {
     const bool valid =
         instance && port && (type == RPC_PORT_PORT_MAIN || type == RPC_PORT_PORT_CALLBACK);
-    return host::guarded<Stub>(h, valid, [&](Stub &stub) -> int {
-        host::Connection *const connection = stub.find(instance);
-        if (!connection)
-            return RPC_PORT_ERROR_INVALID_PARAMETER;
-        *port = connection->channel(type).port();
-        return RPC_PORT_ERROR_NONE;
-    });
+    const auto *const stub = Stubs::instance().find(h);
+    host::Connection *const connection = stub && valid ? (*stub)->find(instance) : nullptr;
+    if (!connection)
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
+    *port = connection->channel(type).port();
+    return RPC_PORT_ERROR_NONE;
 }

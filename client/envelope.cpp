@@ -2,6 +2,7 @@
 #include "envelope.h"
 
 #include <cstring>
+#include <utility>
 
 namespace nelvo::client {
 
@@ -33,7 +34,7 @@ void takeEntry(const char *key, const int type, const bundle_keyval_t *kv, void 
 
     std::uint64_t requestId = 0;
     if (type == BUNDLE_TYPE_STR) {
-        response.fields[key].assign(static_cast<const char *>(value), size - 1);
+        response.fields[key] = {static_cast<const char *>(value), size - 1};
     } else if (std::strcmp(key, KEY_REQUEST_ID) == 0 && size == sizeof requestId) {
         std::memcpy(&requestId, value, sizeof requestId);
         response.requestId = requestId;
@@ -54,18 +55,19 @@ BundlePtr makeRequest(const Request &request) {
     return made;
 }
 
-std::string Response::field(const std::string &key) const {
-    auto found = fields.find(key);
-    return found == fields.end() ? std::string() : found->second;
+std::string Response::field(std::string_view key) const {
+    const auto found = fields.find(key);
+    return std::string(found == fields.end() ? "" : found->second);
 }
 
 bool Response::succeeded() const {
     return field(KEY_STATUS_CODE) == STATUS_SUCCESS;
 }
 
-Response readResponse(bundle *response) {
+Response readResponse(BundlePtr content) {
     Response read;
-    bundle_foreach(response, takeEntry, &read);
+    read.content = std::move(content);
+    bundle_foreach(read.content.get(), takeEntry, &read);
     return read;
 }
 

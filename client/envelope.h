@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <bundle.h>
 
@@ -32,16 +34,18 @@ struct Request {
 // The request as it is sent; null when there was no memory for it.
 BundlePtr makeRequest(const Request &request);
 
+// Copies are cheap: they share the bundle.
 struct Response {
-    std::map<std::string, std::string> fields;
+    std::shared_ptr<bundle> content;
+    std::map<std::string, std::string_view, std::less<>> fields; // the texts stay the content's
     std::optional<std::uint64_t> requestId; // empty: absent, or not 8 bytes
 
     // The text under key, or "" when there is none.
-    std::string field(const std::string &key) const;
+    std::string field(std::string_view key) const;
     bool succeeded() const;
 };
 
-// Takes what a response may hold, its texts and its request id, and leaves out anything else.
-Response readResponse(bundle *response);
+// Shows what a response may hold, its texts and its request id, and leaves out anything else.
+Response readResponse(BundlePtr content);
 
 } // namespace nelvo::client

@@ -74,7 +74,7 @@ const char *readAnswer(rpc_port_parcel_h parcel, Answer &answer) {
         return "it has no response";
     BundlePtr responseOwner(response);
     answer.sender = sender;
-    answer.response = readResponse(response);
+    answer.response = readResponse(std::move(responseOwner));
     return nullptr;
 }
 

@@ -56,7 +56,8 @@ bool Client::connect() {
     proxy.events.rejected = [this] { _wire->connected = false; };
     proxy.events.disconnected = [this] { _wire->connected = false; };
     proxy.events.answered = [this](const client::Answer &answer) {
-        answers.push_back({answer.sender, answer.response.fields, answer.response.requestId});
+        const auto &[content, fields, requestId] = answer.response;
+        answers.push_back({answer.sender, Fields(fields.begin(), fields.end()), requestId});
     };
     if (proxy.connect(simulatedAppId()) != RPC_PORT_ERROR_NONE)
         return false;

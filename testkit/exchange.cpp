@@ -136,7 +136,7 @@ void Exchange::finish() {
         const int number = *readInt(parcel);
         readBool(parcel);
         require(readText(parcel) == "demo.app", "the sender of an answer");
-        const auto response = client::readResponse(readBundle(parcel).get());
+        const auto response = client::readResponse(readBundle(parcel));
         const std::string got = described(number, *response.requestId, response.succeeded());
         require(got == _wanted[i], got + ", not " + _wanted[i]);
     }

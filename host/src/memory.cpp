@@ -11,12 +11,21 @@ constexpr std::size_t USUAL_SIZE = std::size_t{1} << 10;
 constexpr std::size_t SMALLEST_LARGE = std::size_t{16} << 10;
 constexpr std::size_t LARGEST_KEPT = std::size_t{2} << 20;
 
+// Left free before and behind a large block. A neighbour may have the same contents, as a text has
+// that is copied; if both begin at about the same place of a page, some processors copy at a
+// twentieth of their speed.
+constexpr std::size_t MARGIN = 256;
+
 // Changes only before there are other threads.
 #ifdef HOST_KEEPS_NO_MEMORY
 bool keepsMemory = false;
 #else
 bool keepsMemory = true;
 #endif
+
+constexpr std::size_t marginOf(std::size_t size) {
+    return size >= SMALLEST_LARGE ? MARGIN : 0;
+}
 
 } // namespace
 
@@ -49,9 +58,9 @@ struct Memory::Kept {
 
     void freeAll() {
         while (Block *const block = takeUsual())
-            ::operator delete(block);
+            giveBack(block);
         for (Block *&block : large)
-            ::operator delete(std::exchange(block, nullptr));
+            giveBack(std::exchange(block, nullptr));
     }
 
     Block *usual[USUAL_BLOCKS];
@@ -87,7 +96,9 @@ Memory::Memory(std::size_t size) {
     if (_block == nullptr) {
         if (size > PTRDIFF_MAX)
             throw std::bad_alloc();
-        _block = new (::operator new(sizeof(Block) + size)) Block{{1}, size};
+        const std::size_t margin = marginOf(size);
+        auto *const start = static_cast<char *>(::operator new(margin + sizeof(Block) + size + margin));
+        _block = new (start + margin) Block{{1}, size};
     }
     _block->owners.store(1, std::memory_order_relaxed);
 }
@@ -101,7 +112,12 @@ void Memory::free(Block *block) {
     const bool isLarge = block->size >= SMALLEST_LARGE && block->size <= LARGEST_KEPT;
     if (keepsMemory && kept.state == Kept::USED && (isUsual || isLarge))
         block = isUsual ? kept.putUsual(block) : kept.putLarge(block);
-    ::operator delete(block);
+    giveBack(block);
+}
+
+void Memory::giveBack(Block *block) {
+    if (block != nullptr)
+        ::operator delete(reinterpret_cast<char *>(block) - marginOf(block->size));
 }
 
 void Memory::keepNone() {

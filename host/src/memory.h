@@ -48,6 +48,7 @@ private:
     };
 
     static void free(Block *block);
+    static void giveBack(Block *block);
 
     Block *_block = nullptr;
 };

@@ -53,8 +53,9 @@ std::shared_ptr<Channel> Channel::open(UniqueFd socket, std::size_t frameLimit,
     channel->_frameLimit = frameLimit;
     channel->_owner = std::move(owner);
     channel->_port = Ports::instance().add(channel.get());
-    channel->_handler = Loop::instance().addHandler(channel->_socket.get(), ECORE_FD_READ,
-                                                    onReadyCb, channel.get(), nullptr, nullptr);
+    channel->_handler = Loop::instance().addHandler(channel->_socket.get(),
+                                                    ECORE_FD_READ | Loop::ON_CHANGE, onReadyCb,
+                                                    channel.get(), nullptr, nullptr);
     if (!channel->_handler)
         throw std::bad_alloc();
     return channel;
@@ -92,7 +93,7 @@ void Channel::drain() {
 void Channel::watch() {
     const unsigned flags = (isReading() ? unsigned{ECORE_FD_READ} : 0U) |
                            (_queue.isEmpty() ? 0U : unsigned{ECORE_FD_WRITE});
-    Loop::instance().setFlags(_handler, flags);
+    Loop::instance().setFlags(_handler, flags | Loop::ON_CHANGE);
 }
 
 void Channel::wantTurn() {
@@ -177,7 +178,12 @@ bool Channel::fill(bool readable) {
             consume(_ahead, _aheadStart,
                     extend(_ahead.data() + _aheadStart, _ahead.size() - _aheadStart));
         }
-        return !_failed && (isWhole() || !readable || receive());
+        if (_failed || !readable)
+            return !_failed;
+        if (!isWhole())
+            return receive();
+        Loop::instance().again(_handler); // it is still readable
+        return true;
     } catch (const std::bad_alloc &) {
         fail(OUT_OF_MEMORY);
         return false;
@@ -213,9 +219,11 @@ bool Channel::receive() {
     message.msg_iovlen = 3;
     const ssize_t result = room > 0 ? recvmsg(_socket.get(), &message, MSG_DONTWAIT)
                                     : recv(_socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+    const auto count = result < 0 ? 0 : static_cast<std::size_t>(result);
+    if (count == headerRoom + room + sizeof(buffer) || (result < 0 && errno == EINTR))
+        Loop::instance().again(_handler); // there may be more
     if (result < 0)
         return isTemporary(errno);
-    const auto count = static_cast<std::size_t>(result);
     if (count == 0 && hasBegun()) {
         fail("its last frame is incomplete");
     } else if (count > 0 && _frameLimit == 0) {
@@ -414,6 +422,8 @@ void Channel::flush() {
     if (!_queue.isEmpty() && transmit(parts, _queue.front(parts), sent)) {
         _queue.consume(sent);
         watch();
+        if (!_queue.isEmpty())
+            Loop::instance().again(_handler);
     }
 }
 

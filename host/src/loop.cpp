@@ -37,16 +37,21 @@ double toSeconds(std::int64_t nanoseconds) {
     return static_cast<double>(nanoseconds) / static_cast<double>(NANOSECONDS);
 }
 
+constexpr std::uint32_t ENDED = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+
 std::uint32_t toEpoll(unsigned flags) {
-    return ((flags & ECORE_FD_READ) ? std::uint32_t{EPOLLIN} : 0) |
-           ((flags & ECORE_FD_WRITE) ? std::uint32_t{EPOLLOUT} : 0);
+    const std::uint32_t reading =
+        (flags & Loop::ON_CHANGE) ? EPOLLIN | EPOLLRDHUP : std::uint32_t{EPOLLIN};
+    return ((flags & ECORE_FD_READ) ? reading : 0) |
+           ((flags & ECORE_FD_WRITE) ? std::uint32_t{EPOLLOUT} : 0) |
+           ((flags & Loop::ON_CHANGE) ? std::uint32_t{EPOLLET} : 0);
 }
 
 // A failed descriptor counts as ready for whatever it is watched for: only a read or write shows
 // it.
 unsigned fromEpoll(std::uint32_t events, unsigned watched) {
     if (events & (EPOLLERR | EPOLLHUP))
-        return watched | ECORE_FD_ERROR;
+        return (watched & ~Loop::ON_CHANGE) | ECORE_FD_ERROR;
     return ((events & EPOLLIN) ? unsigned{ECORE_FD_READ} : 0U) |
            ((events & EPOLLOUT) ? unsigned{ECORE_FD_WRITE} : 0U);
 }
@@ -265,6 +270,12 @@ void Loop::setFlags(void *handle, unsigned flags) {
     }
 }
 
+void Loop::again(void *handle) {
+    const Handler *const handler = _handlers.find(handle);
+    if (handler && (handler->flags & ON_CHANGE))
+        control(EPOLL_CTL_MOD, handle);
+}
+
 bool Loop::control(int operation, void *handle) {
     const Handler &handler = *_handlers.find(handle);
     epoll_event event{};
@@ -300,8 +311,12 @@ bool Loop::deliverReady(int timeout) {
     const int count = epoll_wait(_poll.get(), events, EVENTS_PER_ROUND, timeout);
     // A nested round has delivered what is left here, and perhaps read it: the next one asks again.
     const std::uint64_t poll = ++_polls;
-    for (int i = 0; i < count && poll == _polls; ++i)
-        callHandler(events[i].data.ptr, events[i].events);
+    for (int i = 0; i < count; ++i) {
+        if (poll == _polls)
+            callHandler(events[i].data.ptr, events[i].events);
+        else
+            again(events[i].data.ptr);
+    }
     return count > 0;
 }
 
@@ -310,6 +325,8 @@ void Loop::callHandler(void *handle, std::uint32_t events) {
     Handler *const handler = _handlers.find(handle);
     if (!handler)
         return;
+    if (events & ENDED)
+        again(handle);
     const unsigned outer = handler->active; // of the call that runs this round from inside
     handler->active = fromEpoll(events, handler->flags);
     const Eina_Bool answer = handler->func(handler->data, static_cast<Ecore_Fd_Handler *>(handle));

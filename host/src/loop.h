@@ -45,6 +45,11 @@ public:
     void *deleteTimer(void *timer);
     int countTimers() const { return _countedTimers; }
 
+    // Beside the flags of Ecore.h: the handler is not called as long as the descriptor is ready but
+    // when something has changed there, which costs the system less. It must call again() when it
+    // has left something to be done. Of a descriptor that has ended it is reminded all the same.
+    static constexpr unsigned ON_CHANGE = 1U << 8;
+
     // Null as above, and when the system cannot watch the descriptor.
     void *addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Ecore_Fd_Cb bufFunc,
                      void *bufData);
@@ -52,6 +57,8 @@ public:
     // What the handler is being called for; 0 outside its callback.
     unsigned active(void *handler);
     void setFlags(void *handler, unsigned flags);
+    // As if it had just become ready, if it is.
+    void again(void *handler);
 
 private:
     struct Timer {

@@ -422,8 +422,6 @@ void Channel::flush() {
     if (!_queue.isEmpty() && transmit(parts, _queue.front(parts), sent)) {
         _queue.consume(sent);
         watch();
-        if (!_queue.isEmpty())
-            Loop::instance().again(_handler);
     }
 }
 

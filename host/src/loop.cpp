@@ -25,7 +25,6 @@ namespace {
 constexpr std::int64_t NANOSECONDS = 1'000'000'000;
 constexpr std::int64_t FOREVER = std::int64_t{1} << 61; // 73 years: two of them can be added
 constexpr std::int64_t MIN_RENEWAL = 1'000;
-constexpr int EVENTS_PER_ROUND = 64;
 
 std::int64_t toNanoseconds(double seconds) {
     const double limit = static_cast<double>(FOREVER / NANOSECONDS);
@@ -307,17 +306,17 @@ bool Loop::deliverBuffered() {
 bool Loop::deliverReady(int timeout) {
     if (!openPoll())
         return false;
-    epoll_event events[EVENTS_PER_ROUND];
-    const int count = epoll_wait(_poll.get(), events, EVENTS_PER_ROUND, timeout);
-    // A nested round has delivered what is left here, and perhaps read it: the next one asks again.
-    const std::uint64_t poll = ++_polls;
-    for (int i = 0; i < count; ++i) {
-        if (poll == _polls)
-            callHandler(events[i].data.ptr, events[i].events);
-        else
-            again(events[i].data.ptr);
+    // What a round has left that is not over, since this one is inside, is delivered first.
+    if (_nextEvent == _eventCount) {
+        _eventCount = std::max(epoll_wait(_poll.get(), _events, EVENTS_PER_ROUND, timeout), 0);
+        _nextEvent = 0;
     }
-    return count > 0;
+    const bool delivers = _nextEvent < _eventCount;
+    while (_nextEvent < _eventCount) {
+        const epoll_event event = _events[_nextEvent++];
+        callHandler(event.data.ptr, event.events);
+    }
+    return delivers;
 }
 
 // The handler may be gone already: deleted by its own bufFunc or by another one of this round.

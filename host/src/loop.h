@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include <sys/epoll.h>
+
 #include <Ecore.h>
 
 #include "handles.h"
@@ -115,7 +117,10 @@ private:
     UniqueFd _poll;
     Handles<Handler> _handlers;
     std::vector<void *> _buffered; // the handlers with a bufFunc, in order
-    std::uint64_t _polls = 0;
+    static constexpr int EVENTS_PER_ROUND = 64;
+    epoll_event _events[EVENTS_PER_ROUND]; // reported, and delivered up to the next
+    int _nextEvent = 0;
+    int _eventCount = 0;
 };
 
 } // namespace host

@@ -135,6 +135,22 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
     EXPECT_EQ(0, host_sim_timer_count());
 }
 
+TEST_F(RpcPortTest, DeliversToRoundsInsideWhatTheOneOutsideHasFound) {
+    start();
+    const auto other = connecting("o");
+    news(*server);
+    bool isInside = false;
+    server->onReceived = [&](rpc_port_h port) {
+        if (!std::exchange(isInside, true))
+            host_sim_advance(0);
+        server->note(takeText(port));
+        return 0;
+    };
+    EXPECT_EQ(RPC_PORT_ERROR_NONE, sendText(client->port(), "1"));
+    EXPECT_EQ(RPC_PORT_ERROR_NONE, sendText(other->port(), "2"));
+    EXPECT_EQ("2 1 ", news(*server));
+}
+
 TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {
     start();
     const std::size_t limit = (16 << 20) - 5; // of a text

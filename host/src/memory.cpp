@@ -72,9 +72,10 @@ struct Memory::Kept {
 
 namespace {
 
-// Without a constructor or destructor, so that its use costs nothing more.
+// Without a constructor or destructor, so that to use it costs nothing more.
 [[gnu::tls_model("initial-exec")]] thread_local Memory::Kept kept;
 
+// Its destructor runs in the threads that have called await().
 struct ThreadEnd {
     ~ThreadEnd() {
         kept.state = Memory::Kept::ENDED;

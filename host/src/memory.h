@@ -36,7 +36,8 @@ public:
     char *bytes() const { return reinterpret_cast<char *>(_block + 1); }
     std::size_t size() const { return _block->size; } // perhaps more than was asked for
 
-    // From now on each one is allocated anew and freed at once, for who watches or fails that.
+    // From now on each one is allocated anew and freed at once, for tests that watch allocations or
+    // make them fail.
     static void keepNone();
 
     struct Kept;

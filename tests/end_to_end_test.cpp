@@ -180,6 +180,7 @@ TEST_F(EndToEndTest, TellsAnAbsentApplicationFromOneThatHangsOrDies) {
     player.signal(SIGKILL);
     EXPECT_EQ(nelvoctl.wait(), 3);
     EXPECT_NE(nelvoctl.err().find("lost the connection"), std::string::npos) << nelvoctl.err();
+    player.wait(); // until its socket is closed
     expectAll(died);
 }
 

@@ -93,7 +93,9 @@ int rpc_port_stub_get_port(rpc_port_stub_h, rpc_port_port_type_e type, const cha
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
     if (port != &mainPort || !arrived)
         return RPC_PORT_ERROR_IO_ERROR;
-    *h = new host::Parcel(parcelOf(bytesOf(*std::exchange(arrived, nullptr))));
+    host::Bytes bytes = parcelOf(bytesOf(*std::exchange(arrived, nullptr))).bytes;
+    bytes.reserve(1);
+    *h = host::Parcel::make(std::move(bytes)).release();
     return RPC_PORT_ERROR_NONE;
 }
 

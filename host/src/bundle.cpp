@@ -66,13 +66,14 @@ Entries::~Entries() {
         ::operator delete(_entries);
 }
 
-Entries::User Entries::createAt(const Memory &home, char *start, char *end) {
-    return User(new (start) Entries(home, start + HOME_SIZE, end));
+Entries::User Entries::createAt(Memory home, char *start, char *end) {
+    return User(new (start) Entries(std::move(home), start + HOME_SIZE, end));
 }
 
 Entries::User Entries::create() {
-    const Memory home(HOME_SIZE + ROOM_SIZE);
-    return createAt(home, home.bytes(), home.bytes() + home.size());
+    Memory home(HOME_SIZE + ROOM_SIZE);
+    char *const start = home.bytes(), *const end = start + home.size();
+    return createAt(std::move(home), start, end);
 }
 
 Entries::User Entries::createBehind(Bytes &bytes) {
@@ -102,19 +103,19 @@ Entries::User Entries::copy() const {
 void Entries::removeUser() {
     if (_users.fetch_sub(1, std::memory_order_acq_rel) > 1)
         return;
-    const Memory home = _home; // lasts until we are done here
+    const Memory home = std::move(_home); // lasts until we are done here
     this->~Entries();
 }
 
 bundle *Entries::makeBundle(User created) noexcept {
     Entries *const entries = created.get();
-    return new (bundleOf(entries)) bundle{std::move(created), entries->_home};
+    return new (bundleOf(entries)) bundle{std::move(created), true, {}};
 }
 
 bundle *Entries::makeCopy() noexcept {
     if (!_isCopied.exchange(true, std::memory_order_relaxed))
-        return new (bundleOf(this) + 1) bundle{addUser(), _home};
-    return new (std::nothrow) bundle{addUser(), {}};
+        return new (bundleOf(this) + 1) bundle{addUser(), true, {}};
+    return new (std::nothrow) bundle{addUser(), false, {}};
 }
 
 void Entries::reserve(std::size_t count) {
@@ -252,11 +253,14 @@ bundle *bundle_create(void) {
 int bundle_free(bundle *b) {
     if (b == nullptr)
         return BUNDLE_ERROR_INVALID_PARAMETER;
-    const bool standsAlone = !b->home;
-    const host::Memory home = std::move(b->home); // lasts until we are done here
+    if (!b->isAtHome) {
+        delete b;
+        return BUNDLE_ERROR_NONE;
+    }
+    // Either of these may be what the bundle's place lasts as long as.
+    const host::Memory home = std::move(b->home);
+    const host::Entries::User entries = std::move(b->entries);
     b->~_bundle_t();
-    if (standsAlone)
-        ::operator delete(b);
     return BUNDLE_ERROR_NONE;
 }
 

@@ -40,8 +40,7 @@ constexpr std::size_t MAX_SIZE = INT32_MAX;
 //
 // They stand in their home, memory that may be a parcel's as well, together with the bundle that
 // they were made for, the first copy of it, and room for the first keys and values: a small bundle
-// is one allocation, or none. All of these last as long as somebody uses them, and the memory as
-// long as one of them.
+// is one allocation, or none.
 class Entries {
 public:
     struct RemoveUser {
@@ -87,8 +86,8 @@ public:
 private:
     using Index = std::map<std::string_view, std::size_t>;
 
-    Entries(const Memory &home, char *room, char *roomEnd)
-        : _home(home), _room(room), _roomEnd(roomEnd) {}
+    Entries(Memory home, char *room, char *roomEnd)
+        : _home(std::move(home)), _room(room), _roomEnd(roomEnd) {}
     ~Entries();
     Entries(const Entries &) = delete;
     Entries &operator=(const Entries &) = delete;
@@ -99,7 +98,7 @@ private:
         return std::uint64_t{1} << ((last + 7 * key.size()) % 64);
     }
 
-    static User createAt(const Memory &home, char *start, char *end);
+    static User createAt(Memory home, char *start, char *end);
     void removeUser();
     const keyval_t *search(std::string_view key) const;
     std::size_t indexed() const { return _index ? _index->size() : 0; }
@@ -112,7 +111,7 @@ private:
 
     std::atomic<std::uint32_t> _users{1};
     std::atomic<bool> _isCopied{false}; // the place of the first copy is taken
-    const Memory _home;                 // where this object stands
+    Memory _home;                       // where this object stands
     std::size_t _count = 0;
     std::size_t _capacity = USUAL_COUNT;
     std::size_t _limit = USUAL_COUNT; // of the count, before there is something to be done
@@ -131,11 +130,16 @@ private:
 struct _bundle_t {
     // What may be changed without any other user noticing. Throws std::bad_alloc.
     host::Entries &own() {
-        if (entries->areShared())
-            entries = entries->copy();
+        if (entries->areShared()) {
+            host::Entries::User copy = entries->copy();
+            if (isAtHome && !home)
+                home = entries->home(); // which may be left by its entries now
+            entries = std::move(copy);
+        }
         return *entries;
     }
 
     host::Entries::User entries; // never null
-    host::Memory home;           // none: the bundle stands in memory of its own
+    bool isAtHome;               // it stands in the home of the entries that it began with
+    host::Memory home;           // that one; none while it has these entries
 };

@@ -96,6 +96,8 @@ public:
         if (size > 0)
             std::memcpy(extend(size), bytes, size);
     }
+    // Without it only the destructor may follow.
+    Memory release() { return std::move(_memory); }
     // Leaves what is free behind the bytes to somebody else: they will not grow there any more.
     void close() { _capacity = _size; }
 

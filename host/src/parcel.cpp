@@ -261,17 +261,6 @@ int read(rpc_port_parcel_h h, Value *out, Decode decode) {
 
 } // namespace
 
-Parcel::Made Parcel::make(Bytes &&bytes) noexcept {
-    auto *const parcel = new (bytes.memory().bytes()) Parcel;
-    parcel->bytes = std::move(bytes);
-    return Made(parcel);
-}
-
-void Parcel::destroy(Parcel *made) noexcept {
-    const Memory home = made->home ? made->home : made->bytes.memory(); // lasts until we are done
-    made->~Parcel();
-}
-
 } // namespace host
 
 int rpc_port_parcel_create(rpc_port_parcel_h *h) {

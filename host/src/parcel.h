@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "memory.h"
@@ -73,6 +75,17 @@ struct Parcel {
     std::vector<Insert> inserts;
     std::size_t readPosition = 0;
 };
+
+inline Parcel::Made Parcel::make(Bytes &&bytes) noexcept {
+    auto *const parcel = new (bytes.memory().bytes()) Parcel;
+    parcel->bytes = std::move(bytes);
+    return Made(parcel);
+}
+
+inline void Parcel::destroy(Parcel *made) noexcept {
+    const Memory home = made->home ? std::move(made->home) : made->bytes.release();
+    made->~Parcel(); // in memory that lasts until we are done
+}
 
 static_assert(sizeof(Parcel) <= Bytes::HEAD - Bytes::FRONT);
 

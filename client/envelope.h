@@ -38,7 +38,7 @@ BundlePtr makeRequest(const Request &request);
 struct Response {
     std::shared_ptr<bundle> content;
     std::map<std::string, std::string_view, std::less<>> fields; // the texts stay the content's
-    std::optional<std::uint64_t> requestId; // empty: absent, or not 8 bytes
+    std::optional<std::uint64_t> requestId;                      // empty: absent, or not 8 bytes
 
     // The text under key, or "" when there is none.
     std::string field(std::string_view key) const;

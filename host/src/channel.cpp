@@ -53,9 +53,9 @@ std::shared_ptr<Channel> Channel::open(UniqueFd socket, std::size_t frameLimit,
     channel->_frameLimit = frameLimit;
     channel->_owner = std::move(owner);
     channel->_port = Ports::instance().add(channel.get());
-    channel->_handler = Loop::instance().addHandler(channel->_socket.get(),
-                                                    ECORE_FD_READ | Loop::ON_CHANGE, onReadyCb,
-                                                    channel.get(), nullptr, nullptr);
+    channel->_handler =
+        Loop::instance().addHandler(channel->_socket.get(), ECORE_FD_READ | Loop::ON_CHANGE,
+                                    onReadyCb, channel.get(), nullptr, nullptr);
     if (!channel->_handler)
         throw std::bad_alloc();
     return channel;

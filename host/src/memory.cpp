@@ -54,7 +54,9 @@ struct Memory::Kept {
         return nullptr;
     }
     // In the place of the one that is there longest.
-    Block *putLarge(Block *block) { return std::exchange(large[nextLarge++ % LARGE_BLOCKS], block); }
+    Block *putLarge(Block *block) {
+        return std::exchange(large[nextLarge++ % LARGE_BLOCKS], block);
+    }
 
     void freeAll() {
         while (Block *const block = takeUsual())
@@ -98,7 +100,8 @@ Memory::Memory(std::size_t size) {
         if (size > PTRDIFF_MAX)
             throw std::bad_alloc();
         const std::size_t margin = marginOf(size);
-        auto *const start = static_cast<char *>(::operator new(margin + sizeof(Block) + size + margin));
+        auto *const start =
+            static_cast<char *>(::operator new(margin + sizeof(Block) + size + margin));
         _block = new (start + margin) Block{{1}, size};
     }
     _block->owners.store(1, std::memory_order_relaxed);

@@ -30,11 +30,8 @@ TEST(MemoryTest, KeepsAFewBlocksOfAThreadUntilItsEnd) {
         std::size_t size;
         long kept;
     } rows[] = {
-        {"small", 1, 8},
-        {"the largest small ones", 1008, 8},
-        {"between", 2000, 0},
-        {"large", 100'000, 4},
-        {"too large to keep", (2 << 20) + 1, 0},
+        {"small", 1, 8},       {"the largest small ones", 1008, 8},     {"between", 2000, 0},
+        {"large", 100'000, 4}, {"too large to keep", (2 << 20) + 1, 0},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);

@@ -257,10 +257,6 @@ void Channel::takeBuffered(const std::uint8_t *bytes, std::size_t size) {
 // all of them unless the frame is whole.
 std::size_t Channel::extend(const std::uint8_t *bytes, std::size_t size) {
     std::size_t used = 0;
-    if (_headerFilled == 0 && size >= HEADER_BYTES) {
-        _length = bytes[0] | bytes[1] << 8 | bytes[2] << 16 | std::size_t{bytes[3]} << 24;
-        _headerFilled = used = HEADER_BYTES;
-    }
     while (_headerFilled < HEADER_BYTES && used < size)
         _length |= std::size_t{bytes[used++]} << (8 * _headerFilled++);
     if (_length > _frameLimit) {

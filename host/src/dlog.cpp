@@ -221,8 +221,8 @@ int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args)
 } // namespace
 
 // Without a stack protector, which would be most of the work for such an entry.
-[[gnu::no_stack_protector]] int dlog_print(log_priority prio, const char *tag, const char *fmt,
-                                           ...) {
+__attribute__((no_stack_protector)) int dlog_print(log_priority prio, const char *tag,
+                                                   const char *fmt, ...) {
     if (prio < DLOG_VERBOSE || prio > DLOG_FATAL || tag == nullptr || fmt == nullptr)
         return -EINVAL;
     if (prio < threshold.load(std::memory_order_relaxed))

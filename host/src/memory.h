@@ -32,6 +32,7 @@ public:
     }
 
     explicit operator bool() const { return _block != nullptr; }
+    bool operator==(const Memory &other) const { return _block == other._block; }
     // Only of memory that there is.
     char *bytes() const { return reinterpret_cast<char *>(_block + 1); }
     std::size_t size() const { return _block->size; } // perhaps more than was asked for

@@ -169,7 +169,7 @@ bundle *decodeBundle(Reader &reader, Parcel &parcel) {
     Reader inner(reader.sized());
     Entries::User user = Entries::createBehind(parcel.bytes);
     Entries &entries = *user;
-    const bool isHome = entries.home().bytes() == parcel.bytes.memory().bytes();
+    const bool isHome = entries.home() == parcel.bytes.memory();
     const Memory memory = isHome ? Memory() : parcel.bytes.memory();
     const auto count = inner.value<std::uint32_t>();
     if (inner.require(count <= inner.left() / SMALLEST_ENTRY))

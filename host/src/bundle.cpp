@@ -40,10 +40,6 @@ int get(bundle *b, const char *key, int type, const keyval_t *&entry) {
     return entry != nullptr ? BUNDLE_ERROR_NONE : BUNDLE_ERROR_KEY_NOT_AVAILABLE;
 }
 
-} // namespace
-
-namespace {
-
 char *aligned(void *place) {
     constexpr std::uintptr_t ALIGNMENT = alignof(std::max_align_t);
     const auto number = reinterpret_cast<std::uintptr_t>(place);

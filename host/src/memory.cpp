@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "memory.h"
 
+#include <pthread.h>
+
 namespace host {
 
 namespace {
@@ -77,15 +79,18 @@ namespace {
 // Without a constructor or destructor, so that to use it costs nothing more.
 [[gnu::tls_model("initial-exec")]] thread_local Memory::Kept kept;
 
-// Its destructor runs in the threads that have called await().
-struct ThreadEnd {
-    ~ThreadEnd() {
-        kept.state = Memory::Kept::ENDED;
-        kept.freeAll();
-    }
-    void await() {}
-};
-thread_local ThreadEnd threadEnd;
+void endThread(void *) {
+    kept.state = Memory::Kept::ENDED;
+    kept.freeAll();
+}
+
+// False: nobody would see to what this thread keeps. Not a destructor of the thread's, for which
+// the C library ends the process when it has no memory to remember it.
+bool awaitThreadEnd() {
+    static pthread_key_t key;
+    static const bool hasKey = pthread_key_create(&key, endThread) == 0;
+    return hasKey && pthread_setspecific(key, &kept) == 0;
+}
 
 } // namespace
 
@@ -108,10 +113,8 @@ Memory::Memory(std::size_t size) {
 }
 
 void Memory::free(Block *block) {
-    if (kept.state == Kept::UNUSED) {
-        threadEnd.await();
+    if (keepsMemory && kept.state == Kept::UNUSED && awaitThreadEnd())
         kept.state = Kept::USED;
-    }
     const bool isUsual = block->size == USUAL_SIZE - sizeof(Block);
     const bool isLarge = block->size >= SMALLEST_LARGE && block->size <= LARGEST_KEPT;
     if (keepsMemory && kept.state == Kept::USED && (isUsual || isLarge))

@@ -284,9 +284,13 @@ int bundle_add_byte(bundle *b, const char *key, const void *byte, const size_t s
 int bundle_add_str_array(bundle *b, const char *key, const char **str_array, const int len) {
     if (len < 0 || (str_array == nullptr && len > 0))
         return BUNDLE_ERROR_INVALID_PARAMETER;
+    std::size_t left = host::MAX_SIZE; // of what the texts and the pointers to them may need
     for (int i = 0; i < len; i++) {
-        if (str_array[i] == nullptr || std::strlen(str_array[i]) >= host::MAX_SIZE)
+        const char *const text = str_array[i];
+        const std::size_t needed = text != nullptr ? std::strlen(text) + 1 + sizeof text : left;
+        if (needed >= left)
             return BUNDLE_ERROR_INVALID_PARAMETER;
+        left -= needed;
     }
     return host::add(b, key, [=](host::Entries &entries, std::string_view name) {
         entries.addArray(name, {str_array, str_array + len});

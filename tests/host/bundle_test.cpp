@@ -38,6 +38,8 @@ std::string contents(bundle *b) {
 TEST(BundleTest, GivesBackWhatItWasGivenWhateverItRefused) {
     bundle *b = bundle_create();
     const char *texts[] = {"one", "", "three"}, *gap[] = {"one", nullptr};
+    const std::string mebibyte((1 << 20) - 1, 'x');
+    std::vector<const char *> twoGibibytes(2048, mebibyte.c_str());
     char *str = nullptr;
     void *byte = nullptr;
     size_t size = 0;
@@ -58,6 +60,7 @@ TEST(BundleTest, GivesBackWhatItWasGivenWhateverItRefused) {
                 bundle_add_byte(b, "k", nullptr, 1), bundle_add_byte(b, "k", "v", 0),
                 bundle_add_byte(b, "k", "v", SIZE_MAX), bundle_add_str_array(b, "k", gap, 2),
                 bundle_add_str_array(b, "k", nullptr, 1), bundle_add_str_array(b, "k", texts, -1),
+                bundle_add_str_array(b, "k", twoGibibytes.data(), 2048),
                 bundle_get_str(nullptr, "str", &str), bundle_get_str(b, nullptr, &str),
                 bundle_get_str(b, "str", nullptr), bundle_get_str(b, "byte", &str),
                 bundle_get_byte(b, "str", &byte, &size), bundle_get_byte(b, "byte", nullptr, &size),

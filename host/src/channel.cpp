@@ -219,11 +219,10 @@ bool Channel::receive() {
     message.msg_iovlen = 3;
     const ssize_t result = room > 0 ? recvmsg(_socket.get(), &message, MSG_DONTWAIT)
                                     : recv(_socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-    const auto count = result < 0 ? 0 : static_cast<std::size_t>(result);
-    if (count == headerRoom + room + sizeof(buffer) || (result < 0 && errno == EINTR))
-        Loop::instance().again(_handler); // there may be more
     if (result < 0)
         return isTemporary(errno);
+    const auto count = static_cast<std::size_t>(result);
+    const bool isFull = count == headerRoom + room + sizeof(buffer);
     if (count == 0 && hasBegun()) {
         fail("its last frame is incomplete");
     } else if (count > 0 && _frameLimit == 0) {
@@ -237,6 +236,10 @@ bool Channel::receive() {
     } else {
         takeBuffered(buffer, count);
     }
+    // A read that was not filled has found all that there is, unless descriptors came with it, which
+    // nobody here has a use for: it ends behind them.
+    if (isFull || !isWhole())
+        Loop::instance().again(_handler);
     return count > 0 && !_failed;
 }
 

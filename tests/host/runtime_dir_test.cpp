@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 
 #include <fcntl.h>
@@ -58,6 +59,22 @@ public:
     void say(const std::string &bytes) {
         send(_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         iterate();
+    }
+    // The same with a descriptor, and without a round.
+    void pass(std::string bytes) {
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(_fd))] = {};
+        iovec part{bytes.data(), bytes.size()};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        cmsghdr *const header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(_fd));
+        std::memcpy(CMSG_DATA(header), &_fd, sizeof(_fd));
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), sendmsg(_fd, &message, MSG_NOSIGNAL));
     }
     void shut() { shutdown(_fd, SHUT_WR); }
     // What has come; then "|" if the server has closed.
@@ -258,6 +275,17 @@ TEST_F(RuntimeDirTest, SpeaksTheDocumentedProtocolAndEndsOnlyTheConnectionThatDo
     host_sim_advance(1); // would never return if it spun
     EXPECT_EQ(std::string("\5\0\0\0NVRP\1", 9), goodMain.heard());
     EXPECT_EQ(std::string("\0\0\0\0\3\0\0\0abc", 11), goodCallback.heard());
+}
+
+TEST_F(RuntimeDirTest, ReadsOnWhereDescriptorsInterruptAFrame) {
+    Server server;
+    RawClient main(path, hello(0)), callback(path, hello(1));
+    server.events.clear();
+    const std::string bytes = frame(frame(std::string("text\0", 5)));
+    main.pass(bytes.substr(0, 2));
+    main.pass(bytes.substr(2, 6));
+    main.say(bytes.substr(8));
+    EXPECT_EQ("text ", server.events);
 }
 
 TEST_F(RuntimeDirTest, BoundsMemoryAndIncompleteConnections) {

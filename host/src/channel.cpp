@@ -53,9 +53,8 @@ std::shared_ptr<Channel> Channel::open(UniqueFd socket, std::size_t frameLimit,
     channel->_frameLimit = frameLimit;
     channel->_owner = std::move(owner);
     channel->_port = Ports::instance().add(channel.get());
-    channel->_handler =
-        Loop::instance().addHandler(channel->_socket.get(), ECORE_FD_READ | Loop::ON_CHANGE,
-                                    onReadyCb, channel.get(), nullptr, nullptr);
+    channel->_handler = Loop::instance().addHandler(channel->_socket.get(), ECORE_FD_READ,
+                                                    onReadyCb, channel.get(), nullptr, nullptr);
     if (!channel->_handler)
         throw std::bad_alloc();
     return channel;
@@ -93,7 +92,7 @@ void Channel::drain() {
 void Channel::watch() {
     const unsigned flags = (isReading() ? unsigned{ECORE_FD_READ} : 0U) |
                            (_queue.isEmpty() ? 0U : unsigned{ECORE_FD_WRITE});
-    Loop::instance().setFlags(_handler, flags | Loop::ON_CHANGE);
+    Loop::instance().setFlags(_handler, flags);
 }
 
 void Channel::wantTurn() {
@@ -178,12 +177,7 @@ bool Channel::fill(bool readable) {
             consume(_ahead, _aheadStart,
                     extend(_ahead.data() + _aheadStart, _ahead.size() - _aheadStart));
         }
-        if (_failed || !readable)
-            return !_failed;
-        if (!isWhole())
-            return receive();
-        Loop::instance().again(_handler); // it is still readable
-        return true;
+        return !_failed && (isWhole() || !readable || receive());
     } catch (const std::bad_alloc &) {
         fail(OUT_OF_MEMORY);
         return false;
@@ -222,7 +216,6 @@ bool Channel::receive() {
     if (result < 0)
         return isTemporary(errno);
     const auto count = static_cast<std::size_t>(result);
-    const bool isFull = count == headerRoom + room + sizeof(buffer);
     if (count == 0 && hasBegun()) {
         fail("its last frame is incomplete");
     } else if (count > 0 && _frameLimit == 0) {
@@ -236,10 +229,6 @@ bool Channel::receive() {
     } else {
         takeBuffered(buffer, count);
     }
-    // A read that was not filled has found all that there is, unless descriptors came with it, which
-    // nobody here has a use for: it ends behind them.
-    if (isFull || !isWhole())
-        Loop::instance().again(_handler);
     return count > 0 && !_failed;
 }
 

@@ -40,9 +40,8 @@ public:
 //
 // A frame is a length (four bytes, the lowest first) and that many bytes of payload. Each turn of
 // the loop reads at most once and delivers at most one frame; a zero-second timer stands for frames
-// that have been read already. The loop tells only what has changed at the socket, so a turn that
-// may have left something unread there asks for another. Callbacks may run the loop from inside, so
-// all state is in order before the owner is called: the next turn may be an inner one.
+// that have been read already. Callbacks may run the loop from inside, so all state is in order
+// before the owner is called: the next turn may be an inner one.
 //
 // What cannot be reported from where it happens (a send that fails, say) is a fault: the socket is
 // shut down, which makes the loop come here and end the channel.

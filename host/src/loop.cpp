@@ -25,6 +25,7 @@ namespace {
 constexpr std::int64_t NANOSECONDS = 1'000'000'000;
 constexpr std::int64_t FOREVER = std::int64_t{1} << 61; // 73 years: two of them can be added
 constexpr std::int64_t MIN_RENEWAL = 1'000;
+constexpr int EVENTS_PER_ROUND = 64;
 
 std::int64_t toNanoseconds(double seconds) {
     const double limit = static_cast<double>(FOREVER / NANOSECONDS);
@@ -36,21 +37,16 @@ double toSeconds(std::int64_t nanoseconds) {
     return static_cast<double>(nanoseconds) / static_cast<double>(NANOSECONDS);
 }
 
-constexpr std::uint32_t ENDED = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
-
 std::uint32_t toEpoll(unsigned flags) {
-    const std::uint32_t reading =
-        (flags & Loop::ON_CHANGE) ? EPOLLIN | EPOLLRDHUP : std::uint32_t{EPOLLIN};
-    return ((flags & ECORE_FD_READ) ? reading : 0) |
-           ((flags & ECORE_FD_WRITE) ? std::uint32_t{EPOLLOUT} : 0) |
-           ((flags & Loop::ON_CHANGE) ? std::uint32_t{EPOLLET} : 0);
+    return ((flags & ECORE_FD_READ) ? std::uint32_t{EPOLLIN} : 0) |
+           ((flags & ECORE_FD_WRITE) ? std::uint32_t{EPOLLOUT} : 0);
 }
 
 // A failed descriptor counts as ready for whatever it is watched for: only a read or write shows
 // it.
 unsigned fromEpoll(std::uint32_t events, unsigned watched) {
     if (events & (EPOLLERR | EPOLLHUP))
-        return (watched & ~Loop::ON_CHANGE) | ECORE_FD_ERROR;
+        return watched | ECORE_FD_ERROR;
     return ((events & EPOLLIN) ? unsigned{ECORE_FD_READ} : 0U) |
            ((events & EPOLLOUT) ? unsigned{ECORE_FD_WRITE} : 0U);
 }
@@ -269,12 +265,6 @@ void Loop::setFlags(void *handle, unsigned flags) {
     }
 }
 
-void Loop::again(void *handle) {
-    const Handler *const handler = _handlers.find(handle);
-    if (handler && (handler->flags & ON_CHANGE))
-        control(EPOLL_CTL_MOD, handle);
-}
-
 bool Loop::control(int operation, void *handle) {
     const Handler &handler = *_handlers.find(handle);
     epoll_event event{};
@@ -306,17 +296,13 @@ bool Loop::deliverBuffered() {
 bool Loop::deliverReady(int timeout) {
     if (!openPoll())
         return false;
-    // What a round has left that is not over, since this one is inside, is delivered first.
-    if (_nextEvent == _eventCount) {
-        _eventCount = std::max(epoll_wait(_poll.get(), _events, EVENTS_PER_ROUND, timeout), 0);
-        _nextEvent = 0;
-    }
-    const bool delivers = _nextEvent < _eventCount;
-    while (_nextEvent < _eventCount) {
-        const epoll_event event = _events[_nextEvent++];
-        callHandler(event.data.ptr, event.events);
-    }
-    return delivers;
+    epoll_event events[EVENTS_PER_ROUND];
+    const int count = epoll_wait(_poll.get(), events, EVENTS_PER_ROUND, timeout);
+    // A nested round has delivered what is left here, and perhaps read it: the next one asks again.
+    const std::uint64_t poll = ++_polls;
+    for (int i = 0; i < count && poll == _polls; ++i)
+        callHandler(events[i].data.ptr, events[i].events);
+    return count > 0;
 }
 
 // The handler may be gone already: deleted by its own bufFunc or by another one of this round.
@@ -324,8 +310,6 @@ void Loop::callHandler(void *handle, std::uint32_t events) {
     Handler *const handler = _handlers.find(handle);
     if (!handler)
         return;
-    if (events & ENDED)
-        again(handle);
     const unsigned outer = handler->active; // of the call that runs this round from inside
     handler->active = fromEpoll(events, handler->flags);
     const Eina_Bool answer = handler->func(handler->data, static_cast<Ecore_Fd_Handler *>(handle));

@@ -5,8 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include <sys/epoll.h>
-
 #include <Ecore.h>
 
 #include "handles.h"
@@ -47,11 +45,6 @@ public:
     void *deleteTimer(void *timer);
     int countTimers() const { return _countedTimers; }
 
-    // Beside the flags of Ecore.h: the handler is not called as long as the descriptor is ready but
-    // when something has changed there, which costs the system less. It must call again() when it
-    // has left something to be done. Of a descriptor that has ended it is reminded all the same.
-    static constexpr unsigned ON_CHANGE = 1U << 8;
-
     // Null as above, and when the system cannot watch the descriptor.
     void *addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Ecore_Fd_Cb bufFunc,
                      void *bufData);
@@ -59,8 +52,6 @@ public:
     // What the handler is being called for; 0 outside its callback.
     unsigned active(void *handler);
     void setFlags(void *handler, unsigned flags);
-    // As if it had just become ready, if it is.
-    void again(void *handler);
 
 private:
     struct Timer {
@@ -117,10 +108,7 @@ private:
     UniqueFd _poll;
     Handles<Handler> _handlers;
     std::vector<void *> _buffered; // the handlers with a bufFunc, in order
-    static constexpr int EVENTS_PER_ROUND = 64;
-    epoll_event _events[EVENTS_PER_ROUND]; // reported, and delivered up to the next
-    int _nextEvent = 0;
-    int _eventCount = 0;
+    std::uint64_t _polls = 0;
 };
 
 } // namespace host

@@ -95,7 +95,7 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
         return RPC_PORT_ERROR_IO_ERROR;
     host::Bytes bytes = parcelOf(bytesOf(*std::exchange(arrived, nullptr))).bytes;
     bytes.reserve(1);
-    *h = host::Parcel::make(std::move(bytes)).release();
+    *h = host::Parcel::make(std::move(bytes));
     return RPC_PORT_ERROR_NONE;
 }
 

@@ -423,7 +423,7 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
         host::Bytes payload;
         const int result = channel->take(payload);
         if (result == RPC_PORT_ERROR_NONE)
-            *h = host::Parcel::make(std::move(payload)).release();
+            *h = host::Parcel::make(std::move(payload));
         return result;
     });
 }

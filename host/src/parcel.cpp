@@ -269,7 +269,7 @@ int rpc_port_parcel_create(rpc_port_parcel_h *h) {
     try {
         host::Bytes bytes;
         bytes.reserve(host::USUAL_SIZE);
-        *h = host::Parcel::make(std::move(bytes)).release();
+        *h = host::Parcel::make(std::move(bytes));
         return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -25,13 +24,9 @@ struct Piece {
 // Values stand one after the other, without tags or padding, in the machine's own byte order. Large
 // ones are not copied: they belong between the other bytes.
 struct Parcel {
-    struct Destroy {
-        void operator()(Parcel *parcel) const { destroy(parcel); }
-    };
-    // At the head of the memory that its bytes have, so that it costs no allocation of its own.
-    using Made = std::unique_ptr<Parcel, Destroy>;
-
-    static Made make(Bytes &&bytes) noexcept; // which must have memory
+    // At the head of the memory that its bytes have, which must have some, so that it costs no
+    // allocation of its own. To be destroyed by the other.
+    static Parcel *make(Bytes &&bytes) noexcept;
     static void destroy(Parcel *made) noexcept;
 
     struct Insert {
@@ -76,10 +71,10 @@ struct Parcel {
     std::size_t readPosition = 0;
 };
 
-inline Parcel::Made Parcel::make(Bytes &&bytes) noexcept {
+inline Parcel *Parcel::make(Bytes &&bytes) noexcept {
     auto *const parcel = new (bytes.memory().bytes()) Parcel;
     parcel->bytes = std::move(bytes);
-    return Made(parcel);
+    return parcel;
 }
 
 inline void Parcel::destroy(Parcel *made) noexcept {

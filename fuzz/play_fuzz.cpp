@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each byte is a step of testkit/play.h: any input is a script, and the model beside it knows what
+// Each byte is a step of tests/support/play.h: any input is a script, and the model beside it knows what
 // must come of it.
 #include <host/sim.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a client does, and the time that passes: a step of testkit/exchange.h; any other byte is
+// What a client does, and the time that passes: a step of tests/support/exchange.h; any other byte is
 // followed by two bytes of size and a parcel. Each is answered, or not, as what can be read from it
 // calls for.
 #include <nelvo/testkit.h>

@@ -29,7 +29,7 @@ ln -sn "$output/rpm" "$top" || {
 }
 trap 'rm -f "$top"' EXIT
 # The packages that it asks for are not this system's; pkg-config finds what they would hold.
-"$tree/tests/sysroot.sh" "$output/deb" "$output/sysroot" rpmbuild -ba --nodeps \
+"$tree/tests/programs/sysroot.sh" "$output/deb" "$output/sysroot" rpmbuild -ba --nodeps \
     --define "_topdir $top" --define '_buildhost reproducible' \
     --define 'use_source_date_epoch_as_buildtime 1' --define 'clamp_mtime_to_source_date_epoch 1' \
     --define 'build_mtime_policy clamp_to_source_date_epoch' --define 'debug_package %{nil}' \

@@ -13,7 +13,7 @@ for package in "$packages"/*.deb; do
     dpkg-deb -x "$package" "$work/deb"
 done
 LD_LIBRARY_PATH=$(dirname "$(find "$work/deb" -name libnelvo.so.1)") \
-    "$here/../tests/outside/check.sh" /usr "$work/outside" "$work/deb"
+    "$here/../tests/programs/outside/check.sh" /usr "$work/outside" "$work/deb"
 
 for package in "$packages"/nelvo-*."$(uname -m)".rpm; do
     rpm2cpio "$package" | (cd "$work/rpm" && cpio --quiet -idm)
@@ -24,5 +24,5 @@ host=$(dirname "$(find "$work/deb" -name libnelvo-host.so.1)")
 cc -o "$work/hello" "$example/main.c" -I"$work/rpm/usr/include" -I"$work/deb/usr/include/nelvo-host" \
     -L"$library" -lnelvo -L"$host" -lnelvo-host
 export LD_LIBRARY_PATH=$library:$host
-"$here/../tests/outside/drive.sh" "$work/deb/usr/bin/nelvoctl" "$example/tizen-manifest.xml" demo.hello \
+"$here/../tests/programs/outside/drive.sh" "$work/deb/usr/bin/nelvoctl" "$example/tizen-manifest.xml" demo.hello \
     "$work/hello"

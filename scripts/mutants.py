@@ -26,7 +26,6 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 WORK = ROOT / "build" / "mutants"
 TREE = WORK / "tree"
 BUILD = WORK / "build"
-NOT_TESTS = {"end_to_end_test.cpp", "nelvoctl_test.cpp"}  # run programs, not the library's objects
 
 WANTED = 0.95
 COMPILE_SECONDS = 120
@@ -82,11 +81,10 @@ class Program:
             arguments = shlex.split(entry["command"])
             if source.parts[0] == "src":
                 self.compiles[source] = arguments
-            elif (source.parent == pathlib.Path("tests") and source.match("*_test.cpp")
-                  and source.name not in NOT_TESTS):
+            elif source.match("tests/library/*_test.cpp"):
                 tests.append(arguments[arguments.index("-o") + 1])
         own = [arguments[arguments.index("-o") + 1] for arguments in self.compiles.values()]
-        target = "tests/" + pathlib.Path(tests[0]).parent.name.removesuffix(".dir")
+        target = "tests/library/" + pathlib.Path(tests[0]).parent.name.removesuffix(".dir")
         must(["cmake", "--build", str(BUILD), "--target", target, *tests], TREE)
         commands = subprocess.run(["ninja", "-C", str(BUILD), "-t", "commands", target], text=True,
                                   check=True, capture_output=True).stdout.splitlines()

@@ -4,7 +4,7 @@
 # which may lie in a SYSROOT, and drives them.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-examples=$here/../../examples
+examples=$here/../../../examples
 work=$2 sysroot=${3:-} prefix=${3:-}$1
 mkdir -p "$work"
 

@@ -32,7 +32,7 @@ std::vector<Transcript> readTranscripts() {
     std::vector<Transcript> transcripts;
     std::map<std::string, std::vector<std::string>> named;
     std::vector<std::string> *lines = nullptr;
-    for (const std::string &line : testkit::readTable(TABLES "/transcripts.txt")) {
+    for (const std::string &line : testkit::readTable(TABLES "/library/transcripts.txt")) {
         const std::string name = line.substr(line[0] == '$' ? line.find_first_not_of("$ ") : 0);
         if (line.rfind("> ", 0) == 0) {
             transcripts.push_back(readTitle(line.substr(2)));
@@ -78,13 +78,13 @@ TEST_P(TranscriptTest, IsKeptToTheLetter) {
 
 // What an application may do inside each callback, and the scenarios without their faults.
 TEST(ModelTest, ForetellsEveryScenario) {
-    std::vector<std::string> scripts = testkit::readTable(TABLES "/faults_scenarios.txt");
+    std::vector<std::string> scripts = testkit::readTable(TABLES "/faults/scenarios.txt");
     const std::pair<const char *, const char *> places[] = {
         {"IJA|{", "}R"}, {"IJS|{", "}T"}, {"IJW|{", "}L."}};
     for (const auto &[before, behind] : places)
-        for (const std::string &deed : testkit::readTable(TABLES "/faults_deeds.txt"))
+        for (const std::string &deed : testkit::readTable(TABLES "/faults/deeds.txt"))
             scripts.push_back(before + deed + behind);
-    const auto logPatterns = testkit::readTable(TABLES "/log_lines.txt");
+    const auto logPatterns = testkit::readTable(TABLES "/faults/log_lines.txt");
     for (const std::string &script : scripts)
         ASSERT_EQ(testkit::playPoint({script, testkit::Play::Check::MODEL}, logPatterns),
                   testkit::Outcome::HELD)

@@ -104,8 +104,8 @@ private:
         std::fprintf(stderr, "FAILED: %s\n", what.c_str());
     }
 
-    const std::vector<std::string> _scenarios = readTable(TABLES "/faults_scenarios.txt");
-    const std::vector<std::string> _logPatterns = readTable(TABLES "/log_lines.txt");
+    const std::vector<std::string> _scenarios = readTable(TABLES "/faults/scenarios.txt");
+    const std::vector<std::string> _logPatterns = readTable(TABLES "/faults/log_lines.txt");
     const int _descriptors = openDescriptors();
     const int _every;
     int _offset = 0; // spreads the points that are tried

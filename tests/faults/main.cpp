@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Makes everything that can fail do so, in turn, in every scenario, each time in a process of its
-// own, and looks at what is left; then lets clients break off, garble and attack. `faults [EVERY]`
-// tries each EVERYth point only.
+// own, and looks at what is left. `faults [EVERY]` tries each EVERYth point only.
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,10 +9,8 @@
 #include <string>
 
 #include "allocation_faults.h"
-#include "hostile.h"
 #include "platform_faults.h"
 #include "sweep.h"
-#include "transport_sweep.h"
 
 namespace {
 
@@ -58,10 +55,6 @@ public:
         std::printf("%-42s %5d points\n", "allocations", reached);
     }
 
-    void transport() { add("transport", sweepTransport(_every, _offset)); }
-
-    void hostilePeers() { add("hostile peers", sweepHostilePeers(HELLO, _every, _offset)); }
-
     int finish() {
         if (openDescriptors() != _descriptors)
             fail("descriptors are left");
@@ -93,12 +86,6 @@ private:
         return outcome == Outcome::HELD;
     }
 
-    void add(const char *name, const Tally &tally) {
-        std::printf("%-42s %5d points\n", name, tally.points);
-        _points += tally.points;
-        _failures += tally.failures;
-    }
-
     void fail(const std::string &what) {
         ++_failures;
         std::fprintf(stderr, "FAILED: %s\n", what.c_str());
@@ -120,7 +107,5 @@ int main(int argc, char **argv) {
     Sweeps sweeps(argc > 1 ? std::atoi(argv[1]) : 1);
     sweeps.platformCalls();
     sweeps.allocations();
-    sweeps.transport();
-    sweeps.hostilePeers();
     return sweeps.finish();
 }

@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -17,6 +19,8 @@
 #include "child.h"
 
 namespace {
+
+using nelvo::testkit::stderrOfChild;
 
 using namespace std::string_literals;
 

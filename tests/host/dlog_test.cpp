@@ -6,6 +6,8 @@
 #include <ctime>
 #include <string>
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <host/log.h>
@@ -14,6 +16,8 @@
 #include "child.h"
 
 namespace {
+
+using nelvo::testkit::stderrOfChild;
 
 std::string outputAt(const char *level) {
     return stderrOfChild([=] {

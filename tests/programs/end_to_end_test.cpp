@@ -13,14 +13,14 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "process.h"
+#include "child.h"
 
 namespace {
 
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
+using nelvo::testkit::Child;
 using nelvo::testkit::PATIENCE;
-using nelvo::testkit::Process;
 using Arguments = std::vector<std::string>;
 
 class EndToEndTest : public testing::Test {
@@ -38,7 +38,7 @@ protected:
 
     static void waitUntilServed(const std::string &appId) {
         const auto deadline = Clock::now() + PATIENCE;
-        while (Process(NELVOCTL, {"state", appId}).wait() > 1) // any answer will do
+        while (Child(NELVOCTL, {"state", appId}).wait() > 1) // any answer will do
             ASSERT_LT(Clock::now(), deadline) << appId << " did not start";
     }
 
@@ -53,7 +53,7 @@ protected:
     static void expectAll(const Row (&rows)[N]) {
         for (const Row &row : rows) {
             SCOPED_TRACE(row.name);
-            Process nelvoctl(NELVOCTL, row.arguments);
+            Child nelvoctl(NELVOCTL, row.arguments);
             EXPECT_EQ(nelvoctl.wait(), row.exitCode) << nelvoctl.err();
             if (row.exitCode <= 1) {
                 json answer = json::parse(nelvoctl.out(), nullptr, false);
@@ -84,7 +84,7 @@ std::string state(const char *state) {
 const char *const APP = "demo.player";
 
 TEST_F(EndToEndTest, DrivesThePlayerThroughEverythingItCanDo) {
-    Process player(PLAYER, {});
+    Child player(PLAYER, {});
     waitUntilServed(APP);
     const std::string badVolume =
         success(R"(error: set_volume expects {"volume": N} with a whole N from 0 to 100)");
@@ -125,7 +125,7 @@ TEST_F(EndToEndTest, DrivesThePlayerThroughEverythingItCanDo) {
 }
 
 TEST_F(EndToEndTest, PrintsWhatTheApplicationAnswersAsValidJson) {
-    Process hello(HELLO, {});
+    Child hello(HELLO, {});
     waitUntilServed("demo.hello");
     const Row rows[] = {
         {"no params", {"call", "demo.hello", "greet"}, 0, success("Hello, world!")},
@@ -158,7 +158,7 @@ TEST_F(EndToEndTest, RefusesArgumentsThatCannotBeMeant) {
         {"a client id that is one", {"state", APP, "--as", "../x"}, 2, "not an application id"},
     };
     expectAll(rows);
-    Process help(NELVOCTL, {"--help"});
+    Child help(NELVOCTL, {"--help"});
     EXPECT_EQ(help.wait(), 0);
     EXPECT_NE(help.out().find("call"), std::string::npos);
 }
@@ -169,13 +169,13 @@ TEST_F(EndToEndTest, TellsAnAbsentApplicationFromOneThatHangsOrDies) {
     const Row hangs[] = {{"hangs", {"state", APP, "--timeout", "0.2"}, 4, "main-loop-stuck"}};
     expectAll(absent);
     setenv("NELVO_LOG", "debug", 1); // to see when the request has come
-    Process player(PLAYER, {});
+    Child player(PLAYER, {});
     waitUntilServed(APP);
     player.signal(SIGSTOP);
     expectAll(hangs);
     player.signal(SIGCONT);
 
-    Process nelvoctl(NELVOCTL, {"call", APP, "record"});
+    Child nelvoctl(NELVOCTL, {"call", APP, "record"});
     ASSERT_TRUE(player.waitForErr("Found execute action Id: record"));
     player.signal(SIGKILL);
     EXPECT_EQ(nelvoctl.wait(), 3);

@@ -20,16 +20,16 @@
 #include <nlohmann/json.hpp>
 
 #include "callback.h"
+#include "child.h"
 #include "client_wire.h"
-#include "process.h"
 #include "tools/nelvoctl/commands.h"
 #include "tools/nelvoctl/output.h"
 
 namespace {
 
 using nelvo::testkit::Callback;
+using nelvo::testkit::Child;
 using nelvo::testkit::Client;
-using nelvo::testkit::Process;
 using nelvo::testkit::Simulation;
 using nlohmann::json;
 using Arguments = std::vector<std::string>;
@@ -67,7 +67,7 @@ protected:
     static void expect(const Row &row) {
         SCOPED_TRACE(std::string(row.cause) + ": " + testing::PrintToString(row.arguments));
         row.before();
-        Process plain(NELVOCTL, row.arguments);
+        Child plain(NELVOCTL, row.arguments);
         EXPECT_EQ(plain.wait(), row.exitCode) << plain.err();
         if (row.exitCode != 0) {
             EXPECT_NE((plain.out() + plain.err()).find(std::string(row.cause) + ": "),
@@ -76,13 +76,13 @@ protected:
         }
         Arguments arguments = row.arguments;
         arguments.insert(arguments.begin(), "--json");
-        Process withJson(NELVOCTL, arguments);
+        Child withJson(NELVOCTL, arguments);
         EXPECT_EQ(withJson.wait(), row.exitCode);
         expectJson(row, withJson.out());
     }
 
     static void waitUntilServed(const std::string &appId) {
-        ASSERT_LE(Process(NELVOCTL, {"state", appId, "--wait", "20"}).wait(), 1);
+        ASSERT_LE(Child(NELVOCTL, {"state", appId, "--wait", "20"}).wait(), 1);
     }
 
 private:
@@ -207,7 +207,7 @@ TEST_F(NelvoctlTest, NamesWhatIsWrongWithAProcess) {
         expect(row);
 
     setenv("NELVO_HOST_APP_ID", "demo.idle", 1);
-    Process idle(IDLE, {});
+    Child idle(IDLE, {});
     ASSERT_TRUE(idle.waitForErr("idle"));
     expect({"not-initialised", {"state", "demo.idle"}, 3});
     std::ofstream(std::getenv("NELVO_HOST_RUNTIME_DIR") + std::string("/old.xml"))
@@ -216,7 +216,7 @@ TEST_F(NelvoctlTest, NamesWhatIsWrongWithAProcess) {
     const std::string manifest = std::getenv("NELVO_HOST_RUNTIME_DIR") + std::string("/old.xml");
     setenv("NELVO_HOST_APP_ID", "demo.old", 1);
     setenv("NELVO_HOST_MANIFEST", manifest.c_str(), 1);
-    Process old(IDLE, {"initialise"});
+    Child old(IDLE, {"initialise"});
     ASSERT_TRUE(old.waitForErr("idle"));
     unsetenv("NELVO_HOST_APP_ID");
     unsetenv("NELVO_HOST_MANIFEST");
@@ -224,7 +224,7 @@ TEST_F(NelvoctlTest, NamesWhatIsWrongWithAProcess) {
     expect({"sdk-version", {"doctor", "demo.old"}, 3});
     expect({"sdk-version", {"doctor", "demo.old", "--manifest", manifest}, 3});
 
-    Process hello(HELLO, {});
+    Child hello(HELLO, {});
     waitUntilServed("demo.hello");
     expect({"no-callback", {"doctor", "demo.hello"}, 1});
     expect({"", {"list"}, 0});
@@ -241,14 +241,14 @@ TEST_F(NelvoctlTest, NamesWhatIsWrongWithAProcess) {
 }
 
 TEST_F(NelvoctlTest, SaysWhenItsOutputIsLost) {
-    Process full("/bin/sh", {"-c", NELVOCTL " list --json >/dev/full"});
+    Child full("/bin/sh", {"-c", NELVOCTL " list --json >/dev/full"});
     EXPECT_EQ(full.wait(), 1);
     EXPECT_NE(full.err().find("output: could not write to stdout"), std::string::npos)
         << full.err();
 }
 
 TEST_F(NelvoctlTest, TellsAnotherUsersApplicationApart) {
-    Process hello(HELLO, {});
+    Child hello(HELLO, {});
     waitUntilServed("demo.hello");
     testing::internal::CaptureStdout();
     const pid_t child = fork();
@@ -271,10 +271,10 @@ std::string contentOf(const std::string &path) {
 
 TEST_F(NelvoctlTest, TracesEachRequestOfAnApplication) {
     const std::string file = std::getenv("NELVO_HOST_RUNTIME_DIR") + std::string("/trace.json");
-    Process trace(NELVOCTL, {"trace", "--json", "--chrome", file, "--", HELLO});
+    Child trace(NELVOCTL, {"trace", "--json", "--chrome", file, "--", HELLO});
     waitUntilServed("demo.hello"); // a state request, for which there is no callback
-    Process shell("/bin/sh", {"-c", "printf 'greet Ann\n.state\nsing\n' | " NELVOCTL
-                                    " shell demo.hello --json"});
+    Child shell("/bin/sh", {"-c", "printf 'greet Ann\n.state\nsing\n' | " NELVOCTL
+                                  " shell demo.hello --json"});
     EXPECT_EQ(shell.wait(), 1); // the worst of the three
     trace.signal(SIGTERM);
     EXPECT_EQ(trace.wait(), 0) << trace.err();
@@ -309,12 +309,12 @@ TEST_F(NelvoctlTest, HasNoCauseThatTheManualLeavesOut) {
 }
 
 TEST_F(NelvoctlTest, CompletesTheIdsOfRunningApplications) {
-    Process hello(HELLO, {});
+    Child hello(HELLO, {});
     waitUntilServed("demo.hello");
-    Process bash("/bin/bash",
-                 {"-c", "source " SOURCES "/completions/nelvoctl.bash; COMP_WORDS=(" NELVOCTL
-                        " state --timeout 3 demo.h); COMP_CWORD=4; _nelvoctl; "
-                        "echo ${COMPREPLY[*]}"});
+    Child bash("/bin/bash",
+               {"-c", "source " SOURCES "/completions/nelvoctl.bash; COMP_WORDS=(" NELVOCTL
+                      " state --timeout 3 demo.h); COMP_CWORD=4; _nelvoctl; "
+                      "echo ${COMPREPLY[*]}"});
     EXPECT_EQ(bash.wait(), 0) << bash.err();
     EXPECT_EQ(bash.out(), "demo.hello\n");
 }

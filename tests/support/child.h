@@ -1,30 +1,59 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdio>
-#include <cstdlib>
+#include <chrono>
+#include <functional>
 #include <string>
+#include <vector>
 
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/types.h>
 
-// Runs work in a child process, for what the platform decides once per process, and returns what it
-// wrote to stderr; nothing but "failed" of a child that failed.
+namespace nelvo::testkit {
+
+constexpr std::chrono::seconds PATIENCE(20); // for what takes milliseconds on an idle machine
+
+// A child process, which runs a program or a function; killed and reaped when the object goes out of
+// scope, and killed when its parent dies.
+class Child {
+public:
+    enum Output { CAPTURED, INHERITED };
+
+    Child(const std::string &program, const std::vector<std::string> &arguments);
+    // The function's result is the exit code, 1 after an exception. The child ends with exit(), so that
+    // the leak sanitizer looks for leaks and a coverage build notes what was reached.
+    explicit Child(const std::function<int()> &work, Output output = CAPTURED);
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+    ~Child();
+
+    pid_t pid() const { return _pid; }
+    void signal(int number) const;
+    // What the child has written so far.
+    std::string out() const { return textOf(_out); }
+    std::string err() const { return textOf(_err); }
+
+    // Waits for the end. The exit code; -N when signal N ended the child, SIGKILL also for a child that
+    // did not end in time.
+    int wait(std::chrono::seconds limit = PATIENCE);
+    // False when the child ended or PATIENCE was over before it wrote the text to stderr.
+    bool waitForErr(const std::string &text);
+
+private:
+    void start(const std::function<int()> &work, Output output);
+    bool ends(std::chrono::milliseconds within) const;
+    static std::string textOf(int file);
+
+    pid_t _pid = -1; // -1 once the child is reaped
+    int _out, _err;  // files in memory
+    int _status = 0;
+};
+
+// Runs work in a child process, for what the platform decides once per process, and returns what the
+// child wrote to stderr; only "failed" when the child did not exit with 0.
 template <typename Work>
 std::string stderrOfChild(Work work) {
-    const int file = memfd_create("stderr", 0);
-    std::fflush(nullptr); // or the child would print what is buffered
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(file, STDERR_FILENO);
-        work();
-        std::exit(0); // not _exit(): on the way out a coverage build notes what was reached
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    std::string output(100000, '\0');
-    const ssize_t size = pread(file, output.data(), output.size(), 0);
-    close(file);
-    return status == 0 && size >= 0 ? output.substr(0, static_cast<std::size_t>(size)) : "failed";
+    Child child([&] { return work(), 0; });
+    return child.wait() == 0 ? child.err() : "failed";
 }
+
+} // namespace nelvo::testkit

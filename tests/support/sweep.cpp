@@ -9,13 +9,12 @@
 
 #include <fnmatch.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <host/sim.h>
 #include <nelvo.h>
 
 #include "allocation_faults.h"
+#include "child.h"
 #include "platform_faults.h"
 
 namespace nelvo::testkit {
@@ -87,16 +86,10 @@ Outcome playWhole(const Point &point, const std::vector<std::string> &logPattern
 } // namespace
 
 Outcome inChild(const std::string &name, const std::function<Outcome()> &work) {
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(HANG_SECONDS);                 // a hang ends as a death
-        std::exit(static_cast<int>(work())); // not _exit(): a leak is looked for on the way out
-    }
-    int status = 0;
-    if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
-        WEXITSTATUS(status) <= static_cast<int>(Outcome::BROKEN))
-        return static_cast<Outcome>(WEXITSTATUS(status));
-    std::fprintf(stderr, "%s: died, status %d\n", name.c_str(), status);
+    const int code = Child([&] { return static_cast<int>(work()); }, Child::INHERITED).wait(HANG);
+    if (code >= 0 && code <= static_cast<int>(Outcome::BROKEN))
+        return static_cast<Outcome>(code);
+    std::fprintf(stderr, "%s: died or hung, status %d\n", name.c_str(), code);
     return Outcome::BROKEN;
 }
 

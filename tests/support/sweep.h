@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,17 +20,11 @@ struct Point {
 
 enum class Outcome : int { HELD, NOT_REACHED, BROKEN };
 
-constexpr unsigned HANG_SECONDS = 20;
+constexpr std::chrono::seconds HANG(20);
 
 // What the work says in a process of its own; BROKEN when that dies, hangs or leaks, which is said on
 // stderr.
 Outcome inChild(const std::string &name, const std::function<Outcome()> &work);
-
-// What sweeps add to each other.
-struct Tally {
-    int points = 0;
-    int failures = 0;
-};
 
 // Plays the point in a process of its own. Afterwards a healthy application must be possible, nothing
 // may be left of what the library held, and each line that it logged must match one of the patterns

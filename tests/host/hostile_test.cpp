@@ -1,0 +1,516 @@
+// SPDX-License-Identifier: Apache-2.0
+// An application of the library and clients that mean it ill, over real sockets and in virtual time.
+// Whatever they do: the application lives, an honest client that is connected meanwhile gets all its
+// answers, the next client is served, and no descriptor and no timer is left.
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <host/sim.h>
+#include <nelvo.h>
+#include <nelvo/testkit.h>
+
+#include "raw_client.h"
+
+namespace nelvo::testkit {
+namespace {
+
+using namespace wire;
+
+// The limits of docs/host-platform.md.
+constexpr std::uint32_t FRAME_LIMIT = 16 << 20;
+constexpr std::size_t QUEUE_LIMIT_MEBIBYTES = 32;
+constexpr std::size_t INCOMPLETE_LIMIT = 64;
+constexpr double HANDSHAKE_SECONDS = 5;
+constexpr std::size_t CONNECTION_LIMIT = 4096;
+constexpr rlim_t SPARE_DESCRIPTORS = 32;
+constexpr double MORE_THAN_A_REQUEST = 31;
+
+void greet(void *handler, bundle *request, void *calls) {
+    char *name = nullptr;
+    ++*static_cast<int *>(calls);
+    bundle_get_str(request, "actionParams", &name);
+    nelvo_complete_action_execution(handler, ("Hello, " + std::string(name) + "!").c_str());
+}
+
+void flood(void *handler, bundle *, void *) {
+    nelvo_complete_action_execution(handler, std::string(1 << 20, 'x').c_str());
+}
+
+void tellState(void *handler, void *calls) {
+    ++*static_cast<int *>(calls);
+    nelvo_complete_app_state_request(handler, "{}");
+}
+
+rlimit descriptorLimit() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    return limit;
+}
+
+std::size_t descriptors() {
+    namespace fs = std::filesystem;
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+long memoryKiB() {
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// Serves on a socket of its own as long as the process lives: there is no way back from virtual time.
+struct Application {
+    Application() {
+        rlimit limit = descriptorLimit();
+        limit.rlim_cur = limit.rlim_max; // for the attackers' own sockets
+        setrlimit(RLIMIT_NOFILE, &limit);
+        setenv("NELVO_HOST_RUNTIME_DIR", mkdtemp(folder), 1);
+        unsetenv("NELVO_HOST_APP_ID");
+        unsetenv("NELVO_HOST_MANIFEST");
+        host_sim_set_manifest("<manifest><ui-application appid=\"demo.app\"><metadata key="
+                              "\"http://developer.tizen.org/tizen/metadata/nelvo/sdk/version\" "
+                              "value=\"1.0\"/></ui-application></manifest>");
+        path = std::string(folder) + "/demo.app:message";
+        EXPECT_EQ(nelvo_initialize(), NELVO_ERROR_NONE);
+        device.emplace("demo.app");
+        nelvo_set_action_execution_cb("greet", greet, &calls);
+        nelvo_set_action_execution_cb("flood", flood, nullptr);
+        nelvo_set_app_state_request_cb(tellState, &calls);
+    }
+    ~Application() {
+        nelvo_deinitialize();
+        std::filesystem::remove_all(folder);
+    }
+
+    char folder[20] = "hostile-XXXXXX";
+    std::string path;
+    int calls = 0; // of its callbacks
+    std::optional<Simulation> device;
+};
+
+struct Pair {
+    RawSocket callback, main;
+    explicit Pair(const std::string &path) : callback(path), main(path) {}
+};
+
+class HostileTest : public testing::Test {
+protected:
+    static Application &app() {
+        static Application application;
+        return application;
+    }
+    static void pass(double seconds = 0) {
+        app().device->advance(seconds);
+        app().device->clearLog();
+    }
+
+    // A socket on which this is said.
+    RawSocket &open(const std::string &bytes = "") {
+        while (!sockets.emplace_back(app().path).isConnected()) {
+            sockets.pop_back(); // the queue for new clients is full
+            pass();
+        }
+        say(sockets.back(), bytes);
+        return sockets.back();
+    }
+    // Both channels of a connection; gives the main one. The callback channel stands before it.
+    RawSocket &connect(const std::string &sender = "mallory") {
+        const std::string token = freshToken();
+        open(hello(CALLBACK, token, sender));
+        return open(hello(MAIN, token, sender));
+    }
+    // Every byte, as long as the connection lasts.
+    static void say(RawSocket &socket, std::string_view bytes) {
+        do {
+            bytes.remove_prefix(socket.say(bytes));
+            pass();
+        } while (!bytes.empty() && !socket.hasEnded());
+    }
+    static bool hears(RawSocket &socket, const std::string &text) {
+        return socket.heard().find(text) != std::string::npos;
+    }
+    bool stays(RawSocket &socket) {
+        askHonestly();
+        return !socket.hasEnded();
+    }
+
+    // The honest client asks once more, and has an answer to each of its questions.
+    void askHonestly() {
+        static Pair client = joined("honest");
+        static std::size_t asked = 0;
+        ask(client, "honest", ++asked);
+    }
+    static Pair joined(const std::string &name) {
+        Pair client(app().path);
+        const std::string token = freshToken();
+        client.callback.say(hello(CALLBACK, token, name));
+        client.main.say(hello(MAIN, token, name) + setCb());
+        return client;
+    }
+    static void ask(Pair &client, const std::string &name, std::size_t asked) {
+        client.main.say(request("greet", name));
+        pass();
+        const std::string answer = "Hello, " + name + "!", heard = client.callback.heard();
+        std::size_t answers = 0;
+        for (auto at = heard.find(answer); at != std::string::npos; at = heard.find(answer, at + 1))
+            ++answers;
+        EXPECT_EQ(answers, asked) << "answers to " << name;
+    }
+    static void serveNext() {
+        Pair next = joined("next");
+        ask(next, "next", 1);
+    }
+
+    // Plays one attack, whose sockets stay open until it is over.
+    void play(const std::string &what, const std::function<void()> &attack) {
+        SCOPED_TRACE(what);
+        askHonestly();
+        const std::size_t before = descriptors();
+        attack();
+        askHonestly();
+        sockets.clear();
+        pass(HANDSHAKE_SECONDS + 0.1);
+        serveNext();
+        pass(MORE_THAN_A_REQUEST);
+        EXPECT_EQ(descriptors(), before);
+        EXPECT_EQ(host_sim_timer_count(), 0);
+    }
+
+    std::deque<RawSocket> sockets;
+};
+
+TEST_F(HostileTest, MaySayAnyLength) {
+    for (const std::uint32_t length : {0U, 1U, FRAME_LIMIT, FRAME_LIMIT + 1, 1U << 31, ~0U}) {
+        const bool isPossible = length > 0 && length <= FRAME_LIMIT;
+        play("length " + std::to_string(length), [&] {
+            RawSocket &fresh = open(number(length) + (length == 1 ? "x" : ""));
+            EXPECT_TRUE(fresh.hasEnded()) << "before the hello";
+            RawSocket &main = connect();
+            say(main, number(length));
+            EXPECT_EQ(stays(main), isPossible) << "on the main channel";
+            if (isPossible)
+                say(main, std::string(length, 'x'));
+            EXPECT_TRUE(main.hasEnded()) << "a parcel of the letter x";
+            RawSocket &other = connect();
+            say(sockets[sockets.size() - 2], number(length));
+            EXPECT_TRUE(other.hasEnded()) << "on the callback channel";
+        });
+    }
+    play("memory for frames that do not come", [&] {
+        const long before = memoryKiB();
+        for (int i = 0; i < 40; ++i)
+            say(connect(), number(FRAME_LIMIT) + "only this");
+        EXPECT_LT(memoryKiB() - before, 100'000);
+    });
+}
+
+TEST_F(HostileTest, MaySayEveryThingSlowly) {
+    const auto sayByteByByte = [](RawSocket &socket, const std::string &bytes) {
+        for (const char byte : bytes) {
+            say(socket, {&byte, 1});
+            pass(1);
+        }
+    };
+    play("a hello with a byte a second", [&] {
+        RawSocket &socket = open();
+        sayByteByByte(socket, hello(MAIN, freshToken()).substr(0, 4));
+        EXPECT_TRUE(stays(socket));
+        pass(HANDSHAKE_SECONDS - 4);
+        EXPECT_TRUE(socket.hasEnded());
+    });
+    play("a request with a byte a second", [&] {
+        say(connect(), setCb());
+        sayByteByByte(sockets.back(), request("greet", "Mallory"));
+        EXPECT_TRUE(hears(sockets[0], "Hello, Mallory!"));
+    });
+    for (const char channel : {MAIN, CALLBACK})
+        play(channel == MAIN ? "no callback channel" : "no main channel", [&] {
+            RawSocket &socket = open(hello(channel, freshToken()) +
+                                     (channel == MAIN ? request("greet", "too early") : ""));
+            EXPECT_TRUE(stays(socket));
+            pass(HANDSHAKE_SECONDS);
+            EXPECT_TRUE(socket.hasEnded());
+        });
+}
+
+TEST_F(HostileTest, MayBeMany) {
+    play("silent connections", [&] {
+        const rlim_t count = std::min<rlim_t>(3000, descriptorLimit().rlim_cur / 2);
+        for (rlim_t i = 0; i < count; ++i)
+            open();
+        std::size_t left = 0;
+        for (RawSocket &socket : sockets)
+            left += !socket.hasEnded();
+        EXPECT_EQ(left, INCOMPLETE_LIMIT);
+        EXPECT_FALSE(sockets.back().hasEnded()) << "the oldest ones go";
+    });
+    play("more connections than are taken", [&] {
+        std::size_t taken = 0;
+        while (taken <= CONNECTION_LIMIT && !connect().hasEnded())
+            ++taken;
+        const bool hasRoom = descriptorLimit().rlim_cur > 4 * CONNECTION_LIMIT + 100;
+        EXPECT_TRUE(taken == CONNECTION_LIMIT - 1 || (!hasRoom && taken < CONNECTION_LIMIT))
+            << taken << " beside the honest one";
+    });
+    play("a burst of requests", [&] {
+        say(connect(), setCb());
+        std::string requests;
+        for (int i = 0; i < 1000; ++i)
+            requests += request("greet", "Mallory");
+        for (int i = 0; i < 10; ++i) {
+            say(sockets.back(), requests);
+            askHonestly();
+        }
+        EXPECT_TRUE(stays(sockets.back()));
+    });
+    play("answers that are never read", [&] {
+        RawSocket &socket = connect();
+        say(socket, setCb());
+        const std::string ask = request("flood");
+        for (std::size_t mebibytes = 0; mebibytes < QUEUE_LIMIT_MEBIBYTES; ++mebibytes)
+            socket.say(ask), pass();
+        EXPECT_EQ(socket.say(ask), ask.size()) << "its queue is not full yet";
+        pass();
+        EXPECT_TRUE(socket.hasEnded());
+    });
+}
+
+// The attacker is not on the allow list, and takes all descriptors so that it cannot be opened.
+TEST_F(HostileTest, MayTakeAllDescriptors) {
+    play("all descriptors", [&] {
+        app().device->setAllowList("honest\n");
+        RawSocket &stranger = connect();
+        for (int i = 0; i < 200; ++i)
+            sockets.emplace_back(app().path);
+        const int firstFree = dup(0);
+        close(firstFree);
+        const rlimit before = descriptorLimit();
+        const rlimit few{static_cast<rlim_t>(firstFree) + SPARE_DESCRIPTORS + 8, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+        pass();
+        EXPECT_TRUE(sockets.back().hasEnded());
+        const int calls = app().calls;
+        say(stranger, request("greet", "Mallory"));
+        EXPECT_EQ(app().calls, calls);
+        askHonestly();
+        setrlimit(RLIMIT_NOFILE, &before);
+        app().device->removeAllowList();
+    });
+}
+
+TEST_F(HostileTest, MayHaveAnyName) {
+    const std::string names[] = {"",
+                                 ".",
+                                 "..",
+                                 "../a",
+                                 "a/b",
+                                 "a..b",
+                                 "/",
+                                 "-a",
+                                 ".a",
+                                 "a\nb",
+                                 "a b",
+                                 "\xff",
+                                 "%n%s",
+                                 "a:b",
+                                 "\x1b[2J",
+                                 std::string("a\0b", 3),
+                                 std::string(128, 'a'),
+                                 std::string(255, 'a')};
+    for (const std::string &name : names)
+        play("named \"" + name + "\"", [&] {
+            EXPECT_TRUE(open(hello(MAIN, freshToken(), name)).hasEnded());
+            EXPECT_TRUE(open(hello(CALLBACK, freshToken(), name)).hasEnded());
+        });
+    play("the longest name", [&] { EXPECT_TRUE(stays(connect(std::string(127, 'a')))); });
+    play("the honest client's name", [&] {
+        connect("honest");
+        connect("honest").endSpeech();
+    });
+}
+
+TEST_F(HostileTest, MaySendAnyMethod) {
+    for (const int id : {0, 1, 5, 255, -1, 1 << 30, INT32_MIN, INT32_MAX})
+        play("method " + std::to_string(id), [&] {
+            say(connect(), method(id, bundleOf({})));
+            EXPECT_TRUE(sockets.back().hasEnded());
+        });
+}
+
+TEST_F(HostileTest, MaySendAnyBundle) {
+    const std::string good =
+        entry(TEXT, "actionId", text("greet")) + entry(TEXT, "actionParams", text("world"));
+    const std::string zero(1, '\0'), many = number(~0U);
+    const auto counted = [&](std::uint32_t count, const std::string &more) {
+        return frame(number(count + 2) + good + more); // good is two entries
+    };
+    const std::pair<const char *, std::string> rows[] = {
+        {"nothing", ""},
+        {"no entry", bundleOf({})},
+        {"a text without its zero", bundleOf({entry(TEXT, "actionId", frame("greet"))})},
+        {"a text with a zero inside",
+         bundleOf({entry(TEXT, "actionId", frame("a" + zero + "b" + zero))})},
+        {"a text of no bytes", bundleOf({entry(TEXT, "actionId", frame(""))})},
+        {"a text that never ends", bundleOf({entry(TEXT, "actionId", many + "greet")})},
+        {"a key without its zero",
+         bundleOf({std::string(1, TEXT) + frame("actionId") + text("greet")})},
+        {"an empty key", counted(1, entry(TEXT, "", text("greet")))},
+        {"a key twice", counted(2, good)},
+        {"type 0", counted(1, entry(0, "k", text("v")))},
+        {"type 4", counted(1, entry(4, "k", text("v")))},
+        {"type 255", counted(1, entry('\xff', "k", text("v")))},
+        {"no bytes", counted(1, entry(BYTES, "k", frame("")))},
+        {"a request id of 7 bytes", counted(1, entry(BYTES, "requestId", frame("1234567")))},
+        {"a request id that is a text", counted(1, entry(TEXT, "requestId", text("1234567")))},
+        {"an action id of bytes", bundleOf({entry(BYTES, "actionId", frame("greet" + zero))})},
+        {"an action id of texts", bundleOf({entry(TEXTS, "actionId", number(1) + text("greet"))})},
+        {"texts without number", counted(1, entry(TEXTS, "k", many))},
+        {"entries without number", frame(many + good)},
+        {"fewer entries than it says", counted(1, "")},
+        {"more than it says", frame(number(1) + good)},
+        {"more than there is", number(1 << 20) + number(2) + good},
+    };
+    for (const auto &[name, bytes] : rows)
+        play(name, [&, bytes = bytes] {
+            say(connect(), setCb() + method(4, bytes) + request("greet", "Mallory"));
+            EXPECT_TRUE(hears(sockets[0], "Hello, Mallory!"));
+            EXPECT_FALSE(hears(sockets[0], "world")) << "it was carried out";
+        });
+    play("100000 keys", [&] {
+        std::string entries;
+        for (int i = 0; i < 100'000; ++i)
+            entries += entry(TEXT, "k" + std::to_string(i), text("v"));
+        say(connect(), setCb() + method(4, counted(100'000, entries)));
+        EXPECT_TRUE(hears(sockets[0], "Hello, world!"));
+    });
+}
+
+TEST_F(HostileTest, MaySendAnyText) {
+    for (const std::string &value :
+         {std::string("%n%n%s%s%p"), std::string("\r\x1b[2J\x07\x9b\nE FORGED: line"),
+          std::string("\xff\xc0\x80"), std::string(100'000, 'x'), std::string(10'000, '\n'),
+          std::string(), std::string("../../etc")})
+        play("text of " + std::to_string(value.size()), [&] {
+            say(connect(), setCb() + request(value) + request("greet", value));
+            EXPECT_TRUE(hears(sockets[0], "Hello, " + value + "!"));
+        });
+}
+
+// What a client says that registers and asks for an action and the state; every case plays it under a
+// token of its own, with an end or an error at another place.
+struct Session {
+    struct Piece {
+        bool onCallback;
+        std::string bytes;
+    };
+    std::vector<Piece> pieces;
+    std::size_t hellos = 0, size = 0; // in bytes
+
+    Session() {
+        const std::string token = freshToken();
+        pieces = {{true, hello(CALLBACK, token)},
+                  {false, hello(MAIN, token)},
+                  {false, setCb()},
+                  {false, request("greet", "Ann")},
+                  {false, request("getAppContext")}};
+        hellos = pieces[0].bytes.size() + pieces[1].bytes.size();
+        for (const Piece &piece : pieces)
+            size += piece.bytes.size();
+    }
+    Piece &pieceAt(std::size_t &byte) { // which becomes the place inside it
+        auto piece = pieces.begin();
+        for (; byte >= piece->bytes.size(); ++piece)
+            byte -= piece->bytes.size();
+        return *piece;
+    }
+    int requestsWithin(std::size_t bytes) const {
+        return (bytes >= size) + (bytes >= size - pieces.back().bytes.size());
+    }
+    void say(Pair &client, std::size_t from, std::size_t to) const {
+        std::size_t start = 0;
+        for (const Piece &piece : pieces) {
+            const std::size_t first = std::max(from, start);
+            const std::size_t last = std::min(to, start + piece.bytes.size());
+            if (first < last)
+                (piece.onCallback ? client.callback : client.main)
+                    .say(std::string_view(piece.bytes).substr(first - start, last - first));
+            start += piece.bytes.size();
+        }
+    }
+};
+
+TEST_F(HostileTest, MayEndASessionAtAnyByte) {
+    enum Way { PAUSE, BOTH_ENDS_AT_ONCE, BOTH_ENDS_UNREAD, ONE_END };
+    for (const Way way : {PAUSE, BOTH_ENDS_AT_ONCE, BOTH_ENDS_UNREAD, ONE_END})
+        for (std::size_t at = 1; at <= Session().size; ++at) {
+            SCOPED_TRACE(testing::Message() << "way " << way << " at byte " << at);
+            Session session;
+            const int calls = app().calls;
+            {
+                Pair client(app().path);
+                session.say(client, 0, std::min(at, session.hellos));
+                pass();
+                session.say(client, session.hellos, at);
+                if (way == BOTH_ENDS_AT_ONCE)
+                    client.main.heard(), client.callback.heard();
+                else
+                    pass();
+                if (way == PAUSE) {
+                    session.say(client, at, session.size);
+                    pass();
+                    EXPECT_TRUE(hears(client.callback, "Hello, Ann!"));
+                } else if (way == ONE_END) {
+                    std::size_t byte = at - 1;
+                    (session.pieceAt(byte).onCallback ? client.callback : client.main).endSpeech();
+                    pass(HANDSHAKE_SECONDS + 0.1);
+                    EXPECT_TRUE(client.main.hasEnded() && client.callback.hasEnded());
+                }
+            }
+            pass();
+            EXPECT_EQ(app().calls - calls,
+                      session.requestsWithin(way == PAUSE ? session.size : at));
+            serveNext();
+            if (HasFailure())
+                return;
+        }
+    pass(MORE_THAN_A_REQUEST);
+    EXPECT_EQ(host_sim_timer_count(), 0);
+}
+
+TEST_F(HostileTest, MayFlipAnyBit) {
+    for (std::size_t bit = 0; bit < 8 * Session().size; ++bit) {
+        SCOPED_TRACE(testing::Message() << "bit " << bit);
+        Session session;
+        std::size_t byte = bit / 8;
+        char &flipped = session.pieceAt(byte).bytes[byte];
+        flipped = static_cast<char>(flipped ^ (1 << bit % 8));
+        const int calls = app().calls;
+        {
+            Pair client(app().path);
+            session.say(client, 0, session.size);
+            pass();
+        }
+        pass();
+        if (bit / 8 < session.hellos) {
+            EXPECT_EQ(app().calls, calls) << "a wrong hello is taken";
+        }
+        serveNext();
+        if (HasFailure())
+            return;
+    }
+    pass(HANDSHAKE_SECONDS + MORE_THAN_A_REQUEST);
+    EXPECT_EQ(host_sim_timer_count(), 0);
+}
+
+} // namespace
+} // namespace nelvo::testkit

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each byte is a step of tests/support/play.h: any input is a script, and the model beside it knows what
-// must come of it.
+// Each byte is a step of tests/support/play.h: any input is a script, parcels of any content among its
+// steps, and the model beside it knows what must come of it.
 #include <host/sim.h>
 
 #include "fuzzing.h"
@@ -8,7 +8,7 @@
 #include "play.h"
 
 void nelvo::testkit::fuzz(Input input) {
-    static const std::string steps = "IJARTSF{}OPDaNsLlGCKXWB2.-_";
+    static const std::string steps = Play::letters() + "{}[],-0123456789";
     static Simulation &device = *new Simulation;
     std::string script = input.rest();
     for (char &step : script)

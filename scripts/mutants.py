@@ -3,7 +3,8 @@
 """Breaks the library in small ways and sees whether the tests notice.
 
 Works in a copy of the tree, with all test sources in one program; every case runs in a process of
-its own, as under ctest, and the first one that fails ends the run.
+its own, as under ctest, and the first one that fails ends the run. With --matrix all cases run against each
+mutant, and a table tells how many mutants each suite notices, and how many no other suite does.
 """
 import collections
 import concurrent.futures
@@ -180,8 +181,13 @@ class Cases:
             self._kills[case] += 1
 
 
-def try_mutant(mutant, text, program, cases, worker):
-    """Whether it is noticed; None when it does not compile."""
+def suite_of(case):
+    """OfPlay/RequestTest.Name/0 and RequestTest.Name both belong to RequestTest."""
+    return case.split(".")[0].split("/")[-1]
+
+
+def try_mutant(mutant, text, program, cases, worker, all_suites):
+    """The suites that notice it, only the first unless all are asked for; None when it does not compile."""
     folder = WORK / f"worker{worker}"
     broken = folder / mutant.file
     broken.write_text(text[:mutant.start] + mutant.text + text[mutant.end:])
@@ -194,11 +200,14 @@ def try_mutant(mutant, text, program, cases, worker):
         binary = folder / "tests"
         if run(program.link(program.objects(objects), binary), BUILD, COMPILE_SECONDS) != 0:
             return None
+        suites = set()
         for case in cases.in_order(mutant.file):
-            if not cases.passes(binary, case, folder):
+            if suite_of(case) not in suites and not cases.passes(binary, case, folder):
                 cases.noticed(mutant.file, case)
-                return True
-        return False
+                suites.add(suite_of(case))
+                if not all_suites:
+                    break
+        return suites
     finally:
         broken.write_text(text)
 
@@ -213,7 +222,7 @@ def show_progress(done, total, survived, begin):
         print(text, file=sys.stderr, flush=True)
 
 
-def try_all(mutants, texts, program, cases):
+def try_all(mutants, texts, program, cases, all_suites):
     workers = list(range(os.cpu_count() or 1))
     for worker in workers:
         shutil.copytree(TREE / "src", WORK / f"worker{worker}" / "src", dirs_exist_ok=True)
@@ -223,7 +232,7 @@ def try_all(mutants, texts, program, cases):
     def work(mutant):
         worker = workers.pop()
         try:
-            return try_mutant(mutant, texts[mutant.file], program, cases, worker)
+            return try_mutant(mutant, texts[mutant.file], program, cases, worker, all_suites)
         finally:
             workers.append(worker)
 
@@ -231,7 +240,7 @@ def try_all(mutants, texts, program, cases):
         running = {pool.submit(work, mutant): mutant for mutant in mutants}
         for future in concurrent.futures.as_completed(running):
             results[running[future]] = future.result()
-            survived = sum(result is False for result in results.values())
+            survived = sum(result == set() for result in results.values())
             show_progress(len(results), len(mutants), survived, begin)
     return results
 
@@ -249,14 +258,24 @@ def describe(mutant, text):
     return f"{mutant.file}:{line}\n    before  {before}\n    after   {after}"
 
 
+def print_matrix(results):
+    noticed = collections.Counter(suite for suites in results for suite in suites)
+    alone = collections.Counter(suite for suites in results if len(suites) == 1 for suite in suites)
+    print(f"{'suite':32} notices  alone")
+    for suite, count in noticed.most_common():
+        print(f"{suite:32} {count:7} {alone[suite]:6}")
+
+
 def sample(mutants, count):
     """The same ones each time, spread over all files."""
     return [mutants[i * len(mutants) // count] for i in range(min(count, len(mutants)))]
 
 
 def main(arguments):
+    matrix = "--matrix" in arguments
+    arguments = [argument for argument in arguments if argument != "--matrix"]
     if len(arguments) > 1 or arguments and not re.fullmatch("[1-9][0-9]*", arguments[0]):
-        raise Trouble("mutants takes the number of mutants to make, and nothing else")
+        raise Trouble("mutants takes the number of mutants to make, and --matrix")
     for name in [name for name in os.environ if name.startswith("NELVO_")]:
         del os.environ[name]
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
@@ -276,9 +295,11 @@ def main(arguments):
         mutants += File(name, texts[name]).mutants
     if arguments:
         mutants = sample(mutants, int(arguments[0]))
-    results = try_all(mutants, texts, program, cases)
+    results = try_all(mutants, texts, program, cases, matrix)
 
-    survivors = [mutant for mutant in mutants if results[mutant] is False]
+    if matrix:
+        print_matrix([suites for suites in results.values() if suites])
+    survivors = [mutant for mutant in mutants if results[mutant] == set()]
     for mutant in survivors:
         print(describe(mutant, texts[mutant.file]))
     compiled = sum(result is not None for result in results.values())

@@ -2,8 +2,10 @@
 #include "play.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <utility>
 
@@ -11,6 +13,7 @@
 #include <nelvo.h>
 
 #include "client/envelope.h"
+#include "client_wire.h"
 #include "fault_scope.h"
 #include "platform_faults.h"
 
@@ -21,6 +24,8 @@ constexpr double TICK = 0.02;
 constexpr double WAIT_SECONDS = 6 * TICK;
 constexpr double WATCH_SECONDS = 30;
 constexpr double ROUNDING = 1e-6;
+constexpr const char *STATE = "getAppContext";
+constexpr int ALWAYS = INT_MAX;
 constexpr const char *SUCCESS = "ACTION_EXECUTION_SUCCESS";
 constexpr const char *FAILURE = "ACTION_EXECUTION_FAILURE";
 const std::map<int, std::string> CODES = {{NELVO_ERROR_NONE, "NONE"},
@@ -45,144 +50,114 @@ std::string describe(const Answer &answer) {
 
 } // namespace
 
+struct Play::Step {
+    char letter;
+    const char *meaning;
+    void (*play)(Play &);
+};
+
+const Play::Step Play::STEPS[] = {
+    {'I', "initialize", [](Play &play) { play.initialize(); }},
+    {'D', "deinitialize", [](Play &play) { play.deinitialize(); }},
+    {'A', "register the action play",
+     [](Play &play) {
+         play.registered("play", true,
+                         library(nelvo_set_action_execution_cb, "play", actionCb, &play));
+     }},
+    {'a', "unset it",
+     [](Play &play) {
+         play.registered("play", false, library(nelvo_unset_action_execution_cb, "play"));
+     }},
+    {'N', "register a null callback for it",
+     [](Play &play) {
+         play.registered("play", false,
+                         library(nelvo_set_action_execution_cb, "play", nullptr, nullptr));
+     }},
+    {'L', "register the action late",
+     [](Play &play) {
+         play.registered("late", true,
+                         library(nelvo_set_action_execution_cb, "late", actionCb, &play));
+     }},
+    {'l', "unset it",
+     [](Play &play) {
+         play.registered("late", false, library(nelvo_unset_action_execution_cb, "late"));
+     }},
+    {'S', "register for the state",
+     [](Play &play) {
+         play.registered("state", true, library(nelvo_set_app_state_request_cb, stateCb, &play));
+     }},
+    {'s', "unset it",
+     [](Play &play) {
+         play.registered("state", false, library(nelvo_unset_app_state_request_cb));
+     }},
+    {'F', "complete the latest request", [](Play &play) { play.complete(play._latest, false); }},
+    {'O', "complete the one before it", [](Play &play) { play.complete(play._former, false); }},
+    {'P', "complete the latest as one of the other kind",
+     [](Play &play) { play.complete(play._latest, true); }},
+    {'G', "ask for the name of the latest", [](Play &play) { play.askName(); }},
+    {'2', "the next step is the second client's", [](Play &play) { play._who = 1; }},
+    {'C', "connect", [](Play &play) { play.connect(false); }},
+    {'J', "connect and register the response callback", [](Play &play) { play.connect(true); }},
+    {'K', "UnsetCB", [](Play &play) { play.unregister(); }},
+    {'X', "disconnect", [](Play &play) { play.disconnect(); }},
+    {'R', "request play", [](Play &play) { play.request("play"); }},
+    {'W', "request late", [](Play &play) { play.request("late"); }},
+    {'T', "request the state", [](Play &play) { play.request(STATE); }},
+    {'B', "send a malformed request", [](Play &play) { play.sendMalformed(); }},
+    {'.', "0.02 s pass", [](Play &play) { play.pass("... 0.02 s", TICK); }},
+    {'-', "0.2 s pass", [](Play &play) { play.pass("... 0.2 s", 0.2); }},
+    {'_', "31 s pass", [](Play &play) { play.pass("... 31 s", 31); }},
+};
+
+std::string Play::letters() {
+    std::string letters;
+    for (const Step &step : STEPS)
+        letters += step.letter;
+    return letters;
+}
+
 Play::Play(Simulation &device, Check check)
     : _device(device), _check(check), _clients{Client("demo.client"), Client("other.client")} {}
-
-Play::~Play() = default;
 
 void Play::play(const std::string &script) {
     const FaultScope scope(false);
     for (std::size_t i = 0; i < script.size(); ++i) {
-        _script += script[i];
-        if (script[i] == '{') {
-            const std::size_t end = std::min(script.find('}', i), script.size());
+        const bool isDeed = script[i] == '{', isParcel = script[i] == '[';
+        const std::size_t end =
+            isDeed || isParcel ? std::min(script.find(isDeed ? '}' : ']', i), script.size()) : i;
+        _script += script.substr(i, end - i + 1);
+        if (isDeed)
             _inside = script.substr(i + 1, end - i - 1);
-            _script += _inside + "}";
-            i = end;
-            continue;
-        }
-        step(script[i]);
-        if (_depth == 0) {
+        else if (isParcel)
+            sendParcel(script.substr(i + 1, end - i - 1));
+        else
+            step(script[i]);
+        if (_depth == 0 && !isDeed) {
             _device.advance(0);
             compareAnswers();
         }
+        i = end;
     }
 }
 
-void Play::step(char code) {
-    const int ok = _initialized ? NELVO_ERROR_NONE : NELVO_ERROR_OPERATION_FAILED;
-    const auto change = [&](const char *name, bool add, int result) {
-        expect(name, result, ok);
-        if (!_initialized)
-            return;
-        if (add)
-            _registered.insert(name);
-        else
-            _registered.erase(name);
-        _registeredAt = host_sim_now();
-    };
-    const int client = _who;
-    if (code != '2')
-        _who = 0;
-    switch (code) {
-    case '2':
-        _who = 1;
-        break;
-    case 'I': {
-        expect("initialize", library(nelvo_initialize), NELVO_ERROR_NONE);
-        if (!_initialized)
-            _number = 1;
-        _initialized = true;
-        break;
-    }
-    case 'D':
-        stop();
-        break;
-    case 'A':
-        change("play", true, library(nelvo_set_action_execution_cb, "play", actionCb, this));
-        break;
-    case 'a':
-        change("play", false, library(nelvo_unset_action_execution_cb, "play"));
-        break;
-    case 'N':
-        change("play", false, library(nelvo_set_action_execution_cb, "play", nullptr, nullptr));
-        break;
-    case 'L':
-        change("late", true, library(nelvo_set_action_execution_cb, "late", actionCb, this));
-        break;
-    case 'l':
-        change("late", false, library(nelvo_unset_action_execution_cb, "late"));
-        break;
-    case 'S':
-        change("state", true, library(nelvo_set_app_state_request_cb, stateCb, this));
-        break;
-    case 's':
-        change("state", false, library(nelvo_unset_app_state_request_cb));
-        break;
-    case 'F':
-        complete(_latest, _latest.kind);
-        break;
-    case 'O':
-        complete(_former, _former.kind);
-        break;
-    case 'P':
-        complete(_latest, _latest.kind == Kind::STATE ? Kind::ACTION : Kind::STATE);
-        break;
-    case 'G':
-        askName();
-        break;
-    case 'C':
-    case 'J':
-        _who = client;
-        join(code == 'J');
-        break;
-    case 'K':
-        if (_clients[client].connected()) {
-            expect("UnsetCB", _clients[client].unsetCb(), 0);
-            _reachable[client] = false;
-        }
-        break;
-    case 'X':
-        _clients[client].disconnect();
-        _reachable[client] = false;
-        break;
-    case 'R':
-    case 'W':
-    case 'T':
-    case 'B':
-        _who = client;
-        if (!_clients[client].connected())
-            break;
-        if (code == 'B')
-            malformed();
-        else
-            request(code == 'R'   ? "play"
-                    : code == 'W' ? "late"
-                                  : "getAppContext",
-                    code == 'T' ? Kind::STATE : Kind::ACTION);
-        break;
-    default:
-        _device.note(code == '.' ? "... 0.02 s" : code == '-' ? "... 0.2 s" : "... 31 s");
-        _device.advance(code == '.' ? TICK : code == '-' ? 0.2 : code == '_' ? 31 : 0);
-        settle();
-    }
-    if (code != '2')
+void Play::step(char letter) {
+    const auto step = std::find_if(std::begin(STEPS), std::end(STEPS),
+                                   [&](const Step &each) { return each.letter == letter; });
+    if (step == std::end(STEPS))
+        return complain("there is no step of that letter");
+    step->play(*this);
+    if (letter != '2')
         _who = 0;
 }
 
-void Play::join(bool register_) {
-    Client &client = _clients[_who];
-    const int who = _who;
-    if (checksModel() && client.connected())
-        _reachable[who] = false;
-    expect("connect", client.connect() ? 1 : 0, _initialized ? 1 : 0);
-    if (!register_ || !client.connected())
-        return;
-    expect("SetCB", client.setCb(), 0);
-    _reachable[who] = true;
+void Play::initialize() {
+    expect("initialize", library(nelvo_initialize), NELVO_ERROR_NONE);
+    if (!_initialized)
+        _number = 1;
+    _initialized = true;
 }
 
-void Play::stop() {
+void Play::deinitialize() {
     expect("deinitialize", library(nelvo_deinitialize), NELVO_ERROR_NONE);
     if (!_initialized)
         return;
@@ -190,35 +165,139 @@ void Play::stop() {
     _registered.clear();
     _pending = Kind::NONE;
     _recorded.reset();
-    _reachable[0] = _reachable[1] = false;
+    _uses[0] = _uses[1] = 0;
     _device.advance(0); // the clients hear of it
 }
 
-void Play::malformed() {
+void Play::registered(const char *name, bool isAdded, int result) {
+    expect(name, result, _initialized ? NELVO_ERROR_NONE : NELVO_ERROR_OPERATION_FAILED);
+    if (!_initialized)
+        return;
+    const std::string actionId = name == std::string("state") ? STATE : name;
+    if (isAdded)
+        _registered.insert(actionId);
+    else
+        _registered.erase(actionId);
+    _registeredAt = host_sim_now();
+}
+
+void Play::connect(bool registers) {
+    const int who = _who;
+    if (_clients[who].connected())
+        _uses[who] = 0;
+    expect("connect", _clients[who].connect() ? 1 : 0, _initialized ? 1 : 0);
+    if (!registers || !_clients[who].connected())
+        return;
+    expect("SetCB", _clients[who].setCb(), 0);
+    _uses[who] = ALWAYS;
+}
+
+void Play::unregister() {
+    const int who = _who;
+    if (!client().connected())
+        return;
+    expect("UnsetCB", client().unsetCb(), 0);
+    _uses[who] = 0;
+}
+
+void Play::disconnect() {
+    const int who = _who;
+    client().disconnect();
+    _uses[who] = 0;
+}
+
+void Play::sendMalformed() {
     const client::BundlePtr request(bundle_create());
     bundle_add_byte(request.get(), "requestId", "1234567", 7);
     bundle_add_str(request.get(), "actionId", "play");
-    _clients[_who].send(request.get());
+    if (client().connected())
+        client().send(request.get());
 }
 
-void Play::request(const char *actionId, Kind kind) {
+void Play::request(const char *actionId) {
+    if (!client().connected())
+        return;
     const std::uint64_t id = _nextId++;
-    const int who = _who;
-    _sent[id] = {who, ""};
+    Client &from = client();
+    expectRequest(actionId, id);
+    from.request(actionId, id);
+    if (checksModel() && _callExpected)
+        complain(std::string("no callback for ") + actionId);
+    _callExpected = false;
+}
+
+// The library gets a request from the client of this step.
+void Play::expectRequest(const std::string &actionId, std::uint64_t id) {
+    _sent[id] = {_who, ""};
+    _answered.erase(
+        id); // of an earlier request with that id, which is overtaken if it was not answered
     _recorded.reset();
     _everRequested = true;
     _pendingId = id;
     _pendingAction = actionId;
     _since = host_sim_now();
-    const std::string name = kind == Kind::STATE ? "state" : actionId;
-    _callExpected = _registered.count(name) != 0;
+    const Kind kind = actionId == STATE ? Kind::STATE : Kind::ACTION;
+    _callExpected = _registered.count(actionId) != 0;
     _pending = _callExpected ? kind : kind == Kind::ACTION ? Kind::WAITING : Kind::NONE;
     if (kind == Kind::STATE && !_callExpected)
         answer(FAILURE);
-    _clients[who].request(actionId, id);
+}
+
+// What a parcel means is told by the platform, which reads a copy of it.
+void Play::sendParcel(const std::string &numbers) {
+    Client &from = client();
+    const int who = _who;
+    _who = 0;
+    if (!from.connected())
+        return;
+    const auto write = [&](rpc_port_parcel_h parcel) {
+        const char *at = numbers.c_str();
+        for (char *end = nullptr; *at; at = *end ? end + 1 : end)
+            rpc_port_parcel_write_int32(parcel, static_cast<int>(std::strtol(at, &end, 10)));
+    };
+    rpc_port_parcel_h copy = nullptr;
+    rpc_port_parcel_create(&copy);
+    write(copy);
+    int method = -1, field = 0;
+    bool once = false;
+    rpc_port_parcel_read_int32(copy, &method);
+    if (method == 4) {
+        bundle *content = nullptr;
+        rpc_port_parcel_read_bundle(copy, &content);
+        const client::BundlePtr owner(content);
+        char *actionId = nullptr;
+        void *bytes = nullptr;
+        std::size_t size = 0;
+        std::uint64_t id = 0;
+        const int error = bundle_get_byte(content, "requestId", &bytes, &size);
+        if (error == BUNDLE_ERROR_NONE && size == sizeof id)
+            std::memcpy(&id, bytes, size);
+        _who = who;
+        if (bundle_get_str(content, "actionId", &actionId) == BUNDLE_ERROR_NONE &&
+            (error == BUNDLE_ERROR_NONE ? size == sizeof id
+                                        : error == BUNDLE_ERROR_KEY_NOT_AVAILABLE))
+            expectRequest(actionId, id);
+        _who = 0;
+    } else if (method == 2) {
+        rpc_port_parcel_read_int32(copy, &field);
+        rpc_port_parcel_read_int32(copy, &field);
+        rpc_port_parcel_read_bool(copy, &once);
+    }
+    rpc_port_parcel_destroy(copy);
+    testkit::sendParcel(from, write);
     if (checksModel() && _callExpected)
-        complain("no callback for " + name);
+        complain("no callback for a parcel");
     _callExpected = false;
+    if (method != 4)
+        _uses[who] = method != 2 ? 0 : once ? 1 : ALWAYS;
+    if (checksModel() && method != 4 && from.connected() != (method == 2 || method == 3))
+        complain("the connection after a parcel");
+}
+
+void Play::pass(const char *note, double seconds) {
+    _device.note(note);
+    _device.advance(seconds);
+    settle();
 }
 
 void Play::actionCb(void *handler, bundle *request, void *data) {
@@ -287,13 +366,17 @@ void Play::settle() {
 // The library answers the latest request, if its client can be reached.
 void Play::answer(const char *status) {
     Sent &sent = _sent[_pendingId];
-    if (_reachable[sent.client])
-        sent.expected = status;
+    if (_uses[sent.client] == 0)
+        return;
+    sent.expected = status;
+    if (_uses[sent.client] != ALWAYS)
+        --_uses[sent.client];
 }
 
-void Play::complete(const Called &request, Kind as) {
+void Play::complete(const Called &request, bool asOther) {
     void *const handler = request.handler;
-    const bool isState = as == Kind::STATE;
+    const bool isState = (request.kind == Kind::STATE) != asOther;
+    const Kind as = isState ? Kind::STATE : Kind::ACTION;
     if (!handler)
         return;
     int wanted = NELVO_ERROR_NONE;
@@ -304,12 +387,12 @@ void Play::complete(const Called &request, Kind as) {
             wanted = NELVO_ERROR_OPERATION_FAILED;
         } else {
             _pending = Kind::NONE;
-            answer(SUCCESS);
             if (!isState) {
                 _recorded.reset();
-                if (!_reachable[_sent[_pendingId].client])
+                if (_uses[_sent[_pendingId].client] == 0)
                     wanted = NELVO_ERROR_OPERATION_FAILED;
             }
+            answer(SUCCESS);
         }
     }
     expect("complete",

@@ -12,32 +12,19 @@
 
 namespace nelvo::testkit {
 
-// Plays a script: what the application and two clients do, one character a step.
+// Plays a script: what the application and two clients do, one letter a step; the table STEPS in play.cpp
+// says what each letter means. Besides, "{...}" is what the next callback does, steps that are played
+// inside it, and "[2,1,1,0]" a parcel of these numbers, four bytes each, that the client sends.
 //
-//   I D     initialize, deinitialize
-//   A a N   register "play", unset it, register a null callback for it
-//   S s     register for the state, unset
-//   L l     register "late", unset it
-//   F G     complete the latest request, ask for its name
-//   O P     complete the one before it; the latest, but as one of the other kind
-//   C J     connect the client; connect and register its response callback
-//   K X     UnsetCB; disconnect
-//   R T W   request "play", the state, "late"
-//   B       a malformed request
-//   2       the next step is the second client's
-//   . - _   0.02 s, 0.2 s, 31 s pass
-//   {...}   what the next callback does; steps inside it are played there
-//
-// Beside it runs a model of what must come of that. Checked against it, after every step: each
-// return code, each callback with its moment and handler number, each answer. With faults about, the
-// model is of no use; then only what must hold whatever fails is checked: return codes are documented
-// ones, nobody is answered twice, or with an id that was never sent.
+// Beside the script runs a model of what must come of it. Checked against the model, after every step:
+// each return code, each callback with its moment and handler number, each answer, what the library
+// holds. With faults about, the model is of no use; then only what must hold whatever fails is checked:
+// return codes are documented ones, nobody is answered twice, or with an id that was never sent.
 class Play {
 public:
     enum class Check { MODEL, INVARIANTS };
 
     Play(Simulation &device, Check check);
-    ~Play();
 
     void play(const std::string &script);
 
@@ -47,12 +34,12 @@ public:
     // What was not as it must be; empty when all is well.
     const std::vector<std::string> &complaints() const { return _complaints; }
 
-    // How many requests have been sent and how many of them were answered, for a sweep to compare.
-    int sent() const { return static_cast<int>(_sent.size()); }
-    int answered() const { return static_cast<int>(_answered.size()); }
+    static std::string letters(); // of all steps
 
 private:
     enum class Kind { NONE, WAITING, ACTION, STATE };
+    struct Step;
+    static const Step STEPS[];
     struct Called {
         void *handler = nullptr; // null: the application has not been called so often
         Kind kind = Kind::NONE;
@@ -65,20 +52,29 @@ private:
     static void actionCb(void *handler, bundle *request, void *data);
     static void stateCb(void *handler, void *data);
 
-    void step(char code);
+    void step(char letter);
+    void initialize();
+    void deinitialize();
+    void registered(const char *name, bool isAdded, int result);
+    void complete(const Called &request, bool asOther);
+    void askName();
+    void connect(bool registers);
+    void unregister();
+    void disconnect();
+    void request(const char *actionId);
+    void sendMalformed();
+    void sendParcel(const std::string &numbers);
+    void pass(const char *note, double seconds);
+
     void called(Kind kind, void *handler);
-    void request(const char *actionId, Kind kind);
+    void expectRequest(const std::string &actionId, std::uint64_t id);
     void settle();
     void answer(const char *status);
-    void complete(const Called &request, Kind as);
-    void askName();
-    void malformed();
-    void join(bool register_);
-    void stop();
     void expect(const std::string &what, int real, int wanted);
     void compareAnswers();
     void complain(const std::string &what);
     bool checksModel() const { return _check == Check::MODEL; }
+    Client &client() { return _clients[_who]; }
 
     Simulation &_device;
     Check _check;
@@ -90,7 +86,7 @@ private:
     std::set<std::uint64_t> _answered;
     std::size_t _seen[2] = {0, 0}; // answers of each client that have been looked at
     std::uint64_t _nextId = 1;
-    int _who = 0;
+    int _who = 0; // the client of the next step
     int _depth = 0;
 
     // The application's memory of the latest callback and the one before.
@@ -100,13 +96,13 @@ private:
     // The model.
     bool _initialized = false;
     bool _everRequested = false;
-    std::set<std::string> _registered;   // "play", "late", "state"
-    bool _reachable[2] = {false, false}; // a callback of a living connection is stored
+    std::set<std::string> _registered; // action ids
+    int _uses[2] = {0, 0}; // how often the response callback of each client may be called
     Kind _pending = Kind::NONE;
     std::uint64_t _pendingId = 0;
     std::string _pendingAction;
     double _since = 0;
-    double _registeredAt = 0; // of "late" and "play", the later one
+    double _registeredAt = 0; // the latest registration of an action
     int _number = 1;
     std::optional<int> _recorded; // the handler whose record is kept
     bool _callExpected = false;

@@ -1,5 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-include(CheckCXXCompilerFlag)
 include(CheckCXXSourceRuns)
 
 # Compact relocations, where not only the linker but also this system's loader knows them.
@@ -8,11 +7,10 @@ if(NOT CMAKE_CROSSCOMPILING AND NELVO_PLATFORM STREQUAL host)
     check_cxx_source_runs("int main() {}" NELVO_PACKS_RELOCATIONS)
     unset(CMAKE_REQUIRED_LINK_OPTIONS)
 endif()
-check_cxx_compiler_flag(-Oz NELVO_HAS_OZ)
 
 # Called once for each target that is installed, beside nelvo_target_defaults().
 function(nelvo_harden target)
-    set(optimised $<CONFIG:MinSizeRel,Release,RelWithDebInfo>)
+    set(optimised $<CONFIG:Release,RelWithDebInfo>)
     target_compile_options(${target} PRIVATE -fstack-protector-strong)
     target_link_options(${target} PRIVATE -Wl,--as-needed,-z,relro,-z,now,-z,noexecstack)
     if(NELVO_PACKS_RELOCATIONS)
@@ -28,7 +26,7 @@ endfunction()
 # For libraries, where size is asked for. Calls go through relocated addresses, not a PLT: all are bound
 # at the start anyway.
 function(nelvo_shrink target)
-    set(small $<CONFIG:MinSizeRel>)
+    set(small $<CONFIG:Release>)
     target_compile_options(${target} PRIVATE $<${small}:-fno-plt>
         $<$<AND:${small},$<COMPILE_LANGUAGE:CXX>>:-fno-rtti>)
     target_link_options(${target} PRIVATE $<${small}:-Wl,-z,noseparate-code>) # a page less of padding

@@ -9,7 +9,7 @@ output=$(cd "$2" && pwd)
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$tree" log -1 --format=%ct)} TZ=UTC LC_ALL=C
 umask 022
 
-cmake -S "$tree" -B "$output/deb" -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel -DNELVO_TESTS=OFF \
+cmake -S "$tree" -B "$output/deb" -G Ninja -DCMAKE_BUILD_TYPE=Release -DNELVO_TESTS=OFF \
     -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON -DCMAKE_SKIP_INSTALL_RPATH=ON \
     -DCMAKE_INSTALL_PREFIX=/usr
 cmake --build "$output/deb"

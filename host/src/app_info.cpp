@@ -54,7 +54,7 @@ Manifest parseFile(const std::string &path) {
 
 std::string manifestPath() {
     const char *named = std::getenv("NELVO_HOST_MANIFEST");
-    if (named != nullptr && *named != '\0')
+    if (named && *named != '\0')
         return named;
     char executable[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", executable, sizeof executable);
@@ -108,7 +108,7 @@ void logIfBroken(const Manifest &manifest) {
 
 SharedManifest manifest() {
     SharedManifest known = std::atomic_load(&current());
-    if (known != nullptr)
+    if (known)
         return known;
     auto read = std::make_shared<const Manifest>(parseFile(manifestPath()));
     if (!std::atomic_compare_exchange_strong(&current(), &known, SharedManifest(read)))
@@ -137,7 +137,7 @@ void logMissingId(const std::string &problem) {
 // Empty: there is none, which has been logged.
 std::string ownId() {
     const char *named = std::getenv("NELVO_HOST_APP_ID");
-    if (named != nullptr && *named != '\0') {
+    if (named && *named != '\0') {
         if (isValidName(named))
             return named;
         logMissingId("NELVO_HOST_APP_ID is \"" + std::string(named) + "\"; " + VALID_NAME_HINT);
@@ -165,26 +165,26 @@ app_info_h findApplication(const char *id) {
 bool isValidName(const char *text) {
     constexpr const char *CHARACTERS =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
-    const std::size_t length = text != nullptr ? std::strspn(text, CHARACTERS) : 0;
+    const std::size_t length = text ? std::strspn(text, CHARACTERS) : 0;
     return length > 0 && length <= LONGEST_NAME && text[length] == '\0' && text[0] != '.' &&
-           text[0] != '-' && std::strstr(text, "..") == nullptr;
+           text[0] != '-' && !std::strstr(text, "..");
 }
 
 } // namespace host
 
 int app_get_id(char **id) {
-    if (id == nullptr)
+    if (!id)
         return APP_ERROR_INVALID_PARAMETER;
     try {
         char *copy = host::copyOfKnownId();
-        if (copy == nullptr) {
+        if (!copy) {
             const std::string own = host::ownId();
             if (own.empty())
                 return APP_ERROR_INVALID_CONTEXT;
             host::rememberId(own, false);
             copy = host::copyOfKnownId();
         }
-        if (copy == nullptr)
+        if (!copy)
             return APP_ERROR_OUT_OF_MEMORY;
         *id = copy;
         return APP_ERROR_NONE;
@@ -205,11 +205,11 @@ int host_set_app_id(const char *id) {
 }
 
 int app_info_create(const char *app_id, app_info_h *app_info) {
-    if (app_id == nullptr || app_info == nullptr)
+    if (!app_id || !app_info)
         return APP_MANAGER_ERROR_INVALID_PARAMETER;
     try {
         const app_info_h found = host::findApplication(app_id);
-        if (found == nullptr)
+        if (!found)
             return APP_MANAGER_ERROR_NO_SUCH_APP;
         *app_info = found;
         return APP_MANAGER_ERROR_NONE;
@@ -219,7 +219,7 @@ int app_info_create(const char *app_id, app_info_h *app_info) {
 }
 
 int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback, void *user_data) {
-    if (app_info == nullptr || callback == nullptr)
+    if (!app_info || !callback)
         return APP_MANAGER_ERROR_INVALID_PARAMETER;
     const auto application = app_info->application; // the callback may destroy the handle
     for (const auto &[key, value] : application->metadata) {
@@ -231,13 +231,13 @@ int app_info_foreach_metadata(app_info_h app_info, app_info_metadata_cb callback
 
 int app_info_destroy(app_info_h app_info) {
     delete app_info;
-    return app_info != nullptr ? APP_MANAGER_ERROR_NONE : APP_MANAGER_ERROR_INVALID_PARAMETER;
+    return app_info ? APP_MANAGER_ERROR_NONE : APP_MANAGER_ERROR_INVALID_PARAMETER;
 }
 
 void host_sim_set_manifest(const char *xml) {
     try {
-        host::install(xml != nullptr ? host::ManifestParser().parse(xml, "installed manifest")
-                                     : host::Manifest{{}, "the manifest has been uninstalled"});
+        host::install(xml ? host::ManifestParser().parse(xml, "installed manifest")
+                          : host::Manifest{{}, "the manifest has been uninstalled"});
     } catch (...) {
         // The manifest stays as it was.
         dlog_print(DLOG_ERROR, host::LOG_TAG, "No memory for the manifest");

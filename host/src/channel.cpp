@@ -20,12 +20,9 @@ namespace host {
 
 namespace {
 
-constexpr std::size_t HEADER_BYTES = 4;
-constexpr std::size_t READ_BYTES = std::size_t{64} << 10;
-constexpr std::size_t LARGE_BYTES = std::size_t{16} << 10; // worth being received in place
-constexpr std::size_t GROWTH = 16;                         // of a frame's memory over what has come
-constexpr std::size_t KEPT_BYTES = std::size_t{4} << 10;   // of an empty buffer, per channel
+constexpr std::size_t HEADER_BYTES = FrameReader::HEADER_BYTES;
 constexpr char OUT_OF_MEMORY[] = "out of memory";
+constexpr char FRAME_TOO_LONG[] = "a frame is longer than is allowed";
 constexpr char SPOKE_UNASKED[] = "it sent something on the callback channel";
 
 using Ports = Handles<Channel *>;
@@ -34,23 +31,13 @@ bool isTemporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-// Moves the start of what is left in a buffer. When that is nothing, a burst's memory goes back.
-void consume(std::vector<std::uint8_t> &buffer, std::size_t &start, std::size_t size) {
-    start += size;
-    if (start < buffer.size())
-        return;
-    start = 0;
-    buffer.clear();
-    if (buffer.capacity() > KEPT_BYTES)
-        buffer.shrink_to_fit();
-}
-
 } // namespace
 
 std::shared_ptr<Channel> Channel::open(UniqueFd socket, std::size_t frameLimit,
                                        std::weak_ptr<ChannelOwner> owner) {
     auto channel = std::make_shared<Channel>(std::move(socket));
     channel->_frameLimit = frameLimit;
+    channel->_reader.setLimit(frameLimit);
     channel->_owner = std::move(owner);
     channel->_port = Ports::instance().add(channel.get());
     channel->_handler = Loop::instance().addHandler(channel->_socket.get(), ECORE_FD_READ,
@@ -78,8 +65,9 @@ void Channel::close() {
 
 void Channel::expect(std::size_t frameLimit, bool keeping) {
     _frameLimit = frameLimit;
+    _reader.setLimit(frameLimit);
     _keeping = keeping;
-    if (hasBegun())
+    if (_reader.hasBegun())
         frameLimit == 0 ? fail(SPOKE_UNASKED) : wantTurn();
     watch();
 }
@@ -141,15 +129,15 @@ void Channel::turn(bool readable) {
         end();
     } else if (_keeping) {
         watch();
-    } else if (isWhole()) {
+    } else if (_reader.isWhole()) {
         offerFrame(*owner);
     }
 }
 
 void Channel::offerFrame(ChannelOwner &owner) {
-    Bytes frame = finish();
+    Bytes frame = _reader.take();
     Bytes *const outer = std::exchange(_offer, &frame);
-    if (!_ahead.empty())
+    if (_reader.hasMore())
         wantTurn();
     try {
         owner.onFrame(*this);
@@ -169,113 +157,42 @@ void Channel::end() {
         owner->onEnd(*this);
 }
 
-// Goes on with the frame in the making: with what has been read already, then with one read. False:
-// nothing more will come.
+// Goes on with the frame that has begun: with bytes that have been read already, then with one read.
+// Returns false when nothing more will come.
 bool Channel::fill(bool readable) {
     try {
-        if (!_ahead.empty() && !isWhole()) {
-            consume(_ahead, _aheadStart,
-                    extend(_ahead.data() + _aheadStart, _ahead.size() - _aheadStart));
-        }
-        return !_failed && (isWhole() || !readable || receive());
+        _reader.readOn();
+        if (_reader.isTooLong())
+            fail(FRAME_TOO_LONG);
+        return !_failed && (_reader.isWhole() || !readable || receive());
     } catch (const std::bad_alloc &) {
         fail(OUT_OF_MEMORY);
         return false;
     }
 }
 
-// How much of a large frame can be received where it is to stand: what is known to be missing or,
-// before it has begun, as much as the one before had. The frame is made to have room for it.
-std::size_t Channel::directRoom() {
-    const bool hasHeader = _headerFilled == HEADER_BYTES;
-    const std::size_t wanted = hasHeader ? _length : std::min(_lastLength, _frameLimit);
-    if (wanted < LARGE_BYTES || (!hasHeader && hasBegun()))
-        return 0;
-    const std::size_t limit = std::max({_frame.size() * GROWTH, _lastLength, READ_BYTES});
-    const std::size_t size = std::min(wanted, limit);
-    if (size < _frame.size() + LARGE_BYTES)
-        return 0;
-    _frame.reserve(size);
-    return size - _frame.size();
-}
-
-// What does not go to the frame directly goes into a buffer that all channels share: it is empty
-// again before anybody else runs. A frame takes its part from there while that is still in the
-// processor's cache.
 bool Channel::receive() {
-    static std::uint8_t buffer[READ_BYTES];
-    std::uint8_t header[HEADER_BYTES];
-    const std::size_t room = directRoom();
-    const std::size_t headerRoom = room > 0 ? HEADER_BYTES - _headerFilled : 0;
-    iovec parts[] = {{header, headerRoom}, {_frame.end(), room}, {buffer, sizeof(buffer)}};
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = 3;
-    const ssize_t result = room > 0 ? recvmsg(_socket.get(), &message, MSG_DONTWAIT)
-                                    : recv(_socket.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+    const FrameReader::Room room = _reader.room();
+    const ssize_t result = recv(_socket.get(), room.at, room.size, MSG_DONTWAIT);
     if (result < 0)
         return isTemporary(errno);
-    const auto count = static_cast<std::size_t>(result);
-    if (count == 0 && hasBegun()) {
+    if (result == 0 && _reader.hasBegun())
         fail("its last frame is incomplete");
-    } else if (count > 0 && _frameLimit == 0) {
+    else if (result > 0 && _frameLimit == 0)
         fail(SPOKE_UNASKED);
-    } else if (room > 0) {
-        const std::size_t inHeader = std::min(count, headerRoom);
-        const std::size_t inFrame = std::min(count - inHeader, room);
-        extend(header, inHeader);
-        takeDirect(inFrame);
-        takeBuffered(buffer, count - inHeader - inFrame);
-    } else {
-        takeBuffered(buffer, count);
-    }
-    return count > 0 && !_failed;
-}
-
-// So many bytes have been received behind the frame's; those that are not the frame's come next.
-void Channel::takeDirect(std::size_t size) {
-    const std::uint8_t *const bytes = _frame.end();
-    const std::size_t part = _failed ? 0 : std::min(size, _length - _frame.size());
-    _frame.setSize(_frame.size() + part);
-    _ahead.assign(bytes + part, bytes + size);
-}
-
-void Channel::takeBuffered(const std::uint8_t *bytes, std::size_t size) {
-    const std::size_t used = _ahead.empty() ? extend(bytes, size) : 0;
-    _ahead.insert(_ahead.end(), bytes + used, bytes + size);
-}
-
-// Goes on with the frame in the making, with what there is of it. Gives the number of bytes used:
-// all of them unless the frame is whole.
-std::size_t Channel::extend(const std::uint8_t *bytes, std::size_t size) {
-    std::size_t used = 0;
-    while (_headerFilled < HEADER_BYTES && used < size)
-        _length |= std::size_t{bytes[used++]} << (8 * _headerFilled++);
-    if (_length > _frameLimit) {
-        fail("a frame is longer than is allowed");
-    } else if (_headerFilled == HEADER_BYTES) {
-        const std::size_t part = std::min(_length - _frame.size(), size - used);
-        const std::size_t filled = _frame.size() + part;
-        if (filled > _frame.capacity() || !_frame.memory())
-            _frame.reserve(std::min(_length, filled * GROWTH));
-        _frame.append(bytes + used, part);
-        used += part;
-    }
-    return used;
-}
-
-Bytes Channel::finish() {
-    _headerFilled = 0;
-    _lastLength = std::exchange(_length, 0);
-    return std::exchange(_frame, {});
+    else if (result > 0)
+        _reader.filled(static_cast<std::size_t>(result));
+    if (_reader.isTooLong())
+        fail(FRAME_TOO_LONG);
+    return result > 0 && !_failed;
 }
 
 int Channel::take(Bytes &payload) {
     if (_keeping) {
         const auto self = shared_from_this();
-        if (!fill(false) || !(isWhole() || awaitFrame()))
+        if (!fill(false) || !(_reader.isWhole() || awaitFrame()))
             return RPC_PORT_ERROR_IO_ERROR;
-        payload = finish();
+        payload = _reader.take();
         watch();
         return RPC_PORT_ERROR_NONE;
     }
@@ -290,14 +207,14 @@ int Channel::take(Bytes &payload) {
 bool Channel::awaitFrame() {
     Loop &loop = Loop::instance();
     if (loop.isSimulated()) {
-        while (isOpen() && !isWhole() && loop.runOnce(false)) {
+        while (isOpen() && !_reader.isWhole() && loop.runOnce(false)) {
         }
-        return isWhole();
+        return _reader.isWhole();
     }
     const std::int64_t deadline = loop.now() + static_cast<std::int64_t>(REPLY_SECONDS * 1e9);
-    while (isOpen() && !isWhole() && pollOnce(deadline)) {
+    while (isOpen() && !_reader.isWhole() && pollOnce(deadline)) {
     }
-    return isWhole();
+    return _reader.isWhole();
 }
 
 // A reply that came later would be taken for the next one's, so the connection does not outlive it.
@@ -420,10 +337,10 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
     if (!h || !channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     return host::guarded([&] {
-        host::Bytes payload;
-        const int result = channel->take(payload);
+        auto parcel = std::make_unique<host::Parcel>();
+        const int result = channel->take(parcel->bytes);
         if (result == RPC_PORT_ERROR_NONE)
-            *h = host::Parcel::make(std::move(payload));
+            *h = parcel.release();
         return result;
     });
 }

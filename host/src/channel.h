@@ -10,6 +10,7 @@
 #include <Ecore.h>
 #include <rpc-port.h>
 
+#include "frame_reader.h"
 #include "parcel.h"
 #include "send_queue.h"
 #include "unique_fd.h"
@@ -38,8 +39,7 @@ public:
 
 // One socket of a connection and what stands behind an rpc_port_h: frames in, frames out.
 //
-// A frame is a length (four bytes, the lowest first) and that many bytes of payload. Each turn of
-// the loop reads at most once and delivers at most one frame; a zero-second timer stands for frames
+// Each turn of the loop reads at most once and delivers at most one frame; a zero-second timer stands for frames
 // that have been read already. Callbacks may run the loop from inside, so all state is in order
 // before the owner is called: the next turn may be an inner one.
 //
@@ -90,18 +90,9 @@ private:
     void watch();
     void wantTurn();
 
-    bool hasBegun() const { return _headerFilled > 0 || !_ahead.empty(); }
-    bool isWhole() const {
-        return _headerFilled == sizeof(std::uint32_t) && _frame.size() == _length;
-    }
-    bool isReading() const { return !_keeping || !isWhole(); }
+    bool isReading() const { return !_keeping || !_reader.isWhole(); }
     bool fill(bool readable);
     bool receive();
-    std::size_t directRoom();
-    void takeDirect(std::size_t size);
-    void takeBuffered(const std::uint8_t *bytes, std::size_t size);
-    std::size_t extend(const std::uint8_t *bytes, std::size_t size);
-    Bytes finish();
     bool awaitFrame();
     bool pollOnce(std::int64_t deadline);
 
@@ -117,18 +108,12 @@ private:
     void *_moreTimer = nullptr; // null: no turn is asked for
     rpc_port_h _port = nullptr;
     std::weak_ptr<ChannelOwner> _owner;
-    std::size_t _frameLimit = 0;
+    std::size_t _frameLimit = 0; // 0: nothing at all may come
     bool _keeping = false;
     bool _failed = false;
     bool _deserted = false; // nothing can be sent any more
 
-    // Received: at most one frame in the making, then bytes behind it that nobody has looked at.
-    std::size_t _headerFilled = 0; // 0: no frame has begun
-    std::size_t _length = 0;
-    Bytes _frame;                // its memory grows with what arrives, not with what is announced
-    std::size_t _lastLength = 0; // of the frame before
-    std::vector<std::uint8_t> _ahead;
-    std::size_t _aheadStart = 0;
+    FrameReader _reader;
     Bytes *_offer = nullptr; // while onFrame() runs and has not taken its frame
 
     SendQueue _queue;

@@ -69,7 +69,7 @@ std::size_t printableLength(std::string_view text) {
         !std::all_of(&text[1], &text[0] + length, isContinuation))
         return 0;
     unsigned code = first & (0x7Fu >> length);
-    for (std::size_t i = 1; i < length; i++)
+    for (std::size_t i = 1; i < length; ++i)
         code = code << 6 | (static_cast<unsigned char>(text[i]) & 0x3Fu);
     const unsigned smallest = length == 2 ? 0xA0 : length == 3 ? 0x800 : 0x10000;
     const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
@@ -103,12 +103,12 @@ std::string timestamp() {
 }
 
 std::string lineOf(const Entry &entry, std::string_view text) {
-    static const bool isTimed = std::getenv("NELVO_LOG_TIME") != nullptr;
-    static const bool isColoured = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+    static const bool isTimed = std::getenv("NELVO_LOG_TIME");
+    static const bool isColoured = isatty(STDERR_FILENO) == 1 && !std::getenv("NO_COLOR");
     const bool isCut = text.size() > LONGEST_TEXT;
     std::size_t end = isCut ? LONGEST_TEXT : text.size();
     while (isCut && end > LONGEST_TEXT - 4 && isContinuation(text[end]))
-        end--; // not inside a character
+        --end; // not inside a character
 
     std::string line(isTimed ? timestamp() : "");
     line.reserve(end + 64);
@@ -156,7 +156,7 @@ int writeEntry(const Entry &entry, std::string_view text) {
 
 int readLevel() {
     const char *wanted = std::getenv("NELVO_LOG");
-    if (wanted == nullptr || *wanted == '\0')
+    if (!wanted || *wanted == '\0')
         return DLOG_WARN;
     for (const Level &level : LEVELS) {
         if (std::strcmp(wanted, level.name) == 0)
@@ -179,8 +179,7 @@ int level() {
 Sink currentSink() {
     const int own = level(); // before the lock: it may have something to say
     std::lock_guard<std::mutex> lock(sinkMutex);
-    threshold.store(installedSink.call != nullptr ? int{DLOG_VERBOSE} : own,
-                    std::memory_order_relaxed);
+    threshold.store(installedSink.call ? int{DLOG_VERBOSE} : own, std::memory_order_relaxed);
     return installedSink;
 }
 
@@ -202,17 +201,16 @@ int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args)
     va_end(again);
     if (length < 0)
         return -EINVAL;
-    if (sink.call == nullptr)
+    if (!sink.call)
         return writeEntry(entry, text);
     sink.call(entry.prio, entry.tag, text.data(), sink.data);
     return static_cast<int>(text.size());
 }
 
-// Not inlined: dlog_print() has next to nothing to do for an entry that goes nowhere.
-[[gnu::noinline]] int print(const Entry &entry, const char *fmt, va_list args) {
+int print(const Entry &entry, const char *fmt, va_list args) {
     const int errnoBefore = errno; // callers log first and look at it later
     const Sink sink = currentSink();
-    const bool isWanted = sink.call != nullptr || entry.prio >= level();
+    const bool isWanted = sink.call || entry.prio >= level();
     const int result = isWanted ? printTo(sink, entry, fmt, args) : 0;
     errno = errnoBefore;
     return result;
@@ -220,10 +218,8 @@ int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args)
 
 } // namespace
 
-// Without a stack protector, which would be most of the work for such an entry.
-__attribute__((no_stack_protector)) int dlog_print(log_priority prio, const char *tag,
-                                                   const char *fmt, ...) {
-    if (prio < DLOG_VERBOSE || prio > DLOG_FATAL || tag == nullptr || fmt == nullptr)
+int dlog_print(log_priority prio, const char *tag, const char *fmt, ...) {
+    if (prio < DLOG_VERBOSE || prio > DLOG_FATAL || !tag || !fmt)
         return -EINVAL;
     if (prio < threshold.load(std::memory_order_relaxed))
         return 0;

@@ -37,7 +37,7 @@ private:
 // What the exported functions that register a callback do.
 template <typename Object, typename Cb>
 int addListener(void *handle, Listeners<Cb> Object::*listeners, Cb cb, void *data) {
-    return guarded<Object>(handle, cb != nullptr, [&](Object &object) {
+    return guarded<Object>(handle, cb, [&](Object &object) {
         (object.*listeners).add(cb, data);
         return RPC_PORT_ERROR_NONE;
     });

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <functional>
 
+#include <malloc.h>
 #include <sys/epoll.h>
 
 #include <dlog.h>
@@ -16,7 +17,6 @@
 #include <host/sim.h>
 
 #include "log_tag.h"
-#include "memory.h"
 
 namespace host {
 
@@ -58,6 +58,13 @@ Loop &Loop::instance() {
     return loop;
 }
 
+// Large blocks stay in the process when they are freed: to get their pages from the system again takes
+// longer than to fill them.
+Loop::Loop() {
+    mallopt(M_MMAP_THRESHOLD, 8 << 20);
+    mallopt(M_TRIM_THRESHOLD, 32 << 20);
+}
+
 std::int64_t Loop::now() const {
     if (_simulated)
         return _virtualNow;
@@ -73,7 +80,7 @@ int Loop::start() {
 int Loop::stop() {
     if (_users == 0 || --_users > 0)
         return _users;
-    const auto any = [](void *, const auto &) { return true; };
+    const auto any = [](const auto &) { return true; };
     while (void *const timer = _timers.findIf(any))
         deleteTimer(timer);
     while (void *const handler = _handlers.findIf(any))
@@ -166,7 +173,7 @@ void Loop::dropDeleted() {
 bool Loop::hasDue() {
     while (_deleted > 0 && !_timers.find(_due.front().second)) {
         pop();
-        _deleted--;
+        --_deleted;
     }
     return !_due.empty();
 }
@@ -200,11 +207,11 @@ bool Loop::deliverTimers() {
 void Loop::fire() {
     void *const handle = _due.front().second;
     pop();
-    _called++;
+    ++_called;
     _timers.find(handle)->isCalled = true;
     const Timer called = *_timers.find(handle);
     const bool again = called.func(called.data) != ECORE_CALLBACK_CANCEL;
-    _called--;
+    --_called;
     Timer *const timer = _timers.find(handle);
     if (!again) {
         deleteTimer(handle);
@@ -378,7 +385,6 @@ void ecore_main_fd_handler_active_set(Ecore_Fd_Handler *fd_handler, Ecore_Fd_Han
 }
 
 void host_sim_start(void) {
-    host::Memory::keepNone();
     Loop::instance().simulate();
 }
 

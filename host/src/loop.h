@@ -54,6 +54,8 @@ public:
     void setFlags(void *handler, unsigned flags);
 
 private:
+    Loop();
+
     struct Timer {
         std::int64_t deadline = 0;
         std::int64_t interval = 0;

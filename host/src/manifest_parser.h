@@ -35,7 +35,7 @@ struct Manifest {
 class ManifestParser {
 public:
     ManifestParser() : _parser(XML_ParserCreate(nullptr), XML_ParserFree) {
-        if (_parser == nullptr)
+        if (!_parser)
             throw std::bad_alloc();
         XML_SetUserData(_parser.get(), this);
         XML_SetElementHandler(_parser.get(), startElementCb, endElementCb);
@@ -70,7 +70,7 @@ private:
     }
 
     void startElement(const std::string &name, const XML_Char **attributes) {
-        _depth++;
+        ++_depth;
         if (_depth == 2)
             _isInApplication = name == "ui-application" || name == "service-application";
         if (_depth == 1 && name != "manifest")
@@ -82,7 +82,7 @@ private:
     }
 
     void addApplication(const std::string &element, const char *id) {
-        if (id == nullptr)
+        if (!id)
             stop("<" + element + "> has no appid");
         else if (!isValidName(id))
             stop("appid \"" + std::string(id) + "\" cannot be used; " + VALID_NAME_HINT);
@@ -91,16 +91,16 @@ private:
     }
 
     void addMetadata(const char *key, const char *value) {
-        if (key == nullptr)
+        if (!key)
             stop("<metadata> has no key");
         else
-            _applications.back().metadata.emplace_back(key, value != nullptr ? value : "");
+            _applications.back().metadata.emplace_back(key, value ? value : "");
     }
 
     static const char *attribute(const XML_Char **attributes, const char *name) {
-        while (*attributes != nullptr && std::strcmp(*attributes, name) != 0)
+        while (*attributes && std::strcmp(*attributes, name) != 0)
             attributes += 2;
-        return *attributes != nullptr ? attributes[1] : nullptr;
+        return *attributes ? attributes[1] : nullptr;
     }
 
     // Nothing thrown may cross the parser's C code.
@@ -120,7 +120,7 @@ private:
     }
 
     static void endElementCb(void *data, const XML_Char *) {
-        static_cast<ManifestParser *>(data)->_depth--;
+        --static_cast<ManifestParser *>(data)->_depth;
     }
 
     // Entities are not needed, and their expansion is the one way a small file gets large.

@@ -11,14 +11,14 @@
 
 namespace host {
 
-// Bytes that any number of owners share, on any threads; aligned for any type, and not zeroed.
-// Nobody changes what another owner may look at.
+// A block of bytes with any number of owners, on any threads; aligned for any type, and not zeroed.
+// No owner changes what another one may look at.
 class Memory {
 public:
     Memory() = default;
     explicit Memory(std::size_t size); // throws std::bad_alloc
     Memory(const Memory &other) : _block(other._block) {
-        if (_block != nullptr)
+        if (_block)
             _block->owners.fetch_add(1, std::memory_order_relaxed);
     }
     Memory(Memory &&other) noexcept : _block(std::exchange(other._block, nullptr)) {}
@@ -27,30 +27,18 @@ public:
         return *this;
     }
     ~Memory() {
-        if (_block != nullptr && _block->owners.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            free(_block);
+        if (_block && _block->owners.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            ::operator delete(_block);
     }
 
-    explicit operator bool() const { return _block != nullptr; }
-    bool operator==(const Memory &other) const { return _block == other._block; }
-    // Only of memory that there is.
+    explicit operator bool() const { return _block; }
+    // Only for a block, not for an empty Memory.
     char *bytes() const { return reinterpret_cast<char *>(_block + 1); }
-    std::size_t size() const { return _block->size; } // perhaps more than was asked for
-
-    // From now on each one is allocated anew and freed at once, for tests that watch allocations or
-    // make them fail.
-    static void keepNone();
-
-    struct Kept;
 
 private:
     struct alignas(std::max_align_t) Block {
         std::atomic<std::uint32_t> owners;
-        std::size_t size; // of what follows
     };
-
-    static void free(Block *block);
-    static void giveBack(Block *block);
 
     Block *_block = nullptr;
 };
@@ -58,10 +46,8 @@ private:
 // Bytes in a row that grow at their end. Others may share the memory and look at what is there.
 class Bytes {
 public:
-    // The memory begins with so much that is not used here: for an object that deals with the
-    // bytes and, right before them, for what is to be sent ahead of them.
+    // So many bytes before the data are unused: room for what is to be sent ahead of the data.
     static constexpr std::size_t FRONT = sizeof(std::uint32_t);
-    static constexpr std::size_t HEAD = 64 + 2 * sizeof(void *);
 
     Bytes() = default;
     Bytes(Bytes &&other) noexcept
@@ -84,23 +70,25 @@ public:
 
     // These throw std::bad_alloc; nothing has changed then.
     void reserve(std::size_t capacity);
-    // Gives the place of the new bytes, which are to be filled in.
+    // Returns where the new bytes are to be written.
     std::uint8_t *extend(std::size_t size) {
         if (size > _capacity - _size)
             reserve(std::max(_size + size, 2 * _capacity));
         _size += size;
         return _data + (_size - size);
     }
-    // Of what has been filled in; not more than the capacity.
-    void setSize(std::size_t size) { _size = size; }
     void append(const void *bytes, std::size_t size) {
         if (size > 0)
             std::memcpy(extend(size), bytes, size);
     }
-    // Without it only the destructor may follow.
-    Memory release() { return std::move(_memory); }
-    // Leaves what is free behind the bytes to somebody else: they will not grow there any more.
-    void close() { _capacity = _size; }
+    // Bytes that were written behind the end, within the capacity, belong to it from now on.
+    void setSize(std::size_t size) { _size = size; }
+    // The first bytes, at least FRONT of them, are given up: the room before the data.
+    void dropFront(std::size_t size) {
+        _data += size;
+        _size -= size;
+        _capacity -= size;
+    }
 
 private:
     Memory _memory;

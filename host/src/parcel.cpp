@@ -67,10 +67,10 @@ bool isInsert(const keyval_t &entry) {
 
 // Of one entry in a bundle.
 std::size_t encodedSize(const keyval_t &entry) {
-    std::size_t size = 1 + NUMBER + entry.keySize + 1 + NUMBER;
+    std::size_t size = 1 + NUMBER + entry.key.size() + 1 + NUMBER;
     if (entry.type != BUNDLE_TYPE_STR_ARRAY)
         return size + entry.size;
-    for (std::size_t i = 0; i < entry.size; i++)
+    for (std::size_t i = 0; i < entry.size; ++i)
         size += NUMBER + std::strlen(entry.texts()[i]) + 1;
     return size;
 }
@@ -81,11 +81,11 @@ void encode(const keyval_t &entry, Writer &writer) {
                               : entry.type == BUNDLE_TYPE_BYTE ? ENCODED_BYTE
                                                                : ENCODED_STR_ARRAY;
     writer.put(&type, sizeof type);
-    writer.sized(entry.key, entry.keySize + 1);
+    writer.sized(entry.key.data(), entry.key.size() + 1);
     writer.number(entry.size);
     if (type != ENCODED_STR_ARRAY && !isInsert(entry))
         writer.put(entry.value, entry.size);
-    for (std::size_t i = 0; type == ENCODED_STR_ARRAY && i < entry.size; i++)
+    for (std::size_t i = 0; type == ENCODED_STR_ARRAY && i < entry.size; ++i)
         writer.sized(entry.texts()[i], std::strlen(entry.texts()[i]) + 1);
 }
 
@@ -139,24 +139,24 @@ private:
 };
 
 // A text stays in the memory given.
-void decodeEntry(Reader &reader, Entries &entries, const Memory &memory) {
+void decodeEntry(Reader &reader, bundle &to, const Memory &memory) {
     const auto type = reader.value<std::uint8_t>();
     const std::string_view key = reader.text();
-    reader.require(!key.empty() && entries.find(key) == nullptr);
+    reader.require(!key.empty() && !to.find(key));
     if (type == ENCODED_STR) {
         const std::string_view text = reader.text();
         if (!reader.isBroken())
-            entries.addText(key, text, memory);
+            to.addText(key, text, memory);
     } else if (type == ENCODED_STR_ARRAY) {
         std::vector<std::string_view> texts;
-        for (auto count = reader.value<std::uint32_t>(); count > 0 && !reader.isBroken(); count--)
+        for (auto count = reader.value<std::uint32_t>(); count > 0 && !reader.isBroken(); --count)
             texts.push_back(reader.text());
         if (!reader.isBroken())
-            entries.addArray(key, texts);
+            to.addArray(key, texts);
     } else {
         const std::string_view bytes = reader.sized();
         if (reader.require(type == ENCODED_BYTE && !bytes.empty()))
-            entries.add(BUNDLE_TYPE_BYTE, key, bytes.data(), bytes.size());
+            to.add(BUNDLE_TYPE_BYTE, key, bytes.data(), bytes.size());
     }
 }
 
@@ -167,39 +167,42 @@ void decodeEntry(Reader &reader, Entries &entries, const Memory &memory) {
 // Null, and the reader broken: malformed. Throws std::bad_alloc.
 bundle *decodeBundle(Reader &reader, Parcel &parcel) {
     Reader inner(reader.sized());
-    Entries::User user = Entries::createBehind(parcel.bytes);
-    Entries &entries = *user;
-    const bool isHome = entries.home() == parcel.bytes.memory();
-    const Memory memory = isHome ? Memory() : parcel.bytes.memory();
+    auto decoded = std::make_unique<bundle>();
     const auto count = inner.value<std::uint32_t>();
     if (inner.require(count <= inner.left() / SMALLEST_ENTRY))
-        entries.reserve(count);
-    for (std::uint32_t i = 0; i < count && !inner.isBroken(); i++)
-        decodeEntry(inner, entries, memory);
+        decoded->reserve(count);
+    for (std::uint32_t i = 0; i < count && !inner.isBroken(); ++i)
+        decodeEntry(inner, *decoded, parcel.bytes.memory());
     const bool isWhole = reader.require(!inner.isBroken() && inner.left() == 0);
-    return isWhole ? Entries::makeBundle(std::move(user)) : nullptr;
+    return isWhole ? decoded.release() : nullptr;
+}
+
+std::uint8_t *extend(Parcel &parcel, std::size_t size) {
+    if (parcel.bytes.capacity() == 0)
+        parcel.bytes.reserve(std::max(size, USUAL_SIZE));
+    return parcel.bytes.extend(size);
 }
 
 // For values that are always copied.
 template <typename Encode>
 int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
-    if (h == nullptr || size > NUMBER + MAX_SIZE)
+    if (!h || size > NUMBER + MAX_SIZE)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
-        encode(Writer(static_cast<Parcel *>(h)->extend(size)));
+        encode(Writer(extend(*static_cast<Parcel *>(h), size)));
         return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
 }
 
-int writeBundle(Parcel &parcel, const Entries &entries) {
+int writeBundle(Parcel &parcel, const std::vector<keyval_t> &entries) {
     std::size_t size = NUMBER, inserted = 0, inserts = 0;
     for (const keyval_t &entry : entries) {
         size += encodedSize(entry);
         if (isInsert(entry)) {
             inserted += entry.size;
-            inserts++;
+            ++inserts;
         }
     }
     if (size > MAX_SIZE)
@@ -208,19 +211,18 @@ int writeBundle(Parcel &parcel, const Entries &entries) {
     try {
         if (inserts > 0)
             parcel.inserts.reserve(parcel.inserts.size() + inserts);
-        to = parcel.extend(NUMBER + size - inserted);
+        to = extend(parcel, NUMBER + size - inserted);
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
     }
     Writer writer(to);
     writer.number(size);
-    writer.number(entries.count());
+    writer.number(entries.size());
     for (const keyval_t &entry : entries) {
         encode(entry, writer);
         if (isInsert(entry)) {
             const auto position = static_cast<std::size_t>(writer.at() - parcel.bytes.data());
-            const Memory &memory = entry.memory ? entry.memory : entries.home();
-            parcel.inserts.push_back({position, {memory, entry.value, entry.size}});
+            parcel.inserts.push_back({position, {entry.memory, entry.value, entry.size}});
         }
     }
     return RPC_PORT_ERROR_NONE;
@@ -232,14 +234,13 @@ void flatten(Parcel &parcel) {
     whole.reserve(parcel.size());
     parcel.forEachPiece(
         [&](const Memory &, const void *data, std::size_t size) { whole.append(data, size); });
-    parcel.keepHome();
     parcel.bytes = std::move(whole);
     parcel.inserts.clear();
 }
 
 template <typename Value, typename Decode>
 int read(rpc_port_parcel_h h, Value *out, Decode decode) {
-    if (h == nullptr || out == nullptr)
+    if (!h || !out)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     auto &parcel = *static_cast<Parcel *>(h);
     try {
@@ -264,12 +265,10 @@ int read(rpc_port_parcel_h h, Value *out, Decode decode) {
 } // namespace host
 
 int rpc_port_parcel_create(rpc_port_parcel_h *h) {
-    if (h == nullptr)
+    if (!h)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
-        host::Bytes bytes;
-        bytes.reserve(host::USUAL_SIZE);
-        *h = host::Parcel::make(std::move(bytes));
+        *h = new host::Parcel;
         return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
@@ -277,9 +276,9 @@ int rpc_port_parcel_create(rpc_port_parcel_h *h) {
 }
 
 int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
-    if (h == nullptr)
+    if (!h)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    host::Parcel::destroy(static_cast<host::Parcel *>(h));
+    delete static_cast<host::Parcel *>(h);
     return RPC_PORT_ERROR_NONE;
 }
 
@@ -294,7 +293,7 @@ int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b) {
 }
 
 int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
-    if (str == nullptr)
+    if (!str)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::size_t size = std::strlen(str) + 1;
     return host::write(h, host::NUMBER + size,
@@ -302,9 +301,9 @@ int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
 }
 
 int rpc_port_parcel_write_bundle(rpc_port_parcel_h h, bundle *b) {
-    if (h == nullptr || b == nullptr)
+    if (!h || !b)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    return host::writeBundle(*static_cast<host::Parcel *>(h), *b->entries);
+    return host::writeBundle(*static_cast<host::Parcel *>(h), b->entries());
 }
 
 int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i) {
@@ -323,7 +322,7 @@ int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str) {
     return host::read(h, str, [](host::Reader &reader) -> char * {
         const std::string_view text = reader.text();
         char *copy = reader.isBroken() ? nullptr : strdup(text.data());
-        if (copy == nullptr && !reader.isBroken())
+        if (!copy && !reader.isBroken())
             throw std::bad_alloc();
         return copy;
     });

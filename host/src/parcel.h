@@ -24,11 +24,6 @@ struct Piece {
 // Values stand one after the other, without tags or padding, in the machine's own byte order. Large
 // ones are not copied: they belong between the other bytes.
 struct Parcel {
-    // At the head of the memory that its bytes have, which must have some, so that it costs no
-    // allocation of its own. To be destroyed by the other.
-    static Parcel *make(Bytes &&bytes) noexcept;
-    static void destroy(Parcel *made) noexcept;
-
     struct Insert {
         std::size_t position; // in bytes: it comes before the byte that is there
         Piece piece;
@@ -53,35 +48,9 @@ struct Parcel {
         return size;
     }
 
-    // Throws std::bad_alloc; nothing has changed then.
-    std::uint8_t *extend(std::size_t size) {
-        if (size > bytes.capacity() - bytes.size())
-            keepHome();
-        return bytes.extend(size);
-    }
-    // Before the bytes move to other memory.
-    void keepHome() {
-        if (!home)
-            home = bytes.memory();
-    }
-
-    Memory home; // where it was made; none: where the bytes are
     Bytes bytes;
     std::vector<Insert> inserts;
     std::size_t readPosition = 0;
 };
-
-inline Parcel *Parcel::make(Bytes &&bytes) noexcept {
-    auto *const parcel = new (bytes.memory().bytes()) Parcel;
-    parcel->bytes = std::move(bytes);
-    return parcel;
-}
-
-inline void Parcel::destroy(Parcel *made) noexcept {
-    const Memory home = made->home ? std::move(made->home) : made->bytes.release();
-    made->~Parcel(); // in memory that lasts until we are done
-}
-
-static_assert(sizeof(Parcel) <= Bytes::HEAD - Bytes::FRONT);
 
 } // namespace host

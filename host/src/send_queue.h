@@ -38,7 +38,7 @@ public:
     std::size_t front(iovec (&parts)[MAX_PARTS]) {
         endTail();
         const std::size_t count = std::min(MAX_PARTS, _pieces.size() - _first);
-        for (std::size_t i = 0; i < count; i++) {
+        for (std::size_t i = 0; i < count; ++i) {
             const Piece &piece = _pieces[_first + i];
             parts[i] = {const_cast<void *>(piece.data), piece.size};
         }
@@ -47,7 +47,7 @@ public:
 
     void consume(std::size_t size) {
         _size -= size;
-        for (; size > 0 && size >= _pieces[_first].size; _first++)
+        for (; size > 0 && size >= _pieces[_first].size; ++_first)
             size -= std::exchange(_pieces[_first], Piece{}).size;
         if (_first == _pieces.size()) {
             clear();

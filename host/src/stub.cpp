@@ -120,7 +120,7 @@ Eina_Bool Connection::onTimeoutCb(void *data) {
 
 std::shared_ptr<Stub> Stub::findSimulated(const std::string &name) {
     auto &stubs = Handles<std::shared_ptr<Stub>>::instance();
-    void *const found = stubs.findIf([&](void *, const auto &stub) { return stub->_name == name; });
+    void *const found = stubs.findIf([&](const auto &stub) { return stub->_name == name; });
     return found ? *stubs.find(found) : nullptr;
 }
 
@@ -157,7 +157,7 @@ bool Stub::listenReal(const std::string &appId) {
     }
     if (!_acceptHandler)
         _listenSocket.close();
-    return _acceptHandler != nullptr;
+    return _acceptHandler;
 }
 
 void Stub::destroy() {

@@ -115,26 +115,25 @@ TEST(BundleTest, AgreesWithAListAfterAnyChanges) {
     }
 }
 
-TEST(BundleTest, SharesWithACopyOrForeachOnlyUntilItChanges) {
+TEST(BundleTest, ChangesNeitherACopyNorTheEntryThatForeachShows) {
     std::pair<bundle *, std::string> run{bundle_create(), ""};
-    for (int i = 0; i < 100; i++)
-        EXPECT_EQ(0, bundle_add_str(run.first, ("key" + std::to_string(i)).c_str(), "value"));
-    auto visit = [](const char *key, const int, const bundle_keyval_t *, void *data) {
-        auto &[b, keys] = *static_cast<decltype(run) *>(data);
-        nelvo::testkit::failAllocation(2, true); // a copy needs one, whatever its size
-        bundle *copy = bundle_dup(b);
-        EXPECT_EQ(0, nelvo::testkit::stopFailingAllocations());
-        keys += key;
-        EXPECT_EQ(0, bundle_del(b, key));
-        EXPECT_EQ(0, bundle_add_str(b, key + 1, "v"));
-        EXPECT_EQ(0, bundle_add_str(copy, "new", "v"));
-        EXPECT_EQ(BUNDLE_TYPE_STR, bundle_get_type(b, key + 1));
-        EXPECT_EQ(BUNDLE_TYPE_STR, bundle_get_type(copy, key));
-        bundle_free(copy);
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(bundle_add_str(run.first, ("key" + std::to_string(i)).c_str(), "value"), 0);
+    bundle *const copy = bundle_dup(run.first);
+    auto replace = [](const char *key, const int, const bundle_keyval_t *kv, void *data) {
+        auto &[b, values] = *static_cast<decltype(run) *>(data);
+        EXPECT_EQ(bundle_del(b, key), 0);
+        void *value = nullptr;
+        size_t size = 0;
+        bundle_keyval_get_basic_val(const_cast<bundle_keyval_t *>(kv), &value, &size);
+        values += static_cast<char *>(value);
     };
-    bundle_foreach(run.first, visit, &run);
-    EXPECT_EQ("key0key1key2", run.second.substr(0, 12));
-    EXPECT_EQ(100, bundle_get_count(run.first));
+    bundle_foreach(run.first, replace, &run);
+    EXPECT_EQ(run.second.substr(0, 10), "valuevalue");
+    EXPECT_EQ(bundle_get_count(copy), 100);
+    EXPECT_EQ(bundle_get_type(copy, "key0"), BUNDLE_TYPE_STR);
+    EXPECT_EQ(bundle_get_type(run.first, "key0"), BUNDLE_TYPE_NONE);
+    bundle_free(copy);
     bundle_free(run.first);
 }
 

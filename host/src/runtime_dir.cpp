@@ -12,6 +12,7 @@
 #include <sys/un.h>
 
 #include <dlog.h>
+#include <host/runtime_dir.h>
 
 #include "log_tag.h"
 
@@ -21,18 +22,21 @@ namespace {
 
 constexpr int BACKLOG = 1024;
 
-std::string runtimeDir() {
+const char *ownVariable(const char *name, void *) {
+    return std::getenv(name);
+}
+
+std::string runtimeDir(host_environment lookup, void *data) {
     std::string dir;
-    if (const char *own = std::getenv("NELVO_HOST_RUNTIME_DIR"); own && *own) {
+    if (const char *own = lookup("NELVO_HOST_RUNTIME_DIR", data); own && *own) {
         dir = own;
-    } else if (const char *users = std::getenv("XDG_RUNTIME_DIR"); users && *users) {
+    } else if (const char *users = lookup("XDG_RUNTIME_DIR", data); users && *users) {
         dir = std::string(users) + "/nelvo";
     } else {
         dir = "/tmp/nelvo-" + std::to_string(geteuid());
     }
-    while (dir.size() > 1 && dir.back() == '/') {
-        dir.pop_back(); // behind a slash a link would be followed
-    }
+    while (dir.size() > 1 && dir.back() == '/')
+        dir.pop_back(); // with a slash at the end, a link would be followed
     return dir;
 }
 
@@ -62,7 +66,7 @@ bool prepareDir(const std::string &dir) {
 }
 
 bool findAddress(const std::string &appId, const std::string &port, sockaddr_un &address) {
-    const std::string dir = runtimeDir();
+    const std::string dir = runtimeDir(ownVariable, nullptr);
     const std::string path = dir + "/" + appId + ":" + port;
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof(address.sun_path)) {
@@ -179,3 +183,11 @@ bool isSameUser(int socket) {
 }
 
 } // namespace host
+
+char *host_runtime_dir(host_environment lookup, void *data) {
+    try {
+        return strdup(host::runtimeDir(lookup ? lookup : host::ownVariable, data).c_str());
+    } catch (...) {
+        return nullptr;
+    }
+}

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <map>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -21,6 +23,7 @@
 #include <Ecore.h>
 
 #include <host/log.h>
+#include <host/runtime_dir.h>
 #include <host/sim.h>
 
 #include "rpc_peers.h"
@@ -116,6 +119,27 @@ protected:
 
     std::string base, path, log;
 };
+
+TEST(RuntimeDirRule, ChoosesTheDirectoryFromAnyEnvironment) {
+    using Environment = std::map<std::string, std::string>;
+    const std::pair<Environment, std::string> rows[] = {
+        {{{"NELVO_HOST_RUNTIME_DIR", "own//"}, {"XDG_RUNTIME_DIR", "/users"}}, "own"},
+        {{{"NELVO_HOST_RUNTIME_DIR", "/"}}, "/"},
+        {{{"NELVO_HOST_RUNTIME_DIR", ""}, {"XDG_RUNTIME_DIR", "/users"}}, "/users/nelvo"},
+        {{{"XDG_RUNTIME_DIR", ""}}, "/tmp/nelvo-" + std::to_string(geteuid())},
+        {{}, "/tmp/nelvo-" + std::to_string(geteuid())},
+    };
+    const auto lookUp = [](const char *name, void *data) -> const char * {
+        const auto &environment = *static_cast<const Environment *>(data);
+        const auto found = environment.find(name);
+        return found != environment.end() ? found->second.c_str() : nullptr;
+    };
+    for (auto [environment, expected] : rows) {
+        const std::unique_ptr<char, void (*)(void *)> dir(host_runtime_dir(lookUp, &environment),
+                                                          std::free);
+        EXPECT_STREQ(dir.get(), expected.c_str());
+    }
+}
 
 TEST_F(RuntimeDirTest, RefusesADirectoryThatIsNotForTheUserAlone) {
     const struct {

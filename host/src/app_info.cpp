@@ -2,29 +2,28 @@
 #include <app_info.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <limits.h>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
 #include <app_common.h>
 #include <dlog.h>
 #include <host/app_id.h>
+#include <host/manifest.h>
 #include <host/sim.h>
 
+#include "app_id.h"
 #include "log_tag.h"
-#include "manifest_parser.h"
-#include "unique_fd.h"
+#include "manifest.h"
+#include "names.h"
 
 struct app_info_s {
-    std::shared_ptr<const host::Application> application; // keeps the manifest that it is part of
+    std::shared_ptr<const host::Application> application; // shares ownership of its manifest
 };
 
 namespace host {
@@ -32,99 +31,83 @@ namespace host {
 namespace {
 
 constexpr const char *MANIFEST_NAME = "tizen-manifest.xml";
-constexpr std::size_t LONGEST_NAME = 127;
 
-Manifest parseFile(const std::string &path) {
-    // Not blocking: the path may be that of a pipe that nobody writes to.
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status;
-    if (!file || fstat(file.get(), &status) != 0)
-        return {{}, path + ": " + std::strerror(errno)};
-    if (!S_ISREG(status.st_mode))
-        return {{}, path + ": not a file"};
-    std::string xml;
-    char piece[4096];
-    ssize_t size = 0;
-    while (xml.size() <= LARGEST_MANIFEST && (size = read(file.get(), piece, sizeof piece)) > 0)
-        xml.append(piece, static_cast<std::size_t>(size));
-    if (size < 0)
-        return {{}, path + ": " + std::strerror(errno), true};
-    return ManifestParser().parse(xml, path);
-}
+using SharedManifest = std::shared_ptr<const Manifest>;
 
 std::string manifestPath() {
     const char *named = std::getenv("NELVO_HOST_MANIFEST");
-    if (named && *named != '\0')
+    if (named && *named)
         return named;
     char executable[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", executable, sizeof executable);
     std::string path(executable, length > 0 ? static_cast<std::size_t>(length) : 0);
-    path.resize(path.rfind('/') + 1); // empty when /proc is missing: the current folder
+    path.resize(path.rfind('/') + 1); // without /proc it is empty: the working directory
     return path + MANIFEST_NAME;
 }
 
-// What app_get_id() has found: it is asked for with every answer, and to look through the
-// environment each time would take longer than anything else that is done about it.
-struct KnownId {
-    std::mutex mutex;
-    std::string id;       // empty: not known yet
-    bool isGiven = false; // by host_set_app_id(), and so none that a manifest can change
+// What this process knows about itself. Never destroyed: applications ask from static destructors.
+//
+// The id is kept because the library asks for it with every answer, and a search through the
+// environment would cost more than all else that is done with it.
+struct Identity {
+    std::mutex mutex;        // guards the other members
+    SharedManifest manifest; // null until it is needed
+    std::string id;          // empty until it is needed
+    bool isGiven = false;    // the id comes from host_set_app_id(), so that no manifest changes it
 
-    static KnownId &instance() { // never destroyed, as below
-        static KnownId &instance = *new KnownId;
+    static Identity &instance() {
+        static Identity &instance = *new Identity;
         return instance;
     }
 };
 
 void rememberId(const std::string &id, bool isGiven) {
-    KnownId &known = KnownId::instance();
-    std::lock_guard<std::mutex> lock(known.mutex);
-    if (known.isGiven && !isGiven)
+    Identity &own = Identity::instance();
+    std::lock_guard<std::mutex> lock(own.mutex);
+    if (own.isGiven && !isGiven)
         return;
-    known.id = id;
-    known.isGiven = isGiven;
+    own.id = id;
+    own.isGiven = isGiven;
 }
 
-// Null: not known, or no memory. The caller frees it.
+// Null when the id is not known yet or memory ran out. The caller frees it.
 char *copyOfKnownId() {
-    KnownId &known = KnownId::instance();
-    std::lock_guard<std::mutex> lock(known.mutex);
-    return known.id.empty() ? nullptr : strdup(known.id.c_str());
+    Identity &own = Identity::instance();
+    std::lock_guard<std::mutex> lock(own.mutex);
+    return own.id.empty() ? nullptr : strdup(own.id.c_str());
 }
 
-using SharedManifest = std::shared_ptr<const Manifest>;
-
-// Read and written atomically. Null: not needed yet. Never destroyed: applications ask from their
-// own destructors.
-SharedManifest &current() {
-    static SharedManifest &instance = *new SharedManifest;
-    return instance;
-}
-
+// Not under the lock: whoever receives the log may ask for the id.
 void logIfBroken(const Manifest &manifest) {
     if (manifest.isBroken)
         dlog_print(DLOG_ERROR, LOG_TAG, "The manifest is not used: %s", manifest.problem.c_str());
 }
 
 SharedManifest manifest() {
-    SharedManifest known = std::atomic_load(&current());
-    if (known)
-        return known;
-    auto read = std::make_shared<const Manifest>(parseFile(manifestPath()));
-    if (!std::atomic_compare_exchange_strong(&current(), &known, SharedManifest(read)))
-        return known; // another thread was faster
+    Identity &own = Identity::instance();
+    std::unique_lock<std::mutex> lock(own.mutex);
+    if (own.manifest)
+        return own.manifest;
+    const auto read = std::make_shared<const Manifest>(readManifest(manifestPath()));
+    own.manifest = read;
+    lock.unlock();
     logIfBroken(*read);
     return read;
 }
 
 void install(Manifest parsed) {
-    auto installed = std::make_shared<const Manifest>(std::move(parsed));
-    std::atomic_store(&current(), SharedManifest(installed));
-    rememberId({}, false);
+    const auto installed = std::make_shared<const Manifest>(std::move(parsed));
+    Identity &own = Identity::instance();
+    {
+        std::lock_guard<std::mutex> lock(own.mutex);
+        own.manifest = installed;
+        if (!own.isGiven)
+            own.id.clear();
+    }
     logIfBroken(*installed);
 }
 
-// Once: the application may ask again with every request.
+// Logged once only: the application may ask with every request.
 void logMissingId(const std::string &problem) {
     static std::atomic<bool> isLogged{false};
     if (!isLogged.exchange(true))
@@ -134,10 +117,10 @@ void logMissingId(const std::string &problem) {
                    problem.c_str(), MANIFEST_NAME);
 }
 
-// Empty: there is none, which has been logged.
+// Empty when there is none; that has been logged.
 std::string ownId() {
     const char *named = std::getenv("NELVO_HOST_APP_ID");
-    if (named && *named != '\0') {
+    if (named && *named) {
         if (isValidName(named))
             return named;
         logMissingId("NELVO_HOST_APP_ID is \"" + std::string(named) + "\"; " + VALID_NAME_HINT);
@@ -150,24 +133,25 @@ std::string ownId() {
     return {};
 }
 
-// Null: not in the manifest.
-app_info_h findApplication(const char *id) {
-    const SharedManifest known = manifest();
-    for (const Application &application : known->applications) {
-        if (application.id == id)
-            return new app_info_s{{known, &application}};
+// Returns an application manager's error code.
+int findApplication(const SharedManifest &manifest, const char *id, app_info_h *info) {
+    for (const Application &application : manifest->applications) {
+        if (application.id == id) {
+            *info = new app_info_s{{manifest, &application}};
+            return APP_MANAGER_ERROR_NONE;
+        }
     }
-    return nullptr;
+    return APP_MANAGER_ERROR_NO_SUCH_APP;
 }
 
 } // namespace
 
-bool isValidName(const char *text) {
-    constexpr const char *CHARACTERS =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
-    const std::size_t length = text ? std::strspn(text, CHARACTERS) : 0;
-    return length > 0 && length <= LONGEST_NAME && text[length] == '\0' && text[0] != '.' &&
-           text[0] != '-' && !std::strstr(text, "..");
+std::string ownAppId() {
+    char *id = nullptr;
+    if (app_get_id(&id) != 0)
+        return {};
+    const std::unique_ptr<char, void (*)(void *)> owned(id, std::free);
+    return id;
 }
 
 } // namespace host
@@ -208,11 +192,18 @@ int app_info_create(const char *app_id, app_info_h *app_info) {
     if (!app_id || !app_info)
         return APP_MANAGER_ERROR_INVALID_PARAMETER;
     try {
-        const app_info_h found = host::findApplication(app_id);
-        if (!found)
-            return APP_MANAGER_ERROR_NO_SUCH_APP;
-        *app_info = found;
-        return APP_MANAGER_ERROR_NONE;
+        return host::findApplication(host::manifest(), app_id, app_info);
+    } catch (...) {
+        return APP_MANAGER_ERROR_OUT_OF_MEMORY;
+    }
+}
+
+int host_manifest_find_app(const char *path, const char *app_id, app_info_h *app_info) {
+    if (!path || !app_id || !app_info)
+        return APP_MANAGER_ERROR_INVALID_PARAMETER;
+    try {
+        const auto read = std::make_shared<const host::Manifest>(host::readManifest(path));
+        return host::findApplication(read, app_id, app_info);
     } catch (...) {
         return APP_MANAGER_ERROR_OUT_OF_MEMORY;
     }
@@ -236,7 +227,7 @@ int app_info_destroy(app_info_h app_info) {
 
 void host_sim_set_manifest(const char *xml) {
     try {
-        host::install(xml ? host::ManifestParser().parse(xml, "installed manifest")
+        host::install(xml ? host::parseManifest(xml, "installed manifest")
                           : host::Manifest{{}, "the manifest has been uninstalled"});
     } catch (...) {
         // The manifest stays as it was.

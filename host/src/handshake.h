@@ -22,6 +22,7 @@ namespace host {
 // Version, kind (an rpc_port_port_type_e) and length are single bytes.
 constexpr char HANDSHAKE_START[] = {'N', 'V', 'R', 'P', 1};
 constexpr std::size_t MAX_SENDER_BYTES = 127;
+constexpr double HANDSHAKE_SECONDS = 5.0; // for a whole connection, on either side
 
 struct Hello {
     rpc_port_port_type_e kind;

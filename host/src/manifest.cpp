@@ -1,37 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
-#pragma once
+#include "manifest.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 #include <expat.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "names.h"
+#include "unique_fd.h"
 
 namespace host {
 
+namespace {
+
 constexpr std::size_t LARGEST_MANIFEST = 1024 * 1024;
 
-struct Application {
-    std::string id;
-    std::vector<std::pair<std::string, std::string>> metadata;
-};
-
-// Never changed once it is in use.
-struct Manifest {
-    std::vector<Application> applications;
-    std::string problem;   // why there are no applications
-    bool isBroken = false; // it is there, but of no use
-};
-
-// Makes a manifest of XML, once. The first fault ends the parse: a manifest that is half understood
-// would run the application under half its settings.
+// Parses one manifest.
 class ManifestParser {
 public:
     ManifestParser() : _parser(XML_ParserCreate(nullptr), XML_ParserFree) {
@@ -42,7 +32,6 @@ public:
         XML_SetStartDoctypeDeclHandler(_parser.get(), startDoctypeCb);
     }
 
-    // The source is what messages call it. Throws std::bad_alloc.
     Manifest parse(std::string_view xml, const std::string &source) {
         if (xml.size() > LARGEST_MANIFEST)
             return {{}, source + ": it is larger than 1 MiB", true};
@@ -65,7 +54,7 @@ private:
     }
 
     void stop(const std::string &fault) {
-        _fault = here() + fault; // now: the parser still moves to the end of the tag
+        _fault = here() + fault; // taken now, since the parser goes on to the end of the tag
         XML_StopParser(_parser.get(), XML_FALSE);
     }
 
@@ -103,7 +92,7 @@ private:
         return *attributes ? attributes[1] : nullptr;
     }
 
-    // Nothing thrown may cross the parser's C code.
+    // Exceptions must not pass through the parser's C code.
     template <typename Work>
     static void guarded(void *data, Work work) {
         auto self = static_cast<ManifestParser *>(data);
@@ -123,7 +112,7 @@ private:
         --static_cast<ManifestParser *>(data)->_depth;
     }
 
-    // Entities are not needed, and their expansion is the one way a small file gets large.
+    // Manifests need no entities, and expanding them is the one way a small file becomes large.
     static void startDoctypeCb(void *data, const XML_Char *, const XML_Char *, const XML_Char *,
                                int) {
         guarded(data, [](ManifestParser &self) { self.stop("a DOCTYPE is not allowed here"); });
@@ -134,7 +123,31 @@ private:
     int _depth = 0;
     bool _isInApplication = false; // at depth 2 and below
     bool _isOutOfMemory = false;
-    std::string _fault; // where and why we stopped the parser; empty: we did not
+    std::string _fault; // position and reason if we stopped the parser, else empty
 };
+
+} // namespace
+
+Manifest parseManifest(std::string_view xml, const std::string &source) {
+    return ManifestParser().parse(xml, source);
+}
+
+Manifest readManifest(const std::string &path) {
+    // O_NONBLOCK: the path may name a pipe that nobody writes to.
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status;
+    if (!file || fstat(file.get(), &status) != 0)
+        return {{}, path + ": " + std::strerror(errno)};
+    if (!S_ISREG(status.st_mode))
+        return {{}, path + ": not a file"};
+    std::string xml;
+    char piece[4096];
+    ssize_t size = 0;
+    while (xml.size() <= LARGEST_MANIFEST && (size = read(file.get(), piece, sizeof piece)) > 0)
+        xml.append(piece, static_cast<std::size_t>(size));
+    if (size < 0)
+        return {{}, path + ": " + std::strerror(errno), true};
+    return parseManifest(xml, path);
+}
 
 } // namespace host

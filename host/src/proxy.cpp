@@ -7,39 +7,26 @@
 #include <system_error>
 
 #include <sys/random.h>
-#include <sys/socket.h>
 
-#include <app_common.h>
 #include <dlog.h>
 
 #include <host/sim.h>
 
+#include "app_id.h"
+#include "handshake.h"
 #include "log_tag.h"
 #include "loop.h"
 #include "names.h"
 #include "runtime_dir.h"
-#include "stub.h"
+#include "simulated_ports.h"
 
 namespace host {
 
 namespace {
 
-// As connectToPort().
-UniqueFd connectSimulated(const std::string &appId, const std::string &port) {
-    const auto stub = Stub::findSimulated(appId + ":" + port);
-    int ends[2];
-    if (!stub) {
-        errno = ENOENT;
-    } else if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) == 0) {
-        stub->addIncoming(UniqueFd(ends[1]));
-        return UniqueFd(ends[0]);
-    }
-    return UniqueFd();
-}
-
 int openSocket(const std::string &appId, const std::string &port, UniqueFd &socket) {
     const bool simulated = Loop::instance().isSimulated();
-    socket = simulated ? connectSimulated(appId, port) : connectToPort(appId, port);
+    socket = simulated ? connectToSimulatedPort(appId + ":" + port) : connectToPort(appId, port);
     if (socket)
         return RPC_PORT_ERROR_NONE;
     const int error = errno;

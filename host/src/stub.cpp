@@ -3,15 +3,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include <sys/resource.h>
 #include <sys/socket.h>
 
-#include <app_common.h>
 #include <dlog.h>
 
+#include "app_id.h"
 #include "log_tag.h"
 #include "loop.h"
 #include "names.h"
@@ -25,14 +24,6 @@ bool isShortage(int error) {
 }
 
 } // namespace
-
-std::string ownAppId() {
-    char *id = nullptr;
-    if (app_get_id(&id) != 0)
-        return {};
-    const std::unique_ptr<char, void (*)(void *)> owned(id, std::free);
-    return id;
-}
 
 void Connection::start(UniqueFd socket) {
     _channels[RPC_PORT_PORT_MAIN] =
@@ -118,12 +109,6 @@ Eina_Bool Connection::onTimeoutCb(void *data) {
     return ECORE_CALLBACK_CANCEL;
 }
 
-std::shared_ptr<Stub> Stub::findSimulated(const std::string &name) {
-    auto &stubs = Handles<std::shared_ptr<Stub>>::instance();
-    void *const found = stubs.findIf([&](const auto &stub) { return stub->_name == name; });
-    return found ? *stubs.find(found) : nullptr;
-}
-
 int Stub::listen() {
     if (!_name.empty())
         return RPC_PORT_ERROR_INVALID_PARAMETER;
@@ -142,12 +127,12 @@ int Stub::listen() {
 }
 
 bool Stub::listenSimulated(const std::string &name) {
-    if (findSimulated(name)) {
+    const bool added = addSimulatedPort(name, weak_from_this());
+    if (!added) {
         dlog_print(DLOG_ERROR, LOG_TAG, "%s is served already; destroy that stub first",
                    name.c_str());
-        return false;
     }
-    return true;
+    return added;
 }
 
 bool Stub::listenReal(const std::string &appId) {
@@ -157,7 +142,7 @@ bool Stub::listenReal(const std::string &appId) {
     }
     if (!_acceptHandler)
         _listenSocket.close();
-    return _acceptHandler;
+    return _acceptHandler != nullptr;
 }
 
 void Stub::destroy() {
@@ -165,6 +150,8 @@ void Stub::destroy() {
     Loop::instance().deleteTimer(_resumeTimer);
     Loop::instance().deleteHandler(_acceptHandler);
     _listenSocket.close();
+    if (!_name.empty() && Loop::instance().isSimulated())
+        removeSimulatedPort(_name);
     for (const auto &connection : _incoming)
         connection->close();
     for (const auto &entry : _standing)

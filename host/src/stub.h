@@ -16,20 +16,17 @@
 #include "handshake.h"
 #include "listeners.h"
 #include "runtime_dir.h"
+#include "simulated_ports.h"
 #include "unique_fd.h"
 
 namespace host {
 
 constexpr std::size_t MAX_CONNECTIONS = 4096;
 constexpr std::size_t MAX_INCOMING = 64;
-constexpr double HANDSHAKE_SECONDS = 5.0;
 constexpr double ACCEPT_PAUSE_SECONDS = 0.1;
 constexpr unsigned SPARE_DESCRIPTORS = 32;
 
 class Stub;
-
-// Empty: the application has none.
-std::string ownAppId();
 
 // A client, from the accepted socket to the end.
 //
@@ -79,18 +76,15 @@ private:
 //
 // It may be destroyed from inside any of its events: the connection that fires one is kept alive by
 // its channel, and keeps the stub alive. All connections of a stub that is destroyed have ended.
-class Stub : public std::enable_shared_from_this<Stub> {
+class Stub : public PortServer, public std::enable_shared_from_this<Stub> {
 public:
     explicit Stub(const char *portName) : _portName(portName) {}
-
-    // The stub that serves "appid:port" on a simulated device; null when none does.
-    static std::shared_ptr<Stub> findSimulated(const std::string &name);
 
     int listen();
     void destroy();
 
     // A client's socket. One that cannot be served is closed.
-    void addIncoming(UniqueFd socket);
+    void addIncoming(UniqueFd socket) override;
     // It has said hello: goes together with its other half, or waits for it. False: it must go.
     bool greet(Connection &half);
 

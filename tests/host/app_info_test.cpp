@@ -14,6 +14,7 @@
 
 #include <app_common.h>
 #include <host/app_id.h>
+#include <host/manifest.h>
 #include <host/sim.h>
 
 #include "child.h"
@@ -156,6 +157,23 @@ TEST(AppInfoTest, ReadsTheFileThatTheEnvironmentNames) {
     EXPECT_EQ(NO_ID + path + ": it has no <ui-application> or <service-application>" + ADVICE,
               outcomeOf(path));
     EXPECT_NE(std::string::npos, outcomeOf("").find("/tizen-manifest.xml: No such file"));
+}
+
+TEST(AppInfoTest, FindsAnApplicationInAnotherManifestWithoutInstallingIt) {
+    const int file = memfd_create("manifest", 0);
+    const std::string path = "/proc/self/fd/" + std::to_string(file);
+    app_info_h info = nullptr;
+    dprintf(file, "<manifest>");
+    EXPECT_EQ(host_manifest_find_app(path.c_str(), "first.app", &info),
+              APP_MANAGER_ERROR_NO_SUCH_APP);
+    dprintf(file, "<ui-application appid='first.app'><metadata key='k'/></ui-application>"
+                  "</manifest>");
+    EXPECT_EQ(host_manifest_find_app(path.c_str(), "other", &info), APP_MANAGER_ERROR_NO_SUCH_APP);
+    EXPECT_EQ(host_manifest_find_app(path.c_str(), nullptr, &info),
+              APP_MANAGER_ERROR_INVALID_PARAMETER);
+    ASSERT_EQ(host_manifest_find_app(path.c_str(), "first.app", &info), APP_MANAGER_ERROR_NONE);
+    EXPECT_EQ(app_info_destroy(info), APP_MANAGER_ERROR_NONE);
+    EXPECT_EQ(outcome("NELVO_HOST_APP_ID", "named", manifestOf("own.app")), "named");
 }
 
 } // namespace

@@ -8,9 +8,10 @@
 
 #include <host/sim.h>
 
+#include "handshake.h"
 #include "parcel_values.h"
 #include "rpc_peers.h"
-#include "stub.h"
+#include "simulated_ports.h"
 
 // A client that is made of bytes, for programs that the host platform's objects are linked into.
 namespace nelvo::testkit {
@@ -54,12 +55,7 @@ struct ListeningServer : RawDevice, peers::Server {
 // One of the two sockets of a client of that server.
 class RawSocket {
 public:
-    RawSocket() {
-        int ends[2] = {-1, -1};
-        socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends);
-        host::Stub::findSimulated("demo.app:message")->addIncoming(host::UniqueFd(ends[1]));
-        _end.reset(ends[0]);
-    }
+    RawSocket() : _end(host::connectToSimulatedPort("demo.app:message")) {}
     // They have arrived when it returns.
     void send(const std::string &bytes) const {
         ::send(_end.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);

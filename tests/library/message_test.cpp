@@ -1,5 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+// The "message" interface: its stub, the service behind it, and its clients among each other.
+#include <cstdio>
+#include <cstring>
 #include <functional>
+#include <optional>
+
+#include <dlfcn.h>
 
 #include "driven_application.h"
 
@@ -87,30 +93,22 @@ protected:
 };
 
 TEST_F(MessageStubTest, RoutesEachConnectionToItsOwnService) {
-    Client a("client.a");
-    Client b("client.b");
+    Client a("client.a"), b("client.b");
     ASSERT_TRUE(a.connect());
     ASSERT_TRUE(b.connect());
     EXPECT_EQ(testkit::setCb(a, {1, 42, false}), 17);
     EXPECT_EQ(b.unsetCb(), -5);
     a.disconnect();
     EXPECT_EQ(b.unsetCb(), -5);
+    latest->onTerminate = [&] { // b leaves meanwhile, and the stub is still there
+        b.disconnect();
+        device.advance();
+        EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 1 stubs, 0 app infos, 0 timers");
+    };
     message.reset();
     EXPECT_THAT(events, ElementsAre("client.a created", "client.b created", "client.a set 1::42",
                                     "client.b unset", "client.a terminated", "client.a destroyed",
                                     "client.b unset", "client.b terminated", "client.b destroyed"));
-}
-
-TEST_F(MessageStubTest, TerminatesAServiceOnceThoughItsClientLeavesMeanwhile) {
-    Client client;
-    ASSERT_TRUE(client.connect());
-    latest->onTerminate = [&] {
-        client.disconnect();
-        device.advance();
-    };
-    message.reset();
-    EXPECT_THAT(events, ElementsAre("demo.client created", "demo.client terminated",
-                                    "demo.client destroyed"));
 }
 
 TEST_F(MessageStubTest, DropsAClientWhoseParcelIsUnknown) {
@@ -184,17 +182,6 @@ TEST_F(MessageStubTest, InvokesACallbackAsLongAsItsConnectionLasts) {
     EXPECT_THROW(callback->Invoke("app.id", owner), stub::NotConnectedSocketException);
 }
 
-TEST_F(MessageStubTest, InvokesACallbackForOneUseOnce) {
-    Client client;
-    ASSERT_TRUE(client.connect());
-    ASSERT_EQ(testkit::setCb(client, {1, 1, true}), 17);
-    latest->kept->Invoke("app.id", Bundle(newBundle()));
-    EXPECT_THROW(latest->kept->Invoke("app.id", Bundle(newBundle())),
-                 stub::InvalidCallbackException);
-    device.advance();
-    EXPECT_EQ(client.answers.size(), 1u);
-}
-
 TEST_F(MessageStubTest, ServesAClientWithoutCallbackPortButCannotAnswerIt) {
     Client client;
     ASSERT_TRUE(client.connect());
@@ -244,5 +231,187 @@ TEST(CallbackBaseTest, NumbersCallbacksFromZero) {
     EXPECT_FALSE(second.IsOnce());
 }
 
+bool failsDisk = false;
+
+// Holds a line and, where a disk fails, half of the next one, which is a client's id.
+FILE *openFailing() {
+    cookie_io_functions_t calls{};
+    calls.read = [](void *, char *buffer, std::size_t) -> ssize_t {
+        static bool isRead = false;
+        isRead = !isRead;
+        return isRead ? static_cast<ssize_t>(stpcpy(buffer, "other.client\ndemo.client") - buffer)
+                      : -1;
+    };
+    return fopencookie(nullptr, "r", calls);
+}
+
+class MessageServiceTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(nelvo_initialize(), NELVO_ERROR_NONE); }
+    void TearDown() override { nelvo_deinitialize(); }
+
+    testkit::Simulation device;
+};
+
+TEST_F(MessageServiceTest, AdmitsWhomTheAllowListNames) {
+    const struct {
+        const char *what;
+        std::optional<std::string> content; // empty: no file
+        bool admitted;
+    } rows[] = {{"no file", std::nullopt, true},
+                {"named", "demo.client\n", true},
+                {"named without a line end", "other\ndemo.client", true},
+                {"named twice", "demo.client\ndemo.client\n", true},
+                {"empty", "", false},
+                {"only an empty line", "\n", false},
+                {"somebody else", "other.client\n", false},
+                {"carriage return", "demo.client\r\n", false},
+                {"trailing blank", "demo.client \n", false},
+                {"a longer line", "demo.client" + std::string(100, 'x') + "\n", false},
+                {"a long line before", std::string(100, 'x') + "\ndemo.client\n", true},
+                {"a high bit", "demo.clien\xf4\n", false},
+                {"other case", "Demo.client\n", false},
+                {"commented out", "# demo.client\n", false}};
+    Callback callback;
+    ASSERT_EQ(callback.registerState(), NELVO_ERROR_NONE);
+    callback.then = [](void *handler, bundle *) {
+        nelvo_complete_app_state_request(handler, "{}");
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        callback.handlers.clear();
+        if (row.content)
+            device.setAllowList(*row.content);
+        else
+            device.removeAllowList();
+        Client client;
+        ASSERT_TRUE(client.connect());
+        device.clearLog();
+        EXPECT_EQ(client.setCb(), row.admitted ? 0 : -1);
+        client.request("getAppContext");
+        EXPECT_EQ(callback.count(), row.admitted ? 1 : 0);
+        EXPECT_EQ(client.answers.size(), row.admitted ? 1u : 0u);
+        EXPECT_EQ(client.unsetCb(), row.admitted ? 0 : -1);
+        EXPECT_EQ(
+            device.countLog(DLOG_ERROR, "isPermittedSender", "demo.client is not permitted app id"),
+            row.admitted ? 0 : 3);
+        EXPECT_EQ(device.countLog(DLOG_ERROR, "Send",
+                                  "source app is not allowed to send app sdk requests"),
+                  row.admitted ? 0 : 1);
+    }
+}
+
+TEST_F(MessageServiceTest, KeepsTheListThatTheConnectionReadFirst) {
+    const std::string path = "res_path : /usr/share/nelvo/allow_list.dat";
+    Client client;
+    ASSERT_TRUE(client.connect());
+    device.setAllowList("");
+    EXPECT_EQ(client.setCb(), -1);
+    device.setAllowList("demo.client\n");
+    EXPECT_EQ(client.setCb(), 0) << "an empty list is not kept";
+    device.setAllowList("other\n");
+    EXPECT_EQ(client.setCb(), 0);
+    EXPECT_EQ(device.countLog(DLOG_INFO, "isPermittedSender", path), 2);
+
+    Client later;
+    ASSERT_TRUE(later.connect());
+    EXPECT_EQ(later.setCb(), -1);
+}
+
+TEST_F(MessageServiceTest, AdmitsNobodyByTheFirstHalfOfALine) {
+    Client client;
+    ASSERT_TRUE(client.connect());
+    failsDisk = true;
+    EXPECT_EQ(client.setCb(), -1);
+    failsDisk = false;
+    device.setAllowList("demo.client\n");
+    EXPECT_EQ(client.setCb(), -1) << "what was read before is the list";
+}
+
+// What one client does must not reach another one.
+TEST(IsolationTest, LeavesEachClientWhatIsItsOwn) {
+    testkit::Simulation device;
+    ASSERT_EQ(nelvo_initialize(), NELVO_ERROR_NONE);
+    Callback callback;
+    ASSERT_EQ(callback.registerAction("play"), NELVO_ERROR_NONE);
+    Client a("client.a"), b("client.b"), again("client.a");
+    const struct {
+        const char *what;
+        std::function<void()> act;
+        std::size_t answersA, answersB, answersAgain; // to a request of each afterwards
+    } rows[] = {
+        {"nothing", [] {}, 1, 1, 0},
+        {"UnsetCB", [&] { EXPECT_EQ(b.unsetCb(), 0); }, 1, 0, 0},
+        {"UnsetCB twice", [&] { EXPECT_EQ(b.unsetCb() + b.unsetCb(), 0); }, 1, 0, 0},
+        {"the end of a connection", [&] { b.disconnect(); }, 1, 0, 0},
+        {"another connection of the same client", [&] { EXPECT_TRUE(again.join()); }, 0, 1, 2},
+        {"UnsetCB of a client that is not admitted any more",
+         [&] {
+             b.request("play", 1);
+             device.setAllowList("client.a\n");
+             EXPECT_EQ(b.unsetCb(), -1);
+             nelvo_complete_action_execution(callback.last(),
+                                             "to b, whose callback is still there");
+             device.removeAllowList();
+         },
+         1, 1, 0},
+        {"a refused state request",
+         [&] {
+             a.request("play", 1);
+             a.answers.clear();
+             Client stranger("stranger");
+             device.setAllowList("client.a\nclient.b\n");
+             ASSERT_TRUE(stranger.connect());
+             stranger.request("getAppContext", 2);
+             EXPECT_TRUE(a.answers.empty()) << "the pending request is another's";
+             EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "x"), NELVO_ERROR_NONE);
+         },
+         2, 1, 0},
+        {"a state request without a callback",
+         [&] {
+             a.request("play", 1);
+             b.request("getAppContext", 2);
+             device.advance();
+             EXPECT_TRUE(a.answers.empty());
+             EXPECT_EQ(b.answers.size(), 1u);
+         },
+         1, 2, 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        device.removeAllowList();
+        again.disconnect();
+        ASSERT_TRUE(a.join());
+        ASSERT_TRUE(b.join());
+        for (Client *client : {&a, &b, &again})
+            client->answers.clear();
+        row.act();
+        for (Client *client : {&a, &b}) {
+            if (!client->connected())
+                continue;
+            client->request("play", 3);
+            nelvo_complete_action_execution(callback.last(), "done");
+            device.advance();
+        }
+        if (again.connected()) {
+            again.request("play", 4);
+            nelvo_complete_action_execution(callback.last(), "done");
+            device.advance();
+        }
+        EXPECT_EQ(a.answers.size(), row.answersA);
+        EXPECT_EQ(b.answers.size(), row.answersB);
+        EXPECT_EQ(again.answers.size(), row.answersAgain);
+    }
+    device.takeWarnings(); // b completes nothing once it is not admitted
+    nelvo_deinitialize();
+}
+
 } // namespace
 } // namespace nelvo
+
+// Stands before the test kit's.
+extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
+    using Open = FILE *(*)(const char *, const char *);
+    static const auto next = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "fopen"));
+    return nelvo::failsDisk ? nelvo::openFailing() : next(path, mode);
+}

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// What both kinds of request have in common, and where they differ.
+// Both kinds of request, where a script of play.cpp cannot go: foreign handlers, a copy's content, timers
+// that the platform fires when it should not, the kit's warnings.
 #include "driven_application.h"
 
+#include <cstring>
+
+#include "action_request_impl.h"
 #include "client_wire.h"
 #include "nelvo_common_data.h"
-#include "rpc_peers.h"
 
 namespace nelvo {
 namespace {
@@ -16,59 +19,26 @@ struct Kind {
     const char *name;
     const char *actionId;
     const char *resultKey;
-    const char *timedOut; // the message that the client gets
     int (*setCallback)(Callback *);
-    int (*unsetCallback)();
     int (*complete)(void *, const char *);
-    std::vector<std::string> setLog, unsetLog, nullLog;
-    const char *noData; // what the time-out without data logs
-    int repeated;       // what a second completion returns
-    int unreached;      // what a completion returns when the client can't be reached
+    const char *noData;      // what the time-out logs when it gets no data
+    std::size_t keptRecords; // after a completion for another request id
 };
 
-int setAction(Callback *callback) {
-    return nelvo_set_action_execution_cb("play", callback ? Callback::action : nullptr, callback);
-}
-int unsetAction() {
-    return nelvo_unset_action_execution_cb("play");
-}
-int setState(Callback *callback) {
-    return nelvo_set_app_state_request_cb(callback ? Callback::state : nullptr, callback);
-}
-
-const std::string ACTION_SET = "D setActionExecutionCb: 'play' Action Execution cb has been set";
-const std::string ACTION_UNSET =
-    "D unsetExecuteActionCb: 'play' Action Execution cb has been unset";
-const std::string STATE_SET = "D setAppStateRequestCb: App State Request cb has been set";
-const std::string STATE_UNSET = "D unsetAppStateRequestCb: App State Request Cb has been unset";
-
 const Kind KINDS[] = {
-    {"Action",
-     "play",
-     "result",
-     "Action execution request timed out",
-     setAction,
-     unsetAction,
+    {"Action", "play", "result",
+     [](Callback *callback) {
+         return nelvo_set_action_execution_cb("play", callback ? Callback::action : nullptr,
+                                              callback);
+     },
      nelvo_complete_action_execution,
-     {ACTION_SET},
-     {ACTION_UNSET},
-     {ACTION_UNSET, ACTION_SET},
-     "E _completeActionExecutionCheckCb: Action Request Pointer is null",
-     NONE,
-     FAILED},
-    {"State",
-     "getAppContext",
-     "appContext",
-     "App state request execution timed out",
-     setState,
-     nelvo_unset_app_state_request_cb,
-     nelvo_complete_app_state_request,
-     {STATE_SET, STATE_SET},
-     {STATE_UNSET, STATE_UNSET},
-     {STATE_UNSET, STATE_SET, STATE_SET},
-     "E _appStateRequestCompleteCheckCb: State Request is null",
-     FAILED,
-     NONE},
+     "E _completeActionExecutionCheckCb: Action Request Pointer is null", 0},
+    {"State", "getAppContext", "appContext",
+     [](Callback *callback) {
+         return nelvo_set_app_state_request_cb(callback ? Callback::state : nullptr, callback);
+     },
+     nelvo_complete_app_state_request, "E _appStateRequestCompleteCheckCb: State Request is null",
+     1},
 };
 
 void PrintTo(const Kind &kind, std::ostream *out) {
@@ -77,8 +47,10 @@ void PrintTo(const Kind &kind, std::ostream *out) {
 
 class RequestTest : public DrivenApplication, public testing::WithParamInterface<Kind> {
 protected:
-    void registerCallback() { ASSERT_EQ(kind.setCallback(&callback), NONE); }
-    void request(std::uint64_t id = 7) { client.request(kind.actionId, id); }
+    void request(std::uint64_t id = 7) {
+        ASSERT_EQ(kind.setCallback(&callback), NONE);
+        client.request(kind.actionId, id);
+    }
     int complete(const char *text = "done") { return kind.complete(callback.last(), text); }
 
     const Kind &kind = GetParam();
@@ -88,109 +60,24 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Of, RequestTest, testing::ValuesIn(KINDS),
                          [](const auto &row) { return row.param.name; });
 
-TEST_P(RequestTest, IsAnsweredWithWhatTheApplicationReports) {
-    const struct {
-        const char *result, *received;
-        bool inside; // reported from inside the callback
-    } rows[] = {
-        {"done", "done", true}, {"late", "late", false}, {"", "", true}, {nullptr, "null", false}};
-    const testkit::peers::Server server("other"); // a port of the application's own changes nothing
-    registerCallback();
+TEST_P(RequestTest, IsAnsweredWithWhatTheLatestCallbackReports) {
+    Callback replaced;
+    ASSERT_EQ(kind.setCallback(&replaced), NONE);
+    const std::pair<const char *, const char *> rows[] = {
+        {"done", "done"}, {"", ""}, {nullptr, "null"}};
     std::uint64_t id = 0xfedcba9876543210;
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.received);
-        int returned = 1;
-        callback.then = [&](void *, bundle *) {
-            if (row.inside)
-                returned = complete(row.result);
-        };
+    for (const auto &[reported, received] : rows) {
         request(++id);
-        if (!row.inside)
-            returned = complete(row.result);
-        EXPECT_EQ(returned, NONE);
+        EXPECT_EQ(complete(reported), NONE);
         device.advance();
         ASSERT_FALSE(client.answers.empty());
-        EXPECT_EQ(answer().sender, "demo.app");
         EXPECT_EQ(answer().requestId, id);
-        EXPECT_EQ(answer().fields, success(kind.resultKey, row.received));
-        EXPECT_EQ(host_sim_timer_count(), timers);
+        EXPECT_EQ(answer().fields, success(kind.resultKey, received));
     }
-    EXPECT_EQ(answerCount(), 4);
-}
-
-TEST_P(RequestTest, IsAnsweredOnceAndOnlyWhilePending) {
-    const std::string forgotten = "Couldn't find requestId corresponding to actionHandler 2";
-    const char *overtaken = "a newer request had overtaken it";
-    const char *stopped = "the library had been stopped since";
-    const std::string gone = "response error: NotConnectedSocketException";
-    const struct {
-        const char *when;
-        std::function<void()> before;
-        int returned;
-        int successes;           // success answers that the client has in the end
-        std::string logged;      // empty: no error
-        std::string warned = ""; // by the test kit; empty: nothing
-    } moments[] = {
-        {"while pending", [] {}, NONE, 1, ""},
-        {"a second time", [this] { complete(); }, kind.repeated, 1,
-         kind.repeated == NONE ? forgotten : "App State result recieved after timeout, discarding",
-         "it had been completed before"},
-        {"after 30 seconds", [this] { device.advance(30.001); }, NONE, 0, forgotten,
-         "it had timed out"},
-        {"after another action", [this] { client.request("other", 8); }, NONE, 0, forgotten,
-         overtaken},
-        {"after a state request", [this] { client.request("getAppContext", 8); }, NONE, 0,
-         forgotten, overtaken},
-        {"after the callback was removed", [this] { kind.unsetCallback(); }, NONE, 1, ""},
-        {"after the client has gone", [this] { client.disconnect(); }, kind.unreached, 0, gone},
-        {"after UnsetCB", [this] { client.unsetCb(); }, kind.unreached, 0,
-         "demo.client has no response callback"},
-        {"after a restart", [] { restart(); }, NONE, 0, forgotten, stopped},
-        {"while stopped", [] { nelvo_deinitialize(); }, FAILED, 0, "Nelvo is not initialized",
-         stopped},
-    };
-    for (const auto &moment : moments) {
-        SCOPED_TRACE(moment.when);
-        restart();
-        ASSERT_TRUE(client.join());
-        client.request(otherKind.actionId, 6); // nobody registers it: it takes no handler
-        registerCallback();
-        client.answers.clear();
-        request();
-        void *handler = callback.last();
-        moment.before();
-        device.clearLog();
-        device.takeWarnings();
-        EXPECT_EQ(kind.complete(handler, "done"), moment.returned);
-        const auto warnings = device.takeWarnings();
-        ASSERT_EQ(warnings.size(), moment.warned.empty() ? 0u : 1u);
-        EXPECT_THAT(warnings.empty() ? "" : warnings[0], testing::EndsWith(moment.warned));
-        const auto errors = device.logTexts(DLOG_ERROR);
-        ASSERT_EQ(errors.size(), moment.logged.empty() ? 0u : 1u);
-        EXPECT_THAT(errors.empty() ? "" : errors[0], testing::EndsWith(moment.logged));
-        device.advance();
-        int successes = 0;
-        for (const auto &each : client.answers)
-            successes += each.succeeded();
-        EXPECT_EQ(successes, moment.successes);
-    }
-}
-
-TEST_P(RequestTest, FailsAfterThirtySecondsOnce) {
-    registerCallback();
-    request(77);
-    device.advance(29.999);
-    EXPECT_EQ(answerCount(), 0);
-    device.advance(0.002);
-    ASSERT_EQ(answerCount(), 1);
-    EXPECT_EQ(answer().fields, failure(kind.resultKey, kind.timedOut));
-    EXPECT_EQ(answer().requestId, 77u);
-    device.advance(100);
-    EXPECT_EQ(answerCount(), 1);
+    EXPECT_EQ(replaced.count(), 0);
 }
 
 TEST_P(RequestTest, IsNotTimedOutByATimerThatIsNotSet) {
-    registerCallback();
     testkit::hooks().timer = [](Ecore_Task_Cb expired, void *data) {
         EXPECT_EQ(expired(nullptr), ECORE_CALLBACK_CANCEL);
         EXPECT_EQ(expired(data), ECORE_CALLBACK_CANCEL);
@@ -205,7 +92,6 @@ TEST_P(RequestTest, IsNotTimedOutByATimerThatIsNotSet) {
 }
 
 TEST_P(RequestTest, IsNotAnsweredUnderAnotherId) {
-    registerCallback();
     request(7);
     NelvoCommonData &common = *NelvoCommonData::getInstance();
     common._requestId = 8;
@@ -213,54 +99,12 @@ TEST_P(RequestTest, IsNotAnsweredUnderAnotherId) {
     EXPECT_THAT(
         device.logTexts().back(),
         testing::MatchesRegex("D complete.*: Discarding response recieved for old requestId 7"));
-    EXPECT_EQ(common._requestIdMap.size(), kind.repeated == NONE ? 0u : 1u);
+    EXPECT_EQ(common._requestIdMap.size(), kind.keptRecords);
     EXPECT_EQ(host_sim_timer_count(), timers + 1) << "the time goes on";
     EXPECT_EQ(answerCount(), 0);
 }
 
-TEST_P(RequestTest, IsAnsweredOnceThroughACallbackForOneUse) {
-    ASSERT_EQ(testkit::setCb(client, {1, 1, true}), 0);
-    registerCallback();
-    for (const int wanted : {NONE, kind.unreached}) {
-        request();
-        EXPECT_EQ(complete(), wanted);
-    }
-    EXPECT_EQ(
-        device.countLog(DLOG_ERROR, "sendResponse", "response error: InvalidCallbackException"), 1);
-    device.advance();
-    EXPECT_EQ(answerCount(), 1);
-}
-
-TEST_P(RequestTest, ReachesTheLatestRegistration) {
-    Callback other;
-    const struct {
-        const char *what;
-        int calls, otherCalls; // of a request afterwards
-        const std::vector<std::string> &log;
-        std::function<int()> change;
-    } rows[] = {
-        {"registered", 1, 0, kind.setLog, [&] { return kind.setCallback(&callback); }},
-        {"replaced", 0, 1, kind.setLog, [&] { return kind.setCallback(&other); }},
-        {"removed", 0, 0, kind.unsetLog, [&] { return kind.unsetCallback(); }},
-        {"removed again", 0, 0, kind.unsetLog, [&] { return kind.unsetCallback(); }},
-        {"registered again", 1, 0, kind.setLog, [&] { return kind.setCallback(&callback); }},
-        {"null callback", 0, 0, kind.nullLog, [&] { return kind.setCallback(nullptr); }},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        device.clearLog();
-        EXPECT_EQ(row.change(), NONE);
-        EXPECT_EQ(device.logTexts(), row.log);
-        callback.handlers.clear();
-        other.handlers.clear();
-        request();
-        EXPECT_EQ(callback.count(), row.calls);
-        EXPECT_EQ(other.count(), row.otherCalls);
-    }
-}
-
 TEST_P(RequestTest, IsCompletedByItsOwnHandlerOnly) {
-    registerCallback();
     request();
     auto *slots = static_cast<int *>(callback.last()) - numberOf(callback.last());
     int foreign = 2;
@@ -285,6 +129,126 @@ TEST_P(RequestTest, IsCompletedByItsOwnHandlerOnly) {
     EXPECT_EQ(complete(), NONE);
     device.advance();
     EXPECT_EQ(answerCount(), 1);
+}
+
+TEST_P(RequestTest, IsToldByTheKitWhenItIsCompletedTooLate) {
+    const char *const stopped = "the library had been stopped since";
+    const char *const overtaken = "a newer request had overtaken it";
+    const struct {
+        const char *warning; // empty: none
+        std::function<void()> before;
+    } rows[] = {
+        {"", [] {}},
+        {"it had been completed before", [this] { complete(); }},
+        {"it had timed out", [this] { device.advance(30.001); }},
+        {overtaken, [this] { client.request("other", 8); }},
+        {overtaken, [this] { client.request("getAppContext", 8); }},
+        {stopped, [] { restart(); }},
+        {stopped, [] { nelvo_deinitialize(); }},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.warning);
+        restart();
+        ASSERT_TRUE(client.join());
+        client.request(otherKind.actionId, 6); // nobody registers it: it takes no handler
+        request();
+        void *const handler = callback.last();
+        row.before();
+        device.takeWarnings();
+        kind.complete(handler, "done");
+        const auto warnings = device.takeWarnings();
+        ASSERT_EQ(warnings.size(), *row.warning ? 1u : 0u);
+        EXPECT_THAT(warnings.empty() ? "" : warnings[0], testing::EndsWith(row.warning));
+    }
+}
+
+class ActionRequestTest : public DrivenApplication {};
+
+TEST_F(ActionRequestTest, KeepsStringsAndBytesOfAWaitingRequest) {
+    const client::BundlePtr request = client::makeRequest({"late", 9, {}, "p"});
+    const char *array[] = {"a", "b"};
+    const unsigned char bytes[] = {1, 0, 3};
+    bundle_add_str_array(request.get(), "array", array, 2);
+    bundle_add_byte(request.get(), "bytes", bytes, sizeof(bytes));
+    int entries = 0;
+    callback.then = [&](void *, bundle *copy) {
+        void *kept = nullptr;
+        std::size_t size = 0;
+        entries = bundle_get_count(copy);
+        ASSERT_EQ(bundle_get_byte(copy, "bytes", &kept, &size), BUNDLE_ERROR_NONE);
+        ASSERT_EQ(size, sizeof(bytes));
+        EXPECT_EQ(std::memcmp(kept, bytes, size), 0);
+    };
+    client.send(request.get());
+    EXPECT_EQ(device.countLog(DLOG_ERROR, "_bundleDataCb", "key value is array type"), 1);
+    ASSERT_EQ(callback.registerAction("late"), NONE);
+    device.advance(0.02);
+    EXPECT_EQ(callback.params, std::vector<std::string>{"p"});
+    EXPECT_EQ(entries, 4); // all but the array
+}
+
+// Ticks that the platform should not make, at the moments at which they find something missing.
+TEST_F(ActionRequestTest, GivesTheWaitUpWhenSomethingIsMissing) {
+    Ecore_Task_Cb tick = nullptr;
+    void *self = nullptr;
+    testkit::hooks().timer = [&](Ecore_Task_Cb added, void *data) {
+        tick = added;
+        self = data;
+    };
+    testkit::hooks().iterator = [](bundle_iterator_t iterator) {
+        iterator("key", BUNDLE_TYPE_STR, nullptr, nullptr);
+    };
+    client.request("late");
+    EXPECT_EQ(device.logTexts().back(), "E _bundleDataCb: Bundle data is null");
+    testkit::hooks() = {};
+
+    std::string &clientId = NelvoCommonData::getInstance()->_nelvoClientAppId;
+    const struct {
+        const char *logged;
+        std::function<void *()> prepare; // the tick's data
+    } rows[] = {
+        {"actionPtr is null", [] { return nullptr; }},
+        {"Nelvo Client app id is null", [&] { return clientId.clear(), self; }},
+        {"ActionRequest _actionExecutionFireTimer is null",
+         [&] { return clientId = "demo.client", self; }},
+        {"ActionRequest bundle data is null",
+         [&] {
+             device.advance(0.02); // the platform's own tick, which ends the timer
+             restart();
+             return self;
+         }},
+    };
+    for (const auto &row : rows) {
+        void *const data = row.prepare();
+        device.clearLog();
+        EXPECT_EQ(tick(data), ECORE_CALLBACK_CANCEL);
+        EXPECT_THAT(device.logTexts(DLOG_ERROR),
+                    ElementsAre("E _actionExecutionFireCb: " + std::string(row.logged)));
+    }
+    EXPECT_EQ(host_sim_timer_count(), 0);
+    EXPECT_EQ(answerCount(), 0);
+}
+
+TEST_F(ActionRequestTest, StartsNoSecondWait) {
+    client.request("late");
+    const int waiting = host_sim_timer_count();
+    ActionRequestImpl::getInstance()->receiveRequest("demo.client", "late", nullptr);
+    EXPECT_EQ(host_sim_timer_count(), waiting);
+    device.advance(1);
+    EXPECT_THAT(device.logTexts(DLOG_ERROR),
+                ElementsAre("E _actionExecutionFireCb: ActionRequest bundle data is null"));
+    EXPECT_EQ(answerCount(), 0);
+}
+
+TEST_F(ActionRequestTest, NumbersHandlersInTurnAcrossBothKinds) {
+    ASSERT_EQ(callback.registerAction("play"), NONE);
+    ASSERT_EQ(callback.registerState(), NONE);
+    const int first = 2;
+    for (int i = 0; i < 205; ++i) {
+        client.request(i % 3 == 0 ? "getAppContext" : "play", 1);
+        ASSERT_EQ(numberOf(callback.last()), (first + i) % 100) << i;
+        ASSERT_EQ(callback.last(), callback.handlers[static_cast<std::size_t>(i % 100)]) << i;
+    }
 }
 
 } // namespace

@@ -76,7 +76,7 @@ TEST(AppInfoTest, ShowsWhatAnInstalledManifestSays) {
         "<profile><metadata key='wrong'/></profile><metadata key='wrong'/>"
         "<ui-application appid='second.app'><metadata key='k' value='v'/></ui-application>"
         "</manifest>";
-    EXPECT_EQ("first.app destroy=<1\u00e9 a=", outcome("NELVO_LOG", "", rich));
+    EXPECT_EQ(outcome("NELVO_LOG", "", rich), "first.app destroy=<1\u00e9 a=");
     const std::pair<std::string, std::string> broken[] = {
         {manifestOf("a.b") + "\n <more/>", ", line 2, column 2: junk after document element"},
         {"<package/>", ", line 1, column 1: the outermost element is not <manifest>"},
@@ -102,7 +102,7 @@ TEST(AppInfoTest, PrefersTheIdFromTheEnvironmentIfItIsSafeInAPath) {
         const char *metadata = "<metadata key='stop'/><metadata key='unseen'/>";
         return outcome("NELVO_HOST_APP_ID", id, manifestOf("first.app", metadata));
     };
-    EXPECT_EQ("first.app stop=", outcomeOf(""));
+    EXPECT_EQ(outcomeOf(""), "first.app stop=");
     for (const std::string good : {"a", "_", "Az09._-.", "0.a-", longest.c_str()})
         EXPECT_EQ(good + " stop=", outcomeOf(good));
     for (const std::string bad : {".", ".a", "-a", "a..b", "a b", "a/b", "\u00e9", tooLong.c_str()})
@@ -142,11 +142,11 @@ TEST(AppInfoTest, ReadsTheFileThatTheEnvironmentNames) {
     char folder[] = "app_info_test.XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(folder));
     const std::string fifo = folder + "/fifo"s; // nobody writes: opening it must not wait
-    EXPECT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_EQ(NO_ID + fifo + ": not a file" + ADVICE, outcomeOf(fifo));
     EXPECT_EQ(NO_ID + folder + ": not a file" + ADVICE, outcomeOf(folder));
-    EXPECT_EQ(0, unlink(fifo.c_str()));
-    EXPECT_EQ(0, rmdir(folder));
+    EXPECT_EQ(unlink(fifo.c_str()), 0);
+    EXPECT_EQ(rmdir(folder), 0);
     EXPECT_EQ(NO_ID + fifo + ": No such file or directory" + ADVICE, outcomeOf(fifo));
 
     const int file = memfd_create("manifest", 0);
@@ -156,7 +156,7 @@ TEST(AppInfoTest, ReadsTheFileThatTheEnvironmentNames) {
     dprintf(file, "</manifest>");
     EXPECT_EQ(NO_ID + path + ": it has no <ui-application> or <service-application>" + ADVICE,
               outcomeOf(path));
-    EXPECT_NE(std::string::npos, outcomeOf("").find("/tizen-manifest.xml: No such file"));
+    EXPECT_NE(outcomeOf("").find("/tizen-manifest.xml: No such file"), std::string::npos);
 }
 
 TEST(AppInfoTest, FindsAnApplicationInAnotherManifestWithoutInstallingIt) {

@@ -46,14 +46,14 @@ TEST(BundleTest, GivesBackWhatItWasGivenWhateverItRefused) {
     int len = -7;
     for (const std::size_t length : {400u, 100000u}) { // leaves no zeros behind in memory
         const std::string longText(length, 'x');
-        EXPECT_EQ(0, bundle_add_str(b, "str", longText.c_str()));
+        EXPECT_EQ(bundle_add_str(b, "str", longText.c_str()), 0);
         EXPECT_EQ("str 2/" + longText + '\0' + " ", contents(b));
-        EXPECT_EQ(0, bundle_del(b, "str"));
+        EXPECT_EQ(bundle_del(b, "str"), 0);
     }
     bundle_free(std::exchange(b, bundle_create()));
-    EXPECT_EQ(0, bundle_add_str(b, "str", "text"));
-    EXPECT_EQ(0, bundle_add_byte(b, "byte", "\0\1", 2));
-    EXPECT_EQ(0, bundle_add_str_array(b, "array", texts, 3));
+    EXPECT_EQ(bundle_add_str(b, "str", "text"), 0);
+    EXPECT_EQ(bundle_add_byte(b, "byte", "\0\1", 2), 0);
+    EXPECT_EQ(bundle_add_str_array(b, "array", texts, 3), 0);
     EXPECT_THAT(
         results(bundle_add_str(nullptr, "k", "v"), bundle_add_str(b, nullptr, "v"),
                 bundle_add_str(b, "", "v"), bundle_add_str(b, "k", nullptr),
@@ -68,15 +68,15 @@ TEST(BundleTest, GivesBackWhatItWasGivenWhateverItRefused) {
                 bundle_del(b, nullptr), bundle_free(nullptr),
                 bundle_keyval_get_basic_val(nullptr, &byte, &size)),
         testing::Each(BUNDLE_ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(BUNDLE_ERROR_KEY_NOT_AVAILABLE, bundle_get_str(b, "st", &str));
-    EXPECT_EQ(BUNDLE_ERROR_KEY_NOT_AVAILABLE, bundle_get_byte(b, "k", &byte, &size));
+    EXPECT_EQ(bundle_get_str(b, "st", &str), BUNDLE_ERROR_KEY_NOT_AVAILABLE);
+    EXPECT_EQ(bundle_get_byte(b, "k", &byte, &size), BUNDLE_ERROR_KEY_NOT_AVAILABLE);
     EXPECT_EQ(nullptr, bundle_get_str_array(b, "byte", &len));
-    EXPECT_EQ(-7, len);
+    EXPECT_EQ(len, -7);
 
     EXPECT_EQ(std::string("str 2/text\0 byte 4/\0\1 array 3/ ", 31), contents(b));
-    EXPECT_EQ(0, bundle_get_str(b, "str", &str));
+    EXPECT_EQ(bundle_get_str(b, "str", &str), 0);
     EXPECT_STREQ("text", str);
-    EXPECT_EQ(0, bundle_get_byte(b, "byte", &byte, &size));
+    EXPECT_EQ(bundle_get_byte(b, "byte", &byte, &size), 0);
     EXPECT_EQ(std::string("\0\1", 2), std::string(static_cast<char *>(byte), size));
     EXPECT_EQ(0u, reinterpret_cast<std::uintptr_t>(byte) % alignof(std::max_align_t));
     const char **array = bundle_get_str_array(b, "array", &len);
@@ -93,7 +93,7 @@ TEST(BundleTest, AgreesWithAListAfterAnyChanges) {
         bundle *const b = bundle_create();
         std::vector<std::string> list;
         unsigned random = 1;
-        for (unsigned step = 0; step < keys * 30; step++) {
+        for (unsigned step = 0; step < keys * 30; ++step) {
             random = random * 1664525 + 1013904223;
             const std::string key = std::to_string((random >> 8) % keys);
             const auto found = std::find(list.begin(), list.end(), key);

@@ -22,7 +22,7 @@ using nelvo::testkit::stderrOfChild;
 std::string outputAt(const char *level) {
     return stderrOfChild([=] {
         setenv("NELVO_LOG", level, 1);
-        for (int prio = DLOG_VERBOSE; prio <= DLOG_FATAL; prio++)
+        for (int prio = DLOG_VERBOSE; prio <= DLOG_FATAL; ++prio)
             dlog_print(static_cast<log_priority>(prio), "T", "%d", prio);
     });
 }
@@ -33,7 +33,7 @@ TEST(DlogTest, WritesFromTheLevelThatTheEnvironmentNames) {
         EXPECT_EQ(output, outputAt(level)) << level;
         output.erase(0, 7);
     }
-    EXPECT_EQ("W T: 5\nE T: 6\nF T: 7\n", outputAt(""));
+    EXPECT_EQ(outputAt(""), "W T: 5\nE T: 6\nF T: 7\n");
     EXPECT_EQ("W NELVO-HOST: NELVO_LOG is \"loud\", taken as warn; set it to verbose, debug, info, "
               "warn, error, fatal or silent\nW T: 5\nE T: 6\nF T: 7\n",
               outputAt("loud"));

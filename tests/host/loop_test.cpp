@@ -71,7 +71,7 @@ Eina_Bool act(void *data) {
         else if (action == 'r')
             EXPECT_EQ(0, eventfd_read(self.fd, &value)); // no event without something to read
         else if (action == 'w')
-            EXPECT_EQ(0, eventfd_write(next.fd, 1));
+            EXPECT_EQ(eventfd_write(next.fd, 1), 0);
         else if (action == 'q')
             ecore_main_loop_quit();
         else if (action == 's')
@@ -145,7 +145,7 @@ TEST(LoopTest, DeliversEachEventOnceAtItsMomentWhateverTheCallbacksDo) {
             host_sim_advance(row.seconds);
         EXPECT_EQ(row.notes, notes.str());
         clear();
-        EXPECT_EQ(0, host_sim_timer_count());
+        EXPECT_EQ(host_sim_timer_count(), 0);
     }
 }
 
@@ -157,8 +157,8 @@ TEST(LoopTest, RunsUntilItIsToldToQuitOrNothingIsLeftOrTheLastShutdown) {
     }
     clear();
     play({{1, ""}, {EMPTY, ""}});
-    EXPECT_EQ(1, ecore_init());
-    EXPECT_EQ(2, ecore_init());
+    EXPECT_EQ(ecore_init(), 1);
+    EXPECT_EQ(ecore_init(), 2);
     for (const int left : {1, 0, 0}) {
         EXPECT_EQ(left, ecore_shutdown());
         EXPECT_EQ(left, host_sim_timer_count());
@@ -193,7 +193,7 @@ TEST(LoopTest, SleepsBetweenItsTimersAndNeverFiresEarly) {
     ecore_timer_add(0.0309, quit, nullptr);
     ecore_main_fd_handler_add(eventfd(0, 0), ECORE_FD_READ, take, nullptr, ask, nullptr);
     ecore_main_loop_begin();
-    EXPECT_EQ(0, left);
+    EXPECT_EQ(left, 0);
     EXPECT_EQ(3, asked); // and not once more while nothing happened
 }
 

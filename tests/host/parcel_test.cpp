@@ -29,7 +29,7 @@ const Bytes EXAMPLE = number(3) + "\1" + text("str") + text("texts") + "\2" + te
 
 Bytes encoded(const Bundle &b) {
     host::Parcel parcel;
-    EXPECT_EQ(0, rpc_port_parcel_write_bundle(&parcel, b.get()));
+    EXPECT_EQ(rpc_port_parcel_write_bundle(&parcel, b.get()), 0);
     return bytesOf(parcel).substr(4);
 }
 
@@ -55,11 +55,11 @@ TEST(ParcelTest, HoldsValuesOneAfterTheOther) {
           rpc_port_parcel_read_string(&from, &str), rpc_port_parcel_read_bundle(&from, &b),
           rpc_port_parcel_write_int32(&to, i), rpc_port_parcel_write_bool(&to, flag),
           rpc_port_parcel_write_string(&to, str), rpc_port_parcel_write_bundle(&to, b)})
-        EXPECT_EQ(0, result);
+        EXPECT_EQ(result, 0);
     EXPECT_EQ(bytes, bytesOf(to));
     void *byte = nullptr;
     size_t size = 0;
-    EXPECT_EQ(0, bundle_get_byte(b, "byte", &byte, &size));
+    EXPECT_EQ(bundle_get_byte(b, "byte", &byte, &size), 0);
     EXPECT_EQ(0u, reinterpret_cast<std::uintptr_t>(byte) % alignof(std::max_align_t));
     std::free(str);
     bundle_free(b);
@@ -76,15 +76,15 @@ TEST(ParcelTest, RefusesNullArgumentsAndWhatIsNotAWholeValue) {
           rpc_port_parcel_write_string(nullptr, ""), rpc_port_parcel_write_string(h, nullptr),
           rpc_port_parcel_write_bundle(h, nullptr), rpc_port_parcel_read_int32(nullptr, &i),
           rpc_port_parcel_read_bundle(h, nullptr)})
-        EXPECT_EQ(RPC_PORT_ERROR_INVALID_PARAMETER, result);
-    EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, rpc_port_parcel_read_int32(h, &i));
-    EXPECT_EQ(0, rpc_port_parcel_write_int32(h, 2));
-    EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, rpc_port_parcel_read_bool(h, &flag));
-    EXPECT_EQ(0, rpc_port_parcel_destroy(h));
+        EXPECT_EQ(result, RPC_PORT_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(rpc_port_parcel_read_int32(h, &i), RPC_PORT_ERROR_IO_ERROR);
+    EXPECT_EQ(rpc_port_parcel_write_int32(h, 2), 0);
+    EXPECT_EQ(rpc_port_parcel_read_bool(h, &flag), RPC_PORT_ERROR_IO_ERROR);
+    EXPECT_EQ(rpc_port_parcel_destroy(h), 0);
     for (const Bytes &bytes : {""s, number(0), number(4) + "abcd", number(4) + "a\0b\0"s,
                                number(4) + "abc", number(UINT32_MAX) + "abc\0"s}) {
         host::Parcel parcel = parcelOf(bytes);
-        EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, rpc_port_parcel_read_string(&parcel, &str));
+        EXPECT_EQ(rpc_port_parcel_read_string(&parcel, &str), RPC_PORT_ERROR_IO_ERROR);
         EXPECT_EQ(0u, parcel.readPosition);
     }
     EXPECT_TRUE(i == 7 && flag && str == nullptr);
@@ -92,10 +92,10 @@ TEST(ParcelTest, RefusesNullArgumentsAndWhatIsNotAWholeValue) {
 
 // A bundle has one encoding: damage that goes unnoticed must at least come out as it went in.
 TEST(ParcelTest, TakesBundlesLiterallyOrNotAtAll) {
-    for (std::size_t at = 0; at < EXAMPLE.size(); at++) {
+    for (std::size_t at = 0; at < EXAMPLE.size(); ++at) {
         EXPECT_EQ(nullptr, decoded(EXAMPLE.substr(0, at))) << at;
         Bytes damaged = EXAMPLE;
-        for (int change = 1; change <= 256; change++) {
+        for (int change = 1; change <= 256; ++change) {
             damaged[at]++;
             const Bundle b = decoded(damaged);
             EXPECT_TRUE(b == nullptr ? change < 256 : encoded(b) == damaged) << at << change;
@@ -110,11 +110,11 @@ TEST(ParcelTest, TakesBundlesLiterallyOrNotAtAll) {
 
 TEST(ParcelTest, IsUnchangedLikeTheBundleWhenAnAllocationFails) {
     const Bundle original(bundle_create(), bundle_free);
-    for (int i = 0; i < 16; i++) // the next one starts the index
-        EXPECT_EQ(0, bundle_add_str(original.get(), ("key" + std::to_string(i)).c_str(), "v"));
+    for (int i = 0; i < 16; ++i) // the next one starts the index
+        EXPECT_EQ(bundle_add_str(original.get(), ("key" + std::to_string(i)).c_str(), "v"), 0);
     const auto failEach = [&](int (*operation)(bundle *, rpc_port_parcel_h)) {
         int result = RPC_PORT_ERROR_OUT_OF_MEMORY;
-        for (int nth = 1; result != 0; nth++) {
+        for (int nth = 1; result != 0; ++nth) {
             const Bundle b(bundle_dup(original.get()), bundle_free);
             host::Parcel parcel = parcelOf(sized(EXAMPLE));
             nelvo::testkit::failAllocation(nth);

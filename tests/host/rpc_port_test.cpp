@@ -28,7 +28,7 @@ protected:
     static std::unique_ptr<Client> connecting(const std::string &sender) {
         auto made = std::make_unique<Client>();
         host_sim_set_sender(made->handle, sender.c_str());
-        EXPECT_EQ(RPC_PORT_ERROR_NONE, made->connect());
+        EXPECT_EQ(made->connect(), RPC_PORT_ERROR_NONE);
         return made;
     }
     void start() {
@@ -59,7 +59,7 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
     };
     const auto waitInside = [&](rpc_port_h port) {
         host_sim_advance(0);
-        EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, sendText(port, "late"));
+        EXPECT_EQ(sendText(port, "late"), RPC_PORT_ERROR_IO_ERROR);
         return take(port), 1; // its own parcel; and the connection has ended already
     };
     const struct {
@@ -99,7 +99,7 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
             if (event == row.fatal) {
                 server->destroy();
                 next = std::make_unique<Server>(); // on the same port
-                EXPECT_EQ(RPC_PORT_ERROR_NONE, next->listened);
+                EXPECT_EQ(next->listened, RPC_PORT_ERROR_NONE);
                 host_sim_advance(0);
             }
         };
@@ -125,14 +125,14 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
             else
                 sendText(step <= '9' ? client->port() : server->callbackPort(), {step});
         }
-        EXPECT_EQ("(none)", takeText(server->port()));
-        EXPECT_EQ("(none)", takeText(client->callbackPort()));
+        EXPECT_EQ(takeText(server->port()), "(none)");
+        EXPECT_EQ(takeText(client->callbackPort()), "(none)");
         EXPECT_EQ(row.serverHears, server->events);
         EXPECT_EQ(row.clientHears, client->events);
     }
     server = nullptr;
     client = nullptr;
-    EXPECT_EQ(0, host_sim_timer_count());
+    EXPECT_EQ(host_sim_timer_count(), 0);
 }
 
 TEST_F(RpcPortTest, DeliversToRoundsInsideWhatTheOneOutsideHasFound) {
@@ -146,9 +146,9 @@ TEST_F(RpcPortTest, DeliversToRoundsInsideWhatTheOneOutsideHasFound) {
         server->note(takeText(port));
         return 0;
     };
-    EXPECT_EQ(RPC_PORT_ERROR_NONE, sendText(client->port(), "1"));
-    EXPECT_EQ(RPC_PORT_ERROR_NONE, sendText(other->port(), "2"));
-    EXPECT_EQ("2 1 ", news(*server));
+    EXPECT_EQ(sendText(client->port(), "1"), RPC_PORT_ERROR_NONE);
+    EXPECT_EQ(sendText(other->port(), "2"), RPC_PORT_ERROR_NONE);
+    EXPECT_EQ(news(*server), "2 1 ");
 }
 
 TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {
@@ -185,7 +185,7 @@ TEST_F(RpcPortTest, DeliversLargeValuesWhateverBecomesOfTheirBundles) {
     std::string sent, received;
     const auto take = [&](rpc_port_parcel_h parcel, std::string &to) {
         bundle *b = nullptr;
-        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_read_bundle(parcel, &b));
+        EXPECT_EQ(rpc_port_parcel_read_bundle(parcel, &b), RPC_PORT_ERROR_NONE);
         bundle_foreach(b, append, &to);
         bundle_free(b);
         rpc_port_parcel_destroy(parcel);
@@ -204,9 +204,9 @@ TEST_F(RpcPortTest, DeliversLargeValuesWhateverBecomesOfTheirBundles) {
             bundle_add_str(b, key, std::string(size, *key).c_str());
         rpc_port_parcel_h parcel = nullptr;
         rpc_port_parcel_create(&parcel);
-        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_write_bundle(parcel, b));
+        EXPECT_EQ(rpc_port_parcel_write_bundle(parcel, b), RPC_PORT_ERROR_NONE);
         bundle_free(b);
-        EXPECT_EQ(RPC_PORT_ERROR_NONE, rpc_port_parcel_send(parcel, client->port()));
+        EXPECT_EQ(rpc_port_parcel_send(parcel, client->port()), RPC_PORT_ERROR_NONE);
         take(parcel, sent);
         if (size == 300'000UL)
             host_sim_advance(0); // the next ones come together, where as much is expected again
@@ -218,21 +218,21 @@ TEST_F(RpcPortTest, DeliversLargeValuesWhateverBecomesOfTheirBundles) {
 TEST_F(RpcPortTest, EndsTheConnectionOfAClientThatDoesNotReadOutsideTheSend) {
     start();
     const auto other = connecting("other");
-    EXPECT_EQ("+c +other ", news(*server));
+    EXPECT_EQ(news(*server), "+c +other ");
     const rpc_port_h port = server->port();
     for (int sent = 0; sent < 4; ++sent) // 32 MiB may wait
         EXPECT_EQ(sent < 2 ? RPC_PORT_ERROR_NONE : RPC_PORT_ERROR_IO_ERROR,
                   sendText(port, std::string(12'000'000, 'x')));
-    EXPECT_EQ("", server->events);
-    EXPECT_EQ("-other ", news(*server));
-    EXPECT_EQ("connected disconnected ", news(*other));
-    EXPECT_EQ("connected ", news(*client));
-    EXPECT_EQ(RPC_PORT_ERROR_INVALID_PARAMETER, sendText(port, "stale"));
+    EXPECT_EQ(server->events, "");
+    EXPECT_EQ(news(*server), "-other ");
+    EXPECT_EQ(news(*other), "connected disconnected ");
+    EXPECT_EQ(news(*client), "connected ");
+    EXPECT_EQ(sendText(port, "stale"), RPC_PORT_ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(RpcPortTest, RefusesWrongNamesAndHandles) {
     start();
-    EXPECT_EQ("+c ", news(*server));
+    EXPECT_EQ(news(*server), "+c ");
     rpc_port_h port = nullptr;
     rpc_port_stub_h const gone = server->handle;
     const int results[] = {
@@ -247,24 +247,24 @@ TEST_F(RpcPortTest, RefusesWrongNamesAndHandles) {
     };
     for (std::size_t i = 0; i < std::size(results); ++i)
         EXPECT_EQ(RPC_PORT_ERROR_INVALID_PARAMETER, results[i]) << "call " << i;
-    EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Client().connect("unserved"));
+    EXPECT_EQ(Client().connect("unserved"), RPC_PORT_ERROR_IO_ERROR);
     start();
-    EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Server().listened);
+    EXPECT_EQ(Server().listened, RPC_PORT_ERROR_IO_ERROR);
     for (const auto &sender : {std::string("../a"), std::string("a\x1b"), std::string(999, 'a')})
         EXPECT_EQ("rejected ", news(*connecting(sender))) << sender;
     const auto refused = connecting("-");
     refused->addCallbacks(); // the second one is not called any more
     refused->onEvent = [&](const std::string &) { refused->destroy(); };
-    EXPECT_EQ("rejected ", news(*refused));
+    EXPECT_EQ(news(*refused), "rejected ");
     host_sim_set_manifest(nullptr);
-    EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Server("other").listened);
-    EXPECT_EQ(RPC_PORT_ERROR_IO_ERROR, Client().connect());
+    EXPECT_EQ(Server("other").listened, RPC_PORT_ERROR_IO_ERROR);
+    EXPECT_EQ(Client().connect(), RPC_PORT_ERROR_IO_ERROR);
 }
 
 TEST_F(RpcPortTest, LosesNoMoreThanTheConnectionThatRunsOutOfMemory) {
     using namespace nelvo::testkit;
     start();
-    EXPECT_EQ("+c ", news(*server));
+    EXPECT_EQ(news(*server), "+c ");
     Server own("echo");
     own.onReceived = [](rpc_port_h port) { return sendText(port, takeText(port)); };
     const std::string text(300'000, 'x');
@@ -293,7 +293,7 @@ TEST_F(RpcPortTest, LosesNoMoreThanTheConnectionThatRunsOutOfMemory) {
         host_sim_advance(6); // a client that is only half there goes with time
         EXPECT_EQ(nullptr, own.port());
         sendText(client->port(), "still there");
-        EXPECT_EQ("still there ", news(*server));
+        EXPECT_EQ(news(*server), "still there ");
     }
     EXPECT_LT(20, nth);
     EXPECT_EQ(before, firstFree()); // no descriptor was left behind

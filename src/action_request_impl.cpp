@@ -207,11 +207,9 @@ Eina_Bool ActionRequestImpl::_completeActionExecutionCheckCb(void *data) {
         NELVO_LOGE("Action Request Pointer is null");
         return ECORE_CALLBACK_CANCEL;
     }
-    if (!actionPtr->_completeActionExecutionTimer)
-        return ECORE_CALLBACK_CANCEL;
-    actionPtr->_completeActionExecutionTimer = nullptr;
-    NELVO_LOGE("action execution timed out. Failed to execute action.");
-    if (sendFailure(TIMED_OUT, __func__)) {
+    if (expireWatch(actionPtr->_completeActionExecutionTimer,
+                    "action execution timed out. Failed to execute action.", __func__) &&
+        sendFailure(TIMED_OUT, __func__)) {
         NelvoCommonData *common = NelvoCommonData::getInstance();
         common->_requestIdMap.erase(common->_currentActionHandler);
     }
@@ -219,30 +217,14 @@ Eina_Bool ActionRequestImpl::_completeActionExecutionCheckCb(void *data) {
 }
 
 int ActionRequestImpl::completeActionExecution(void *actionHandler, const std::string &result) {
+    const Completion completion =
+        checkCompletion(actionHandler, _completeActionExecutionTimer,
+                        "Action Execution result recieved after timeout, discarding", __func__);
     NelvoCommonData *data = NelvoCommonData::getInstance();
-    if (data->_nelvoClientAppId.empty()) {
-        NELVO_LOGE("Nelvo Client is not connected");
-        return NELVO_ERROR_OPERATION_FAILED;
-    }
-    const int *number = data->findActionHandler(actionHandler);
-    if (!number) {
-        NELVO_LOGE("%p is not an action handler", actionHandler);
-        return NELVO_ERROR_INVALID_PARAMETER;
-    }
-    const auto entry = data->_requestIdMap.find(*number);
-    if (entry == data->_requestIdMap.end()) {
-        NELVO_LOGE("Couldn't find requestId corresponding to actionHandler %d", *number);
-        return NELVO_ERROR_NONE;
-    }
-    if (entry->second.second != data->_requestId) {
-        NELVO_LOGD("Discarding response recieved for old requestId %llu", entry->second.second);
-        data->_requestIdMap.erase(entry);
-        return NELVO_ERROR_NONE;
-    }
-    if (!_completeActionExecutionTimer) {
-        NELVO_LOGE("Action Execution result recieved after timeout, discarding");
-        return NELVO_ERROR_OPERATION_FAILED;
-    }
+    if (completion.verdict == Completion::DROP)
+        data->_requestIdMap.erase(completion.number);
+    if (completion.verdict != Completion::SEND)
+        return completion.code;
 
     cancelTimer(_completeActionExecutionTimer);
     bundle *response = createSuccessResponse(KEY_ACTION_RESULT, result);
@@ -255,7 +237,7 @@ int ActionRequestImpl::completeActionExecution(void *actionHandler, const std::s
     NELVO_LOGD("%s", result.c_str());
     const int sent = sendResponse(response);
     NELVO_LOGD("Response success");
-    data->_requestIdMap.erase(*number);
+    data->_requestIdMap.erase(completion.number);
     return sent;
 }
 

@@ -100,11 +100,9 @@ Eina_Bool StateRequestImpl::_appStateRequestCompleteCheckCb(void *data) {
         NELVO_LOGE("State Request is null");
         return ECORE_CALLBACK_CANCEL;
     }
-    if (!self->_completeCheckTimer)
-        return ECORE_CALLBACK_CANCEL;
-    self->_completeCheckTimer = nullptr;
-    NELVO_LOGE("App state request execution timed out. Failed to execute action.");
-    if (sendTimeOut(__func__)) {
+    if (expireWatch(self->_completeCheckTimer,
+                    "App state request execution timed out. Failed to execute action.", __func__) &&
+        sendTimeOut(__func__)) {
         NelvoCommonData *common = NelvoCommonData::getInstance();
         common->_requestIdMap.erase(common->_currentActionHandler);
     }
@@ -116,29 +114,11 @@ int StateRequestImpl::completeAppStateRequest(void *actionHandler, const std::st
         NELVO_LOGE("StateRequestInfo is null");
         return NELVO_ERROR_INVALID_PARAMETER;
     }
-    NelvoCommonData *data = NelvoCommonData::getInstance();
-    if (data->_nelvoClientAppId.empty()) {
-        NELVO_LOGE("Nelvo Client is not connected");
-        return NELVO_ERROR_OPERATION_FAILED;
-    }
-    const int *number = data->findActionHandler(actionHandler);
-    if (!number) {
-        NELVO_LOGE("%p is not an action handler", actionHandler);
-        return NELVO_ERROR_INVALID_PARAMETER;
-    }
-    const auto entry = data->_requestIdMap.find(*number);
-    if (entry == data->_requestIdMap.end()) {
-        NELVO_LOGE("Couldn't find requestId corresponding to actionHandler %d", *number);
-        return NELVO_ERROR_NONE;
-    }
-    if (entry->second.second != data->_requestId) {
-        NELVO_LOGD("Discarding response recieved for old requestId %llu", entry->second.second);
-        return NELVO_ERROR_NONE;
-    }
-    if (!_completeCheckTimer) {
-        NELVO_LOGE("App State result recieved after timeout, discarding");
-        return NELVO_ERROR_OPERATION_FAILED;
-    }
+    const Completion completion =
+        checkCompletion(actionHandler, _completeCheckTimer,
+                        "App State result recieved after timeout, discarding", __func__);
+    if (completion.verdict != Completion::SEND)
+        return completion.code; // a dropped one keeps its entry
 
     cancelTimer(_completeCheckTimer);
     NELVO_LOGD("App result:");
@@ -147,7 +127,7 @@ int StateRequestImpl::completeAppStateRequest(void *actionHandler, const std::st
         NELVO_LOGE("bundle_create is failed");
         return NELVO_ERROR_OUT_OF_MEMORY;
     }
-    NELVO_LOGD("_nelvoClientAppId : %s", data->_nelvoClientAppId.c_str());
+    NELVO_LOGD("_nelvoClientAppId : %s", NelvoCommonData::getInstance()->_nelvoClientAppId.c_str());
     NELVO_LOGD("App Context:");
     NELVO_LOGD("%s", appContext.c_str());
     const int sent = sendResponse(response);

@@ -8,12 +8,17 @@
 #include "play.h"
 
 void nelvo::testkit::fuzz(Input input) {
-    static const std::string steps = Play::letters() + "{}[],-0123456789";
+    static const std::string steps = Play::letters() + "{[", inParcel = "0123456789,-]";
     static Simulation &device = *new Simulation;
     std::string script = input.rest();
-    for (char &step : script)
-        if (steps.find(step) == std::string::npos)
-            step = steps[static_cast<unsigned char>(step) % steps.size()];
+    bool isParcel = false, isDeed = false;
+    for (char &step : script) {
+        const std::string known = isParcel ? inParcel : isDeed ? Play::letters() + "}" : steps;
+        if (known.find(step) == std::string::npos)
+            step = known[static_cast<unsigned char>(step) % known.size()];
+        isParcel = isParcel ? step != ']' : step == '[';
+        isDeed = isDeed ? step != '}' : step == '{';
+    }
     Play play(device, Play::Check::MODEL);
     play.play(script);
     play.play("DX2X");

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# usage: ./dev soak [REQUESTS]
+#
+# Sends a million requests, or so many, over sockets and ten times as many in virtual time, with hostile
+# clients about; watches the main loop of the example player. Takes a quarter of an hour.
+source scripts/dev/common.sh
+
+requests=${1:-1000000}
+[[ $# -le 1 && $requests =~ ^[1-9][0-9]*$ ]] || die "soak takes a whole number, not \"$*\"" 2
+need g++ "${BUILD_PACKAGES[@]}" libgtest-dev libgmock-dev strace
+build dev
+(cd build && dev/tests/soak "$requests" "$PWD/dev/examples/player/player")

@@ -9,7 +9,6 @@ namespace host {
 
 namespace {
 
-constexpr std::size_t USUAL_COUNT = 4;
 constexpr std::size_t LARGEST_WITHOUT_INDEX = 16;
 
 // addTo(key) is called only when the key can be added.
@@ -54,35 +53,33 @@ const keyval_t *_bundle_t::find(std::string_view key) const {
     return nullptr;
 }
 
-void _bundle_t::append(keyval_t &&entry) {
-    if (!_index.empty() || _entries.size() >= host::LARGEST_WITHOUT_INDEX)
-        return appendIndexed(std::move(entry));
-    if (_entries.capacity() == 0)
-        _entries.reserve(host::USUAL_COUNT);
-    _entries.push_back(std::move(entry));
+void _bundle_t::append(std::string_view key, void *value, std::size_t size, int type,
+                       host::Memory memory) {
+    _entries.emplace_back(key, value, size, type, std::move(memory));
+    if (!_index.empty() || _entries.size() > host::LARGEST_WITHOUT_INDEX)
+        indexNewEntry();
 }
 
-void _bundle_t::appendIndexed(keyval_t &&entry) {
-    const std::string_view key = entry.key;
-    const bool isFirst = _index.empty();
+// Removes the new entry again if memory runs out.
+void _bundle_t::indexNewEntry() {
     try {
-        for (std::size_t i = 0; isFirst && i < _entries.size(); ++i)
+        for (std::size_t i = _index.size(); i < _entries.size(); ++i)
             _index.emplace(_entries[i].key, i);
-        _index.emplace(key, _entries.size());
-        _entries.push_back(std::move(entry));
     } catch (...) {
-        isFirst ? _index.clear() : void(_index.erase(key));
+        _entries.pop_back();
+        if (_index.size() < _entries.size())
+            _index.clear();
         throw;
     }
 }
 
-// Adds an entry whose value of so many bytes is to be filled in; returns the value.
+// Adds an entry with a value of valueSize bytes, and returns where the value is to be written.
 char *_bundle_t::makeEntry(int type, std::string_view key, std::size_t valueSize,
                            std::size_t size) {
     host::Memory memory(valueSize + key.size() + 1);
     char *const value = memory.bytes(), *const name = value + valueSize;
     name[key.copy(name, key.size())] = '\0';
-    append({{name, key.size()}, value, size, type, std::move(memory)});
+    append({name, key.size()}, value, size, type, std::move(memory));
     return value;
 }
 
@@ -90,8 +87,9 @@ void _bundle_t::add(int type, std::string_view key, const void *value, std::size
     std::memcpy(makeEntry(type, key, size, size), value, size);
 }
 
-void _bundle_t::addText(std::string_view key, std::string_view text, const host::Memory &memory) {
-    append({key, const_cast<char *>(text.data()), text.size() + 1, BUNDLE_TYPE_STR, memory});
+void _bundle_t::addText(std::string_view key, std::string_view text, host::Memory memory) {
+    append(key, const_cast<char *>(text.data()), text.size() + 1, BUNDLE_TYPE_STR,
+           std::move(memory));
 }
 
 void _bundle_t::addArray(std::string_view key, const std::vector<std::string_view> &texts) {

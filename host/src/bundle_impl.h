@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <bundle.h>
@@ -13,9 +16,12 @@
 
 // One entry. Copies of an entry share key and value, which never change.
 struct keyval_t {
-    std::string_view key; // a zero follows it
+    keyval_t(std::string_view name, void *at, std::size_t length, int kind, host::Memory owner)
+        : key(name), value(at), size(length), type(kind), memory(std::move(owner)) {}
+
+    std::string_view key; // followed by a zero
     void *value;          // of an array: char *[size + 1], the last one null
-    std::size_t size;     // in bytes, a string's zero included; of an array: its elements
+    std::size_t size;     // in bytes, with a string's zero; of an array: number of elements
     int type;
     host::Memory memory; // holds key and value
 
@@ -27,31 +33,68 @@ namespace host {
 // Largest encodable size. INT32_MAX, so that the sum of two sizes cannot overflow a 32-bit size_t.
 constexpr std::size_t MAX_SIZE = INT32_MAX;
 
+// Gives a vector room for a few elements inside the vector's owner. The vector must ask for exactly
+// that many at first.
+template <typename Value>
+struct FewAllocator {
+    using value_type = Value;
+    static constexpr std::size_t FEW = 4;
+
+    explicit FewAllocator(void *room) : few(static_cast<Value *>(room)) {}
+
+    Value *allocate(std::size_t count) {
+        return count == FEW ? few : std::allocator<Value>().allocate(count);
+    }
+    void deallocate(Value *values, std::size_t count) {
+        if (values != few)
+            std::allocator<Value>().deallocate(values, count);
+    }
+    bool operator==(const FewAllocator &other) const { return few == other.few; }
+    bool operator!=(const FewAllocator &other) const { return few != other.few; }
+
+    Value *few;
+};
+
 } // namespace host
 
-// The entries in the order in which they were added. A bundle with many entries has an index: a tree,
-// because a peer chooses the keys and could choose them to collide in a hash table.
+// The entries in the order in which they were added. A bundle with many entries has an index. The
+// index is a tree: a peer chooses the keys, and could make them collide in a hash table.
 //
-// What changes a bundle throws std::bad_alloc; nothing has changed then. A key that is added must be new
-// and not empty.
+// Functions that change a bundle throw std::bad_alloc and then have changed nothing. A key that is
+// added must be new and not empty.
 struct _bundle_t {
-    const std::vector<keyval_t> &entries() const { return _entries; }
+    using Entries = std::vector<keyval_t, host::FewAllocator<keyval_t>>;
+
+    _bundle_t() { _entries.reserve(FEW); }
+    _bundle_t(const _bundle_t &other) : _index(other._index) {
+        _entries.reserve(std::max(other._entries.size(), FEW));
+        _entries.insert(_entries.end(), other._entries.begin(), other._entries.end());
+    }
+
+    const Entries &entries() const { return _entries; }
+    // Null when the bundle has no such key.
     const keyval_t *find(std::string_view key) const;
 
-    // Key and value are copied. The value is aligned for any type, since callers keep structures in it.
+    // Copies key and value. The value is aligned for any type, since callers keep structures in it.
     void add(int type, std::string_view key, const void *value, std::size_t size);
     void addArray(std::string_view key, const std::vector<std::string_view> &texts);
-    // Key and text stay in the memory given, where a zero follows each of them.
-    void addText(std::string_view key, std::string_view text, const host::Memory &memory);
+    // Key and text stay in the given memory, where each of them must be followed by a zero.
+    void addText(std::string_view key, std::string_view text, host::Memory memory);
 
     void remove(const keyval_t *entry) noexcept;
-    void reserve(std::size_t count) { _entries.reserve(count); }
+    void reserve(std::size_t count) {
+        if (count > FEW)
+            _entries.reserve(count);
+    }
 
 private:
-    void append(keyval_t &&entry);
-    void appendIndexed(keyval_t &&entry);
+    static constexpr std::size_t FEW = host::FewAllocator<keyval_t>::FEW;
+
+    void append(std::string_view key, void *value, std::size_t size, int type, host::Memory memory);
+    void indexNewEntry();
     char *makeEntry(int type, std::string_view key, std::size_t valueSize, std::size_t size);
 
-    std::vector<keyval_t> _entries;
-    std::map<std::string_view, std::size_t> _index; // empty while the bundle is small
+    alignas(keyval_t) char _few[FEW * sizeof(keyval_t)];
+    Entries _entries{host::FewAllocator<keyval_t>(_few)};
+    std::map<std::string_view, std::size_t> _index; // of all entries; empty while they are few
 };

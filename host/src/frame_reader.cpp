@@ -2,26 +2,34 @@
 #include "frame_reader.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace host {
 
 namespace {
 
 constexpr std::size_t ROOM_BYTES = std::size_t{128} << 10;
-constexpr std::size_t LARGE_BYTES = std::size_t{16} << 10; // worth not being copied
-constexpr std::size_t GROWTH = 16;                         // of a frame's memory over what has come
-constexpr std::size_t KEPT_BYTES = std::size_t{4} << 10;   // of an empty buffer, per reader
+constexpr std::size_t LARGE_BYTES = std::size_t{16} << 10; // from here on copying is avoided
+constexpr std::size_t GROWTH = 16; // largest ratio of a frame's memory to its bytes so far
+constexpr std::size_t KEPT_BYTES = std::size_t{4} << 10; // largest empty buffer that is kept
 
-// Shared by all readers: it is empty again before the next one uses it. The loop has one thread.
+// The room of all readers, which is empty whenever another one needs it: there is one thread.
 Bytes &sharedRoom() {
     static Bytes &room = *new Bytes;
     return room;
 }
 
+std::size_t lengthIn(const std::uint8_t *header) {
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < FrameReader::HEADER_BYTES; ++i)
+        length |= std::size_t{header[i]} << (8 * i);
+    return length;
+}
+
 } // namespace
 
 FrameReader::Room FrameReader::room() {
-    _isDirect = _hasHeader && !hasMore() && missing() >= LARGE_BYTES;
+    _isDirect = hasHeader() && !hasMore() && missing() >= LARGE_BYTES;
     if (_isDirect) {
         _frame.reserve(std::min(_length, std::max(_frame.size() * GROWTH, ROOM_BYTES)));
         return {_frame.end(), std::min(_frame.capacity(), _length) - _frame.size()};
@@ -42,22 +50,18 @@ void FrameReader::filled(std::size_t size) {
     _ahead.insert(_ahead.end(), bytes + used, bytes + size);
 }
 
-// A large frame that fills the shared room keeps that memory, which saves a copy.
+// If the room holds exactly one large frame, the room's memory becomes the frame's memory. Avoids a
+// copy; the next frame gets a new room.
 bool FrameReader::adopt(std::size_t size) {
-    if (hasBegun() || size < LARGE_BYTES)
-        return false;
     Bytes &room = sharedRoom();
-    std::size_t length = 0;
-    for (std::size_t i = 0; i < HEADER_BYTES; ++i)
-        length |= std::size_t{room.data()[i]} << (8 * i);
-    if (length != size - HEADER_BYTES || length > _limit)
+    if (hasBegun() || size < LARGE_BYTES || lengthIn(room.data()) != size - HEADER_BYTES ||
+        size - HEADER_BYTES > _limit)
         return false;
     _frame = std::move(room);
     _frame.setSize(size);
     _frame.dropFront(HEADER_BYTES);
     _headerFilled = HEADER_BYTES;
-    _hasHeader = true;
-    _length = length;
+    _length = size - HEADER_BYTES;
     return true;
 }
 
@@ -69,17 +73,19 @@ void FrameReader::readOn() {
         return;
     _ahead.clear();
     _aheadStart = 0;
-    if (_ahead.capacity() > KEPT_BYTES) // of a burst
+    if (_ahead.capacity() > KEPT_BYTES)
         _ahead.shrink_to_fit();
 }
 
-// Returns how many bytes belong to the frame: all of them unless it is whole, or too long.
+// Returns how many of the bytes belong to the current frame: all of them, unless they complete the
+// frame or it is too long.
 std::size_t FrameReader::use(const std::uint8_t *bytes, std::size_t size) {
-    std::size_t used = 0;
-    while (_headerFilled < HEADER_BYTES && used < size)
-        _length |= std::size_t{bytes[used++]} << (8 * _headerFilled++);
-    _hasHeader = _headerFilled == HEADER_BYTES;
-    if (!_hasHeader || isTooLong())
+    const std::size_t used = std::min(HEADER_BYTES - _headerFilled, size);
+    std::memcpy(_header + _headerFilled, bytes, used);
+    _headerFilled += used;
+    if (hasHeader())
+        _length = lengthIn(_header);
+    if (!hasHeader() || isTooLong())
         return used;
     const std::size_t part = std::min(missing(), size - used);
     const std::size_t filled = _frame.size() + part;
@@ -91,8 +97,6 @@ std::size_t FrameReader::use(const std::uint8_t *bytes, std::size_t size) {
 
 Bytes FrameReader::take() {
     _headerFilled = 0;
-    _hasHeader = false;
-    _length = 0;
     return std::exchange(_frame, {});
 }
 

@@ -139,9 +139,9 @@ void *Loop::addTimer(double seconds, Ecore_Task_Cb func, void *data, bool intern
 }
 
 void *Loop::deleteTimer(void *handle) {
-    if (!_timers.find(handle))
-        return nullptr;
     const Timer timer = _timers.remove(handle);
+    if (!timer.func)
+        return nullptr;
     _countedTimers -= timer.internal ? 0 : 1;
     if (timer.isCalled)
         return timer.data;

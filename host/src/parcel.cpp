@@ -196,7 +196,7 @@ int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
     }
 }
 
-int writeBundle(Parcel &parcel, const std::vector<keyval_t> &entries) {
+int writeBundle(Parcel &parcel, const bundle::Entries &entries) {
     std::size_t size = NUMBER, inserted = 0, inserts = 0;
     for (const keyval_t &entry : entries) {
         size += encodedSize(entry);

@@ -21,9 +21,9 @@ typedef unsigned char Eina_Bool;
 #define EINA_FALSE ((Eina_Bool)0)
 #define EINA_TRUE ((Eina_Bool)1)
 
-/** A callback's answer: it is done and its timer or handler is deleted. */
+/** Returned by a callback: delete its timer or handler. */
 #define ECORE_CALLBACK_CANCEL EINA_FALSE
-/** A callback's answer: call again. */
+/** Returned by a callback: call it again. */
 #define ECORE_CALLBACK_RENEW EINA_TRUE
 
 typedef struct _Ecore_Timer Ecore_Timer;
@@ -32,15 +32,15 @@ typedef struct _Ecore_Fd_Handler Ecore_Fd_Handler;
 typedef Eina_Bool (*Ecore_Task_Cb)(void *data);
 typedef Eina_Bool (*Ecore_Fd_Cb)(void *data, Ecore_Fd_Handler *fd_handler);
 
-/** What a descriptor is watched for; an error or a hang-up is reported under each of them. */
+/** What a descriptor is watched for. Errors and hang-ups are reported as each of these. */
 typedef enum { ECORE_FD_READ = 1, ECORE_FD_WRITE = 2, ECORE_FD_ERROR = 4 } Ecore_Fd_Handler_Flags;
 
-/** Starts the main loop's use. Counted. @return the new count, 0 when the system refuses */
+/** Initializes the main loop. Calls are counted. @return the new count, 0 on a system error */
 HOST_API int ecore_init(void);
 
 /**
- * Ends one ecore_init(). The last one deletes the timers and handlers that are left and forgets
- * a quit that was asked for. @return the new count
+ * Undoes one ecore_init(). The last call deletes the remaining timers and handlers and cancels a
+ * requested quit. @return the new count
  */
 HOST_API int ecore_shutdown(void);
 
@@ -61,8 +61,8 @@ HOST_API double ecore_time_get(void);
  * Calls func after the given time, and again after each further one as long as it answers
  * ECORE_CALLBACK_RENEW.
  *
- * The rhythm is kept: a late call does not move the following ones, unless more than a whole
- * interval was missed. Equal deadlines fire in the order in which they were added.
+ * A late call does not delay the following ones, unless more than a whole interval was missed.
+ * Timers with equal deadlines are called in the order in which they were added.
  *
  * @param in  seconds; 0 or less: as soon as the loop runs, and then a microsecond later each time
  * @return the timer, which stays the loop's; null when in is not a number, func is null or memory
@@ -71,10 +71,10 @@ HOST_API double ecore_time_get(void);
 HOST_API Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func, const void *data);
 
 /**
- * Deletes a timer; its callback is not called any more. A timer whose callback answered cancel is
- * gone already.
+ * Deletes a timer; its callback is not called any more. Returning ECORE_CALLBACK_CANCEL from the
+ * callback has deleted the timer already.
  *
- * @return the data pointer given to ecore_timer_add(), null for something that is no timer
+ * @return the data pointer given to ecore_timer_add(); null if timer is not valid
  */
 HOST_API void *ecore_timer_del(Ecore_Timer *timer);
 
@@ -94,10 +94,10 @@ HOST_API Ecore_Fd_Handler *ecore_main_fd_handler_add(int fd, Ecore_Fd_Handler_Fl
                                                      Ecore_Fd_Cb buf_func, const void *buf_data);
 
 /**
- * Deletes a handler; its callbacks are not called any more. A handler whose callback answered
- * cancel is gone already.
+ * Deletes a handler; its callbacks are not called any more. Returning ECORE_CALLBACK_CANCEL from
+ * func has deleted the handler already.
  *
- * @return the data pointer given to ecore_main_fd_handler_add(), null for something that is none
+ * @return the data pointer given to ecore_main_fd_handler_add(); null if fd_handler is not valid
  */
 HOST_API void *ecore_main_fd_handler_del(Ecore_Fd_Handler *fd_handler);
 

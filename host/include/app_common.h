@@ -19,8 +19,8 @@ typedef enum {
  * The id of the application that this process is.
  *
  * It is the value of the environment variable NELVO_HOST_APP_ID when that is set and not empty, or
- * else the id of the first application in the manifest (see app_info.h). Once found it stays until
- * host_sim_set_manifest() is called. One that host_set_app_id() has given stays for good.
+ * else the id of the first application in the manifest (see app_info.h). Once found, the id stays
+ * the same until host_sim_set_manifest() is called. An id from host_set_app_id() never changes.
  *
  * @param id  receives the text, the caller's to free(); untouched on failure
  *

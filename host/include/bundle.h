@@ -49,7 +49,7 @@ HOST_API bundle *bundle_create(void);
 HOST_API int bundle_free(bundle *b);
 
 /**
- * Copies a bundle. Costs the same whatever the size: the contents are shared until either changes.
+ * Copies a bundle. Changes of one do not affect the other.
  *
  * @return the copy, the caller's to bundle_free(); null for null or when memory is short
  */
@@ -74,8 +74,8 @@ HOST_API int bundle_add_str_array(bundle *b, const char *key, const char **str_a
                                   const int len);
 
 /**
- * Reads the value of a key. It stays the bundle's: valid until that key is deleted or the bundle
- * freed, and not to be written to.
+ * Reads the value of a key. The value belongs to the bundle: it is valid until the key is deleted
+ * or the bundle is freed, and must not be written to.
  *
  * @return BUNDLE_ERROR_NONE
  *         BUNDLE_ERROR_KEY_NOT_AVAILABLE  no such key
@@ -105,19 +105,18 @@ HOST_API int bundle_get_type(bundle *b, const char *key);
  * @return BUNDLE_ERROR_NONE
  *         BUNDLE_ERROR_KEY_NOT_AVAILABLE  no such key
  *         BUNDLE_ERROR_INVALID_PARAMETER  an argument is null
- *         BUNDLE_ERROR_OUT_OF_MEMORY      the bundle is as it was
  */
 HOST_API int bundle_del(bundle *b, const char *key);
 
-/** Is called for one entry; key and kv are valid only during the call. */
+/** Called for one entry; key and kv are valid only during the call. */
 typedef void (*bundle_iterator_t)(const char *key, const int type, const bundle_keyval_t *kv,
                                   void *user_data);
 
 /**
  * Calls iter for every entry, in the order in which they were added.
  *
- * It sees the entries there were at the start, whatever iter does to the bundle meanwhile, up to
- * freeing it. Does nothing when b or iter is null.
+ * iter may remove entries, and may then not be called for some of the others; it must not add
+ * entries or free the bundle. Does nothing when b or iter is null.
  */
 HOST_API void bundle_foreach(bundle *b, bundle_iterator_t iter, void *user_data);
 

@@ -28,7 +28,7 @@ typedef enum {
  * Any thread; errno stays as it was.
  *
  * @param prio  one of the priorities
- * @param tag   the component that speaks
+ * @param tag   the component that logs
  * @param fmt   printf rules
  *
  * @return the number of bytes written, 0 for an entry below the level, a negative value when an

@@ -11,7 +11,7 @@
 extern "C" {
 #endif
 
-/** One direction of a connection; stays with the stub or proxy that handed it out. */
+/** One direction of a connection. Belongs to the stub or proxy that returned it. */
 typedef void *rpc_port_h;
 
 /** A message under construction or being read. One parcel belongs to one thread at a time. */
@@ -35,12 +35,13 @@ typedef enum {
 HOST_API int rpc_port_parcel_create(rpc_port_parcel_h *h);
 
 /**
- * Takes one whole parcel off the port; it is the caller's to rpc_port_parcel_destroy().
+ * Takes one whole parcel from the port; the caller destroys it with rpc_port_parcel_destroy().
  *
  * @return RPC_PORT_ERROR_NONE
  *         RPC_PORT_ERROR_IO_ERROR           no whole parcel has arrived; *h is untouched
- *         RPC_PORT_ERROR_INVALID_PARAMETER  h is null, or port is null or of a connection that
- * ended RPC_PORT_ERROR_OUT_OF_MEMORY      *h is untouched
+ *         RPC_PORT_ERROR_INVALID_PARAMETER  h is null, or port is null or its
+ *                                           connection has ended
+ *         RPC_PORT_ERROR_OUT_OF_MEMORY      *h is untouched
  */
 HOST_API int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port);
 
@@ -50,8 +51,9 @@ HOST_API int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h p
  *
  * @return RPC_PORT_ERROR_NONE
  *         RPC_PORT_ERROR_IO_ERROR           the other side is gone or does not keep up
- *         RPC_PORT_ERROR_INVALID_PARAMETER  h is null, or port is null or of a connection that
- * ended RPC_PORT_ERROR_OUT_OF_MEMORY      nothing was sent
+ *         RPC_PORT_ERROR_INVALID_PARAMETER  h is null, or port is null or its
+ *                                           connection has ended
+ *         RPC_PORT_ERROR_OUT_OF_MEMORY      nothing was sent
  */
 HOST_API int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port);
 

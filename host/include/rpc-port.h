@@ -26,31 +26,31 @@ typedef void *rpc_port_proxy_h;
 
 typedef enum { RPC_PORT_PORT_MAIN = 0, RPC_PORT_PORT_CALLBACK = 1 } rpc_port_port_type_e;
 
-/** A client has connected or is gone; instance names the connection and is never used again. */
+/** A client has connected or disconnected. instance names the connection and is never reused. */
 typedef void (*rpc_port_stub_connected_event_cb)(const char *sender, const char *instance,
                                                  void *data);
 typedef void (*rpc_port_stub_disconnected_event_cb)(const char *sender, const char *instance,
                                                     void *data);
 
 /**
- * A parcel waits on port, the client's main port: take it with rpc_port_parcel_create_from_port().
- * If it is not taken it is dropped.
+ * A parcel has arrived on port, the client's main port. Take it with
+ * rpc_port_parcel_create_from_port(); otherwise it is dropped.
  *
  * @return 0; any other value ends this connection
  */
 typedef int (*rpc_port_stub_received_event_cb)(const char *sender, const char *instance,
                                                rpc_port_h port, void *data);
 
-/** The connection stands; port is its main port. */
+/** The connection has been established; port is its main port. */
 typedef void (*rpc_port_proxy_connected_event_cb)(const char *receiver, const char *port_name,
                                                   rpc_port_h port, void *data);
 /** The connection has ended. */
 typedef void (*rpc_port_proxy_disconnected_event_cb)(const char *receiver, const char *port_name,
                                                      void *data);
-/** The application ended the connection before it stood. */
+/** The connection has ended before it was established. */
 typedef void (*rpc_port_proxy_rejected_event_cb)(const char *receiver, const char *port_name,
                                                  void *data);
-/** A parcel waits on the callback port; if it is not taken it is dropped. */
+/** A parcel has arrived on the callback port. A parcel that is not taken is dropped. */
 typedef void (*rpc_port_proxy_received_event_cb)(const char *receiver, const char *port_name,
                                                  void *data);
 
@@ -61,8 +61,8 @@ typedef void (*rpc_port_proxy_received_event_cb)(const char *receiver, const cha
 HOST_API int rpc_port_stub_create(rpc_port_stub_h *h, const char *port_name);
 
 /**
- * Stops listening and ends every connection. No event of this stub comes afterwards, not even
- * disconnected; its port handles are void.
+ * Stops listening and ends every connection. Afterwards no callback of this stub is called, not
+ * even disconnected, and its port handles are invalid.
  */
 HOST_API int rpc_port_stub_destroy(rpc_port_stub_h h);
 
@@ -85,8 +85,8 @@ HOST_API int rpc_port_stub_add_received_event_cb(rpc_port_stub_h h,
                                                  rpc_port_stub_received_event_cb cb, void *data);
 
 /**
- * Hands out a port of one connection. It stays the stub's and is valid until the connection's
- * disconnected callbacks have returned; after that its use is answered with an error.
+ * Returns a port of one connection. The port belongs to the stub and is valid until the
+ * connection's disconnected callbacks have returned; using it later returns an error.
  *
  * @return RPC_PORT_ERROR_INVALID_PARAMETER  no such instance or type
  */
@@ -95,11 +95,11 @@ HOST_API int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type
 
 HOST_API int rpc_port_proxy_create(rpc_port_proxy_h *h);
 
-/** Ends the connection. No event of this proxy comes afterwards; its port handles are void. */
+/** Ends the connection. Afterwards no callback is called and the port handles are invalid. */
 HOST_API int rpc_port_proxy_destroy(rpc_port_proxy_h h);
 
 /**
- * Starts to connect; exactly one connected or rejected event follows.
+ * Starts to connect. Exactly one connected or rejected event follows.
  *
  * @return RPC_PORT_ERROR_IO_ERROR            nobody serves this port under this id, or no app id of
  *                                            our own

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t LARGEST_WITHOUT_INDEX = 16;
 
-// addTo(key) is called only when the key can be added.
+// Calls addTo(key) if the key can be added.
 template <typename AddTo>
 int add(bundle *b, const char *key, AddTo addTo) {
     const std::string_view name = b && key ? key : "";
@@ -153,7 +153,7 @@ int bundle_add_byte(bundle *b, const char *key, const void *byte, const size_t s
 int bundle_add_str_array(bundle *b, const char *key, const char **str_array, const int len) {
     if (len < 0 || (!str_array && len > 0))
         return BUNDLE_ERROR_INVALID_PARAMETER;
-    std::size_t left = host::MAX_SIZE; // of what the texts and the pointers to them may need
+    std::size_t left = host::MAX_SIZE; // for the texts and the pointers to them
     for (int i = 0; i < len; ++i) {
         const char *const text = str_array[i];
         const std::size_t needed = text ? std::strlen(text) + 1 + sizeof text : left;
@@ -217,7 +217,7 @@ void bundle_foreach(bundle *b, bundle_iterator_t iter, void *user_data) {
     if (!b || !iter)
         return;
     for (std::size_t i = 0; i < b->entries().size(); ++i) {
-        const keyval_t entry = b->entries()[i]; // lives on when iter removes it from the bundle
+        const keyval_t entry = b->entries()[i]; // stays valid if iter removes it from the bundle
         iter(entry.key.data(), entry.type, &entry, user_data);
     }
 }

@@ -72,7 +72,7 @@ void Channel::expect(std::size_t frameLimit, bool keeping) {
     watch();
 }
 
-// From here on a read gives what is there, and then the end.
+// After this, reads return the bytes that have already arrived and then the end of the stream.
 void Channel::drain() {
     shutdown(_socket.get(), SHUT_RD);
 }
@@ -117,7 +117,7 @@ Eina_Bool Channel::onReadyCb(void *data, Ecore_Fd_Handler *handler) {
 
 Eina_Bool Channel::onMoreCb(void *data) {
     const auto self = static_cast<Channel *>(data)->shared_from_this();
-    // First: a timer that is being called does not count as one that will be.
+    // Before turn(), which may need a new timer.
     self->_moreTimer = nullptr;
     self->turn(false);
     return ECORE_CALLBACK_CANCEL;
@@ -157,8 +157,8 @@ void Channel::end() {
         owner->onEnd(*this);
 }
 
-// Goes on with the frame that has begun: with bytes that have been read already, then with one read.
-// Returns false when nothing more will come.
+// Continues the current frame with bytes that have been read already, then with one read. Returns
+// false if no further bytes will arrive.
 bool Channel::fill(bool readable) {
     try {
         _reader.readOn();
@@ -202,8 +202,8 @@ int Channel::take(Bytes &payload) {
     return RPC_PORT_ERROR_NONE;
 }
 
-// A simulated application lives in the same process, so the loop has to run until it has answered.
-// A real one does not, and no event may come in between.
+// A simulated application lives in this process, so the loop has to run until the application has
+// answered. A real application is another process, and no event may be delivered while waiting.
 bool Channel::awaitFrame() {
     Loop &loop = Loop::instance();
     if (loop.isSimulated()) {
@@ -217,7 +217,7 @@ bool Channel::awaitFrame() {
     return _reader.isWhole();
 }
 
-// A reply that came later would be taken for the next one's, so the connection does not outlive it.
+// A timeout ends the connection: a late reply would be taken for the reply to the next request.
 bool Channel::pollOnce(std::int64_t deadline) {
     const std::int64_t left = deadline - Loop::instance().now();
     if (left <= 0) {
@@ -245,14 +245,14 @@ int Channel::send(const Parcel &parcel) {
     std::uint8_t header[HEADER_BYTES];
     for (std::size_t i = 0; i < HEADER_BYTES; ++i)
         header[i] = static_cast<std::uint8_t>(size >> (8 * i));
-    // Behind a queue nothing is sent directly: frames keep their order.
+    // While frames are queued, further frames go to the queue, to keep their order.
     std::size_t sent = 0;
     if (_queue.isEmpty() && !transmit(parcel, header, sent))
         return RPC_PORT_ERROR_IO_ERROR;
     return sent < sizeof(header) + size ? enqueue(header, parcel, sent) : RPC_PORT_ERROR_NONE;
 }
 
-// What has come before is still delivered.
+// The other side has closed the connection. The frames that it sent before are still delivered.
 void Channel::desert() {
     const auto owner = _owner.lock();
     dlog_print(DLOG_INFO, LOG_TAG, "nothing more can be sent to %s: %s",
@@ -263,7 +263,7 @@ void Channel::desert() {
     watch();
 }
 
-// In one piece if it is one: what takes several costs the system more.
+// A payload in one piece is sent with send(), which costs the system less than sendmsg().
 bool Channel::transmit(const Parcel &parcel, const std::uint8_t *header, std::size_t &sent) {
     const Bytes &bytes = parcel.bytes;
     if (parcel.inserts.empty() && bytes.memory()) {
@@ -272,7 +272,7 @@ bool Channel::transmit(const Parcel &parcel, const std::uint8_t *header, std::si
                            MSG_NOSIGNAL | MSG_DONTWAIT),
                     sent);
     }
-    iovec parts[SendQueue::MAX_PARTS]; // more go into the queue
+    iovec parts[SendQueue::MAX_PARTS]; // further parts go to the queue
     parts[0] = {const_cast<std::uint8_t *>(header), HEADER_BYTES};
     std::size_t count = 1;
     parcel.forEachPiece([&](const Memory &, const void *data, std::size_t length) {
@@ -289,7 +289,7 @@ bool Channel::transmit(iovec *parts, std::size_t count, std::size_t &sent) {
     return note(sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT), sent);
 }
 
-// What has become of a transmission. False: nothing can be sent any more.
+// Evaluates the result of a system call that sends. Returns false if sending is impossible now.
 bool Channel::note(ssize_t result, std::size_t &sent) {
     if (result < 0 && !isTemporary(errno)) {
         desert();

@@ -25,32 +25,35 @@ constexpr double REPLY_SECONDS = 10.0;
 
 class Channel;
 
-// Who hears of a channel's events, which come from the main loop only. It is kept alive meanwhile.
+// Receives a channel's events, all of them from the main loop. The channel keeps its owner alive
+// during each call.
 class ChannelOwner {
 public:
     virtual ~ChannelOwner() = default;
-    // The other side, for log lines.
+    // Names the other side in log lines.
     virtual const char *peer() const = 0;
-    // A whole frame has come: take() it now, or it is dropped.
+    // A whole frame has arrived. A frame that is not taken with take() during this call is dropped.
     virtual void onFrame(Channel &channel) = 0;
-    // It is closed now, for nothing comes any more. Once, and not after the owner has closed it.
+    // The channel has ended and is closed. Called at most once, and not if the owner closed it.
     virtual void onEnd(Channel &channel) = 0;
 };
 
-// One socket of a connection and what stands behind an rpc_port_h: frames in, frames out.
+// One socket of a connection, which receives and sends frames. An rpc_port_h is the handle of a
+// channel.
 //
-// Each turn of the loop reads at most once and delivers at most one frame; a zero-second timer stands for frames
-// that have been read already. Callbacks may run the loop from inside, so all state is in order
-// before the owner is called: the next turn may be an inner one.
+// In one round of the loop a channel reads at most once and delivers at most one frame. For frames
+// that have been read but not delivered it asks for another round with a zero-second timer. The
+// owner may run the loop from inside a callback, so a channel updates its state before it calls its
+// owner.
 //
-// What cannot be reported from where it happens (a send that fails, say) is a fault: the socket is
-// shut down, which makes the loop come here and end the channel.
+// An error that cannot be returned to a caller (a failed send, for example) shuts the socket down.
+// The loop then reports the socket as ready, and the channel ends.
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
-    // Throws std::bad_alloc, also when the loop cannot watch the socket.
+    // Throws std::bad_alloc; also if the loop cannot watch the socket.
     static std::shared_ptr<Channel> open(UniqueFd socket, std::size_t frameLimit,
                                          std::weak_ptr<ChannelOwner> owner);
-    // Null for a handle of no channel.
+    // Returns null if the handle does not belong to a channel.
     static Channel *find(rpc_port_h port);
 
     explicit Channel(UniqueFd socket) : _socket(std::move(socket)) {}
@@ -63,18 +66,19 @@ public:
     bool hasFailed() const { return _failed; }
 
     void setOwner(std::weak_ptr<ChannelOwner> owner) { _owner = std::move(owner); }
-    // Frames up to the limit go to the owner, or stay until they are taken: then no more than one
-    // is read. With a limit of 0 nothing at all may come.
+    // From now on frames up to the limit are delivered to the owner, or kept until take(); at most
+    // one frame is kept. With a limit of 0 the other side must not send anything.
     void deliver(std::size_t frameLimit) { expect(frameLimit, false); }
     void keep(std::size_t frameLimit) { expect(frameLimit, true); }
-    // The other channel is gone: what has come before that is still delivered, then this one ends.
+    // Delivers the frames that have already arrived, then ends. For when the other channel of the
+    // connection has ended.
     void drain();
-    // Lets go of the socket; no event comes afterwards. The port handle lives on with the object.
+    // Closes the socket. No event follows. The port handle stays valid as long as the object.
     void close();
 
-    // Both give an rpc-port error. A payload that is too long is refused and changes nothing; any
-    // other failure ends the channel. When it is for want of the other side, what that has said
-    // before it went is delivered first.
+    // Both return an rpc-port error. A payload that is too long is refused without any effect; any
+    // other failure ends the channel. If the other side has closed the connection, the frames that
+    // it sent before are still delivered.
     int send(const Parcel &parcel);
     int take(Bytes &payload);
 
@@ -105,16 +109,16 @@ private:
 
     UniqueFd _socket;
     void *_handler = nullptr;
-    void *_moreTimer = nullptr; // null: no turn is asked for
+    void *_moreTimer = nullptr; // null: no further turn is needed
     rpc_port_h _port = nullptr;
     std::weak_ptr<ChannelOwner> _owner;
-    std::size_t _frameLimit = 0; // 0: nothing at all may come
+    std::size_t _frameLimit = 0; // 0: the other side must not send
     bool _keeping = false;
     bool _failed = false;
-    bool _deserted = false; // nothing can be sent any more
+    bool _deserted = false; // the other side has closed; sending is impossible
 
     FrameReader _reader;
-    Bytes *_offer = nullptr; // while onFrame() runs and has not taken its frame
+    Bytes *_offer = nullptr; // the frame that onFrame() may still take, else null
 
     SendQueue _queue;
 };

@@ -24,11 +24,11 @@ constexpr std::size_t LONGEST_TEXT = 16 * 1024;
 constexpr std::string_view CUT_MARK = " [cut]";
 
 struct Level {
-    const char *name; // in NELVO_LOG
+    const char *name; // as in NELVO_LOG
     const char *colour;
 };
 
-// By priority, from DLOG_VERBOSE. An entry begins with the first letter, as a capital.
+// Indexed by priority, from DLOG_VERBOSE. An entry begins with the first letter as a capital.
 constexpr Level LEVELS[] = {
     {"verbose", "\x1b[2m"}, {"debug", "\x1b[36m"},   {"info", "\x1b[32m"}, {"warn", "\x1b[33m"},
     {"error", "\x1b[31m"},  {"fatal", "\x1b[1;31m"}, {"silent", ""},
@@ -51,15 +51,15 @@ struct Sink {
 std::mutex sinkMutex;
 Sink installedSink;
 
-// The least priority that goes anywhere, so that what goes nowhere costs nothing more.
+// The lowest priority that is written. Lets dlog_print() refuse other entries without a lock.
 std::atomic<int> threshold{0}; // 0: not known yet
 
 bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
-// The length of the character at the front of text if a terminal may have it as it is; 0 for a
-// control character (C1, which some terminals obey, included) and for what is not UTF-8.
+// Returns the length of the first character if it can be written to a terminal unescaped, else 0:
+// for control characters (including C1, which some terminals obey) and invalid UTF-8.
 std::size_t printableLength(std::string_view text) {
     const auto first = static_cast<unsigned char>(text[0]);
     if (first < 0x80)
@@ -92,7 +92,7 @@ void appendPrintable(std::string &line, std::string_view text) {
     }
 }
 
-// The loop's clock, so that entries of several processes can be compared.
+// Uses the clock of the main loop, so that entries of several processes can be compared.
 std::string timestamp() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -108,7 +108,7 @@ std::string lineOf(const Entry &entry, std::string_view text) {
     const bool isCut = text.size() > LONGEST_TEXT;
     std::size_t end = isCut ? LONGEST_TEXT : text.size();
     while (isCut && end > LONGEST_TEXT - 4 && isContinuation(text[end]))
-        --end; // not inside a character
+        --end; // do not cut inside a character
 
     std::string line(isTimed ? timestamp() : "");
     line.reserve(end + 64);
@@ -126,8 +126,8 @@ std::string lineOf(const Entry &entry, std::string_view text) {
     return line;
 }
 
-// One write per entry keeps those of several threads and processes apart; the loop is for the rare
-// remainder.
+// Writes the line with one call, so that lines of several threads and processes do not mix. Another
+// call is needed only if the system wrote a part.
 int writeLine(std::string_view line) {
     std::size_t done = 0;
     while (done < line.size()) {
@@ -142,7 +142,7 @@ int writeLine(std::string_view line) {
 int writeEntry(const Entry &entry, std::string_view text) {
     try {
         return writeLine(lineOf(entry, text));
-    } catch (...) { // no memory: its beginning, from the stack alone
+    } catch (...) { // out of memory: write the beginning, without allocations
         char line[256];
         std::snprintf(line, sizeof line - 1, "%c %.40s: %.*s", entry.letter(), entry.tag,
                       static_cast<int>(std::min(text.size(), sizeof line)), text.data());
@@ -177,14 +177,14 @@ int level() {
 }
 
 Sink currentSink() {
-    const int own = level(); // before the lock: it may have something to say
+    const int own = level(); // before the lock, since it may log
     std::lock_guard<std::mutex> lock(sinkMutex);
     threshold.store(installedSink.call ? int{DLOG_VERBOSE} : own, std::memory_order_relaxed);
     return installedSink;
 }
 
 int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args) {
-    va_list again; // the first shows how long the text is
+    va_list again; // for a second pass, if the text is longer than the buffer
     va_copy(again, args);
     char start[512];
     const int length = std::vsnprintf(start, sizeof start, fmt, args);
@@ -195,7 +195,7 @@ int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args)
             whole.resize(static_cast<std::size_t>(length));
             std::vsnprintf(whole.data(), whole.size() + 1, fmt, again);
             text = whole;
-        } catch (...) { // no memory: the beginning has to do
+        } catch (...) { // out of memory: only the beginning is written
         }
     }
     va_end(again);
@@ -207,10 +207,10 @@ int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args)
     return static_cast<int>(text.size());
 }
 
-// Not inlined: dlog_print() would save registers for it even when the entry is below the level, which
-// costs 100 instructions per request.
+// Not inlined: dlog_print() would save registers for this function even if the entry is not wanted,
+// which costs 120 instructions per request.
 [[gnu::noinline]] int print(const Entry &entry, const char *fmt, va_list args) {
-    const int errnoBefore = errno; // callers log first and look at it later
+    const int errnoBefore = errno; // callers may log before they look at errno
     const Sink sink = currentSink();
     const bool isWanted = sink.call || entry.prio >= level();
     const int result = isWanted ? printTo(sink, entry, fmt, args) : 0;

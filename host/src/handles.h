@@ -14,18 +14,17 @@ namespace host {
 
 inline void *newHandle() {
     static std::uintptr_t last = 0;
-    if (++last == 0) // after 2^32 handles where pointers have 32 bits
+    if (++last == 0) // wrapped around; possible where pointers have 32 bits
         ++last;
     return reinterpret_cast<void *>(last); // NOLINT(performance-no-int-to-ptr)
 }
 
-// What C callers know one kind of thing by. A handle is no address but a number that is not used
-// again: a handle that is stale, of another kind or plain nonsense is recognised without touching any
-// memory.
+// Maps handles, which C callers use, to values of one type. A handle is not an address but a number
+// that is never used again, so that invalid handles are recognised without access to any memory.
 template <typename Value>
 class Handles {
 public:
-    // Never destroyed: applications release things from static destructors.
+    // Never destroyed: applications release handles from static destructors.
     static Handles &instance() {
         static Handles &handles = *new Handles;
         return handles;
@@ -38,19 +37,19 @@ public:
         return handle;
     }
 
-    // Null for a handle that is not in use. What is found stays where it is until it is removed.
+    // Returns null for a handle that is not in use. The pointer is valid until remove().
     Value *find(void *handle) {
         const auto found = _values.find(handle);
         return found != _values.end() ? &found->second : nullptr;
     }
 
-    // Returns the value, so that its destructor runs only when the table is in order again.
+    // Returns the value, so that its destructor runs after the table has been changed.
     Value remove(void *handle) {
         auto node = _values.extract(handle);
         return node ? std::move(node.mapped()) : Value{};
     }
 
-    // The handle of a value for which matches(value) holds, or null.
+    // Returns the handle of a value for which matches(value) is true, or null.
     template <typename Matches>
     void *findIf(Matches matches) {
         const auto found = std::find_if(_values.begin(), _values.end(),
@@ -62,7 +61,7 @@ private:
     std::unordered_map<void *, Value> _values;
 };
 
-// Runs what an exported function does, and turns a lack of memory into its error code.
+// Runs the body of an exported function and turns exceptions into error codes.
 template <typename Work>
 int guarded(Work work) {
     try {
@@ -74,7 +73,7 @@ int guarded(Work work) {
     }
 }
 
-// The same for the object behind a handle, which stays alive meanwhile.
+// The same for a function of the object that the handle names. Keeps the object alive meanwhile.
 template <typename Object, typename Work>
 int guarded(void *handle, bool argumentsValid, Work work) {
     auto *const entry = Handles<std::shared_ptr<Object>>::instance().find(handle);

@@ -18,15 +18,15 @@ namespace host {
 //   hello    "NVRP" version kind token[16] length sender[length]
 //   welcome  "NVRP" version
 //
-// The hello is the first frame on each of the two sockets, the welcome the answer on the main one.
+// A hello is the first frame on each of the two sockets; the welcome is the answer on the main one.
 // Version, kind (an rpc_port_port_type_e) and length are single bytes.
 constexpr char HANDSHAKE_START[] = {'N', 'V', 'R', 'P', 1};
 constexpr std::size_t MAX_SENDER_BYTES = 127;
-constexpr double HANDSHAKE_SECONDS = 5.0; // for a whole connection, on either side
+constexpr double HANDSHAKE_SECONDS = 5.0; // to complete a connection, on either side
 
 struct Hello {
     rpc_port_port_type_e kind;
-    std::array<std::uint8_t, 16> token; // random; says which two sockets belong together
+    std::array<std::uint8_t, 16> token; // random; the same on both sockets of one connection
     std::string sender;
 };
 
@@ -44,7 +44,7 @@ inline bool isWelcome(const Bytes &bytes) {
            std::memcmp(bytes.data(), HANDSHAKE_START, sizeof(HANDSHAKE_START)) == 0;
 }
 
-// A sender that is too long is cut where the other side still sees that it is.
+// A sender that is too long is cut to a length that the other side still refuses.
 inline Parcel encodeHello(const Hello &hello) {
     const std::string sender = hello.sender.substr(0, MAX_SENDER_BYTES + 1);
     Parcel parcel = encodeWelcome();
@@ -55,7 +55,7 @@ inline Parcel encodeHello(const Hello &hello) {
     return parcel;
 }
 
-// Does not judge the sender, except that it has no zero inside.
+// Does not check the sender, except for zeros inside.
 inline std::optional<Hello> decodeHello(const Bytes &bytes) {
     const std::uint8_t *const at = bytes.data();
     if (bytes.size() < HELLO_HEAD_BYTES ||

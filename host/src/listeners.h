@@ -15,8 +15,8 @@ public:
     void add(Cb cb, void *data) { _entries.push_back({cb, data}); }
     void clear() { _entries.clear(); }
 
-    // Calls call(cb, data) for each until one answers false. A callback may add further ones, or
-    // clear them.
+    // Calls call(cb, data) for each callback until it returns false. Callbacks may call add() and
+    // clear().
     template <typename Call>
     void each(Call call) const {
         for (std::size_t i = 0; i < _entries.size(); ++i) {
@@ -34,7 +34,7 @@ private:
     std::vector<Entry> _entries;
 };
 
-// What the exported functions that register a callback do.
+// The body of the exported functions that register a callback.
 template <typename Object, typename Cb>
 int addListener(void *handle, Listeners<Cb> Object::*listeners, Cb cb, void *data) {
     return guarded<Object>(handle, cb, [&](Object &object) {

@@ -23,7 +23,8 @@ namespace host {
 namespace {
 
 constexpr std::int64_t NANOSECONDS = 1'000'000'000;
-constexpr std::int64_t FOREVER = std::int64_t{1} << 61; // 73 years: two of them can be added
+constexpr std::int64_t FOREVER = std::int64_t{1}
+                                 << 61; // 73 years; the sum of two does not overflow
 constexpr std::int64_t MIN_RENEWAL = 1'000;
 constexpr int EVENTS_PER_ROUND = 64;
 
@@ -42,8 +43,8 @@ std::uint32_t toEpoll(unsigned flags) {
            ((flags & ECORE_FD_WRITE) ? std::uint32_t{EPOLLOUT} : 0);
 }
 
-// A failed descriptor counts as ready for whatever it is watched for: only a read or write shows
-// it.
+// A failed descriptor is reported as ready for all that it is watched for, so that a read or write
+// returns the error.
 unsigned fromEpoll(std::uint32_t events, unsigned watched) {
     if (events & (EPOLLERR | EPOLLHUP))
         return watched | ECORE_FD_ERROR;
@@ -58,8 +59,8 @@ Loop &Loop::instance() {
     return loop;
 }
 
-// Large blocks stay in the process when they are freed: to get their pages from the system again takes
-// longer than to fill them.
+// Keeps freed memory in the process: with the C library's defaults, each large block would be
+// returned to the system, and its pages would be mapped and cleared again for the next request.
 Loop::Loop() {
     mallopt(M_MMAP_THRESHOLD, 8 << 20);
     mallopt(M_TRIM_THRESHOLD, 32 << 20);
@@ -112,7 +113,7 @@ void Loop::advance(std::int64_t nanoseconds) {
     _virtualNow = std::max(_virtualNow, target); // a callback may have moved it further
 }
 
-// To the next deadline. Not for what is due already: that a round would have delivered.
+// Moves the virtual clock to the next deadline. Returns false if that is later than latest.
 bool Loop::jump(std::int64_t latest) {
     if (!hasDue() || _due.front().first > latest)
         return false;
@@ -145,7 +146,7 @@ void *Loop::deleteTimer(void *handle) {
     _countedTimers -= timer.internal ? 0 : 1;
     if (timer.isCalled)
         return timer.data;
-    if (_due.back().second == handle) // as the latest one often is
+    if (_due.back().second == handle) // often the case for the latest timer
         _due.pop_back();
     else if (++_deleted > _due.size() / 2)
         dropDeleted();
@@ -169,7 +170,7 @@ void Loop::dropDeleted() {
     _deleted = 0;
 }
 
-// Whether a timer is waiting; it is in front then.
+// Returns whether a timer is waiting. The front of _due is then not a deleted one.
 bool Loop::hasDue() {
     while (_deleted > 0 && !_timers.find(_due.front().second)) {
         pop();
@@ -178,7 +179,7 @@ bool Loop::hasDue() {
     return !_due.empty();
 }
 
-// Rounded up: a wait that ends early would only be followed by another one.
+// Rounded up, since a wait that ends before the deadline would be followed by another one.
 int Loop::waitMilliseconds() {
     if (!hasDue())
         return -1;
@@ -188,8 +189,7 @@ int Loop::waitMilliseconds() {
         std::min<std::int64_t>((left + MILLISECOND - 1) / MILLISECOND, INT_MAX));
 }
 
-// The callbacks may change the heap in any way. What they add waits for the next round, so this
-// ends.
+// Callbacks may change the heap. Timers that they add wait for the next round, so this loop ends.
 bool Loop::deliverTimers() {
     if (!hasDue())
         return false;
@@ -285,7 +285,7 @@ unsigned Loop::active(void *handle) {
     return handler ? handler->active : 0;
 }
 
-// Walks by handle, from the one before: the callbacks may change the set in any way.
+// Callbacks may change _buffered, so each step looks for the handle after the previous one.
 bool Loop::deliverBuffered() {
     bool delivered = false;
     for (auto next = _buffered.cbegin(); next != _buffered.cend();) {
@@ -305,19 +305,20 @@ bool Loop::deliverReady(int timeout) {
         return false;
     epoll_event events[EVENTS_PER_ROUND];
     const int count = epoll_wait(_poll.get(), events, EVENTS_PER_ROUND, timeout);
-    // A nested round has delivered what is left here, and perhaps read it: the next one asks again.
+    // If a callback has run a round, the remaining events may be outdated. The next round asks
+    // again.
     const std::uint64_t poll = ++_polls;
     for (int i = 0; i < count && poll == _polls; ++i)
         callHandler(events[i].data.ptr, events[i].events);
     return count > 0;
 }
 
-// The handler may be gone already: deleted by its own bufFunc or by another one of this round.
+// The handler may have been deleted by its own bufFunc or by another handler in this round.
 void Loop::callHandler(void *handle, std::uint32_t events) {
     Handler *const handler = _handlers.find(handle);
     if (!handler)
         return;
-    const unsigned outer = handler->active; // of the call that runs this round from inside
+    const unsigned outer = handler->active; // set if this round runs inside the handler's callback
     handler->active = fromEpoll(events, handler->flags);
     const Eina_Bool answer = handler->func(handler->data, static_cast<Ecore_Fd_Handler *>(handle));
     if (answer == ECORE_CALLBACK_CANCEL) {

@@ -12,14 +12,14 @@
 
 namespace host {
 
-// The process's main loop: what stands behind Ecore.h and the clock of host/sim.h.
+// The process's main loop, which implements Ecore.h and the clock of host/sim.h.
 //
-// Each round gives the ready descriptors one turn and then each due timer one, so neither can
-// starve the other. Time is counted in whole nanoseconds: sums of intervals stay exact, and a
-// virtual clock meets every deadline to the point.
+// Each round calls the handlers of all ready descriptors once and then all due timers once, so that
+// neither kind can starve the other. Time is counted in whole nanoseconds: sums of intervals are
+// exact, and the virtual clock stops at every deadline exactly.
 //
-// Callbacks may do anything, a nested round included. Therefore nothing keeps a reference into the
-// tables while a callback runs; what is left afterwards is looked up again by its handle.
+// Callbacks may call any function, and may run the loop. So after a callback, timers and handlers
+// are looked up again by their handles.
 class Loop {
 public:
     // Created on first use and never destroyed: applications release ports from static destructors.
@@ -34,22 +34,23 @@ public:
     void run();
     void quit() { _quit = true; }
 
-    // One round. Waits for the first event only when asked to. False: there was nothing to deliver.
+    // Runs one round, and waits for an event first if asked to. Returns false if nothing was
+    // delivered.
     bool runOnce(bool wait);
-    // Moves the virtual clock.
+    // Moves the virtual clock and delivers what becomes due.
     void advance(std::int64_t nanoseconds);
 
-    // Null when memory ran out, or the arguments are wrong. An internal timer is one of the
-    // platform's own, which countTimers() leaves out.
+    // Returns null if memory ran out or an argument is not valid. countTimers() does not count
+    // internal timers, which are those of the platform itself.
     void *addTimer(double seconds, Ecore_Task_Cb func, void *data, bool internal);
     void *deleteTimer(void *timer);
     int countTimers() const { return _countedTimers; }
 
-    // Null as above, and when the system cannot watch the descriptor.
+    // Returns null for the same reasons, and if the system cannot watch the descriptor.
     void *addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Ecore_Fd_Cb bufFunc,
                      void *bufData);
     void *deleteHandler(void *handler);
-    // What the handler is being called for; 0 outside its callback.
+    // The events that the handler is being called for; 0 outside its callback.
     unsigned active(void *handler);
     void setFlags(void *handler, unsigned flags);
 
@@ -62,11 +63,11 @@ private:
         Ecore_Task_Cb func = nullptr;
         void *data = nullptr;
         bool internal = false;
-        bool isCalled = false;   // not in _due then
-        std::uint64_t round = 0; // in which it was added: not due in this one
+        bool isCalled = false;   // and therefore not in _due
+        std::uint64_t round = 0; // in which the timer was added; due from the next one
     };
-    // A deadline and the timer's handle: a later one is greater, so equal deadlines keep the order
-    // of creation, and a timer that a callback adds comes after all that are due.
+    // A deadline and the timer's handle. Handles grow, so timers with equal deadlines are called in
+    // the order of their creation.
     using Due = std::pair<std::int64_t, void *>;
     struct Handler {
         int fd = -1;
@@ -99,8 +100,8 @@ private:
     bool _quit = false;
 
     Handles<Timer> _timers;
-    // A heap, the first deadline in front, with room for those being called; what has been deleted
-    // is left in it until that is half of it or comes to the front.
+    // A heap with the earliest deadline in front, and with capacity for the timers that are being
+    // called. Deleted timers stay in it until they are in front or make up half of it.
     std::vector<Due> _due;
     std::size_t _called = 0;
     std::size_t _deleted = 0;
@@ -109,7 +110,7 @@ private:
 
     UniqueFd _poll;
     Handles<Handler> _handlers;
-    std::vector<void *> _buffered; // the handlers with a bufFunc, in order
+    std::vector<void *> _buffered; // the handlers with a bufFunc, in ascending order
     std::uint64_t _polls = 0;
 };
 

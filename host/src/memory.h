@@ -11,8 +11,8 @@
 
 namespace host {
 
-// A block of bytes with any number of owners, on any threads; aligned for any type, and not zeroed.
-// No owner changes what another one may look at.
+// A reference-counted block of bytes, aligned for any type and not zeroed. Its owners may be on
+// different threads. An owner must not change bytes that another owner may read.
 class Memory {
 public:
     Memory() = default;
@@ -32,7 +32,7 @@ public:
     }
 
     explicit operator bool() const { return _block; }
-    // Only for a block, not for an empty Memory.
+    // Must not be called for an empty Memory.
     char *bytes() const { return reinterpret_cast<char *>(_block + 1); }
 
 private:
@@ -43,10 +43,10 @@ private:
     Block *_block = nullptr;
 };
 
-// Bytes in a row that grow at their end. Others may share the memory and look at what is there.
+// A growing array of bytes, not zeroed. Other owners of its memory may read the bytes.
 class Bytes {
 public:
-    // So many bytes before the data are unused: room for what is to be sent ahead of the data.
+    // Number of unused bytes before the data. A frame's header is written there.
     static constexpr std::size_t FRONT = sizeof(std::uint32_t);
 
     Bytes() = default;
@@ -63,14 +63,16 @@ public:
 
     const Memory &memory() const { return _memory; }
     std::uint8_t *data() const { return _data; }
-    std::uint8_t *front() const { return _data - FRONT; } // only where there is memory
+    std::uint8_t *front() const {
+        return _data - FRONT;
+    } // must not be called while memory() is empty
     std::uint8_t *end() const { return _data + _size; }
     std::size_t size() const { return _size; }
     std::size_t capacity() const { return _capacity; }
 
-    // These throw std::bad_alloc; nothing has changed then.
+    // The following functions throw std::bad_alloc and then have changed nothing.
     void reserve(std::size_t capacity);
-    // Returns where the new bytes are to be written.
+    // Appends bytes, and returns where they are to be written.
     std::uint8_t *extend(std::size_t size) {
         if (size > _capacity - _size)
             reserve(std::max(_size + size, 2 * _capacity));
@@ -81,9 +83,9 @@ public:
         if (size > 0)
             std::memcpy(extend(size), bytes, size);
     }
-    // Bytes that were written behind the end, within the capacity, belong to it from now on.
+    // Appends bytes that have been written behind the end, within the capacity.
     void setSize(std::size_t size) { _size = size; }
-    // The first bytes, at least FRONT of them, are given up: the room before the data.
+    // Removes bytes at the front, at least FRONT of them.
     void dropFront(std::size_t size) {
         _data += size;
         _size -= size;

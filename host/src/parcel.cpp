@@ -11,7 +11,8 @@
 
 #include "bundle_impl.h"
 
-// What the values in a parcel look like. Numbers are in the machine's own byte order.
+// The encoding of values. They follow each other without tags or padding, and numbers are in the
+// machine's own byte order.
 //
 //   int32    4 bytes
 //   bool     1 byte, 0 or 1
@@ -33,10 +34,10 @@ enum EncodedType : std::uint8_t { ENCODED_STR = 1, ENCODED_STR_ARRAY = 2, ENCODE
 constexpr std::size_t NUMBER = sizeof(std::uint32_t);
 constexpr std::size_t SMALLEST_ENTRY = 1 + (NUMBER + 2) + NUMBER;
 constexpr std::size_t USUAL_SIZE = 512;
-constexpr std::size_t LARGE_SIZE = std::size_t{16}
-                                   << 10; // copying less is faster than a piece more
+// From this size on, referring to a value in another piece is faster than copying the value.
+constexpr std::size_t LARGE_SIZE = std::size_t{16} << 10;
 
-// The next bytes of an encoding, which has room for them.
+// Writes an encoding to memory that is large enough for it.
 class Writer {
 public:
     explicit Writer(std::uint8_t *at) : _at(at) {}
@@ -60,12 +61,11 @@ private:
     std::uint8_t *_at;
 };
 
-// Large values that stay where they are need not be copied.
+// Whether the value becomes an insert of the parcel.
 bool isInsert(const keyval_t &entry) {
     return entry.size >= LARGE_SIZE && entry.type != BUNDLE_TYPE_STR_ARRAY;
 }
 
-// Of one entry in a bundle.
 std::size_t encodedSize(const keyval_t &entry) {
     std::size_t size = 1 + NUMBER + entry.key.size() + 1 + NUMBER;
     if (entry.type != BUNDLE_TYPE_STR_ARRAY)
@@ -75,7 +75,7 @@ std::size_t encodedSize(const keyval_t &entry) {
     return size;
 }
 
-// All but the value of an insert, which comes last.
+// Does not write the value of an insert; that value is the end of its entry.
 void encode(const keyval_t &entry, Writer &writer) {
     const std::uint8_t type = entry.type == BUNDLE_TYPE_STR    ? ENCODED_STR
                               : entry.type == BUNDLE_TYPE_BYTE ? ENCODED_BYTE
@@ -89,8 +89,8 @@ void encode(const keyval_t &entry, Writer &writer) {
         writer.sized(entry.texts()[i], std::strlen(entry.texts()[i]) + 1);
 }
 
-// Consumes bytes from the front. What is not wholly there, or not as required, breaks the reader:
-// from then on every value is 0 or empty, and no byte is left.
+// Reads values from the front of an encoding. A value that is incomplete or malformed breaks the
+// reader: from then on it returns zeros and empty texts, and has no bytes left.
 class Reader {
 public:
     explicit Reader(std::string_view bytes) : _left(bytes) {}
@@ -125,7 +125,7 @@ public:
 
     std::string_view sized() { return take(value<std::uint32_t>()); }
 
-    // Without its zero, which follows.
+    // The result does not include the zero, which follows it in memory.
     std::string_view text() {
         const std::string_view bytes = sized();
         if (!require(!bytes.empty() && bytes.find('\0') == bytes.size() - 1))
@@ -138,7 +138,7 @@ private:
     bool _isBroken = false;
 };
 
-// A text stays in the memory given.
+// Texts are not copied; the entries refer to the given memory.
 void decodeEntry(Reader &reader, bundle &to, const Memory &memory) {
     const auto type = reader.value<std::uint8_t>();
     const std::string_view key = reader.text();
@@ -160,11 +160,11 @@ void decodeEntry(Reader &reader, bundle &to, const Memory &memory) {
     }
 }
 
-// Builds a bundle from bytes that a peer chose: nothing is believed before it has been checked, and
-// memory is reserved only for what the bytes that are there can hold. Texts stay where they are, in
-// the parcel's memory, so that a bundle costs few allocations however many texts it has.
+// Decodes a bundle from bytes that a peer chose. Every number is checked before it is used, and
+// memory is reserved only for as many entries as the bytes can hold. The bundle's texts stay in the
+// parcel's memory.
 //
-// Null, and the reader broken: malformed. Throws std::bad_alloc.
+// Returns null, and breaks the reader, if the bytes are malformed. Throws std::bad_alloc.
 bundle *decodeBundle(Reader &reader, Parcel &parcel) {
     Reader inner(reader.sized());
     auto decoded = std::make_unique<bundle>();
@@ -183,7 +183,7 @@ std::uint8_t *extend(Parcel &parcel, std::size_t size) {
     return parcel.bytes.extend(size);
 }
 
-// For values that are always copied.
+// Writes a value that is always copied.
 template <typename Encode>
 int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
     if (!h || size > NUMBER + MAX_SIZE)
@@ -228,7 +228,7 @@ int writeBundle(Parcel &parcel, const bundle::Entries &entries) {
     return RPC_PORT_ERROR_NONE;
 }
 
-// What is read has to be in one piece.
+// Copies a parcel with inserts into one piece, since reading needs one.
 void flatten(Parcel &parcel) {
     Bytes whole;
     whole.reserve(parcel.size());

@@ -11,25 +11,24 @@
 
 namespace host {
 
-// Bytes that stay where they are, and what keeps them there.
+// Bytes, and the memory that they are part of.
 struct Piece {
     Memory memory;
     const void *data;
     std::size_t size;
 };
 
-// What stands behind an rpc_port_parcel_h: the payload of one frame, written at its end and read
-// from its front.
+// The payload of one frame; values are written at its end and read from its front. An
+// rpc_port_parcel_h is a pointer to a parcel.
 //
-// Values stand one after the other, without tags or padding, in the machine's own byte order. Large
-// ones are not copied: they belong between the other bytes.
+// Large values are not copied into bytes. They are inserts, which refer to the memory of a bundle.
 struct Parcel {
     struct Insert {
-        std::size_t position; // in bytes: it comes before the byte that is there
+        std::size_t position; // in bytes; the piece comes before the byte at this position
         Piece piece;
     };
 
-    // Gives the payload to each(memory, data, size), in its order, in as few pieces as it has.
+    // Calls each(memory, data, size) for every piece of the payload, in order.
     template <typename Each>
     void forEachPiece(Each each) const {
         std::size_t done = 0;

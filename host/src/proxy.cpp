@@ -67,7 +67,7 @@ int Proxy::connect(const char *appId, const char *port) {
     return RPC_PORT_ERROR_NONE;
 }
 
-// The proxy is idle still when this throws.
+// If this function throws, the proxy is still idle.
 void Proxy::sayHello(UniqueFd mainSocket, UniqueFd callbackSocket, const std::string &sender) {
     Hello hello{RPC_PORT_PORT_MAIN, {}, sender};
     const auto size = static_cast<ssize_t>(hello.token.size());
@@ -76,7 +76,7 @@ void Proxy::sayHello(UniqueFd mainSocket, UniqueFd callbackSocket, const std::st
     auto main = Channel::open(std::move(mainSocket), MAX_FRAME_BYTES, weak_from_this());
     auto callback = Channel::open(std::move(callbackSocket), MAX_FRAME_BYTES, weak_from_this());
     callback->keep(MAX_FRAME_BYTES);
-    // A send that fails shows later, as a rejection.
+    // A failed send is reported later, as a rejected event.
     main->send(encodeHello(hello));
     hello.kind = RPC_PORT_PORT_CALLBACK;
     callback->send(encodeHello(hello));
@@ -106,7 +106,7 @@ void Proxy::reset() {
 
 void Proxy::destroy() {
     reset();
-    disconnectedCbs.clear(); // the others are called for the present channels only
+    disconnectedCbs.clear(); // other callbacks check that the channels still exist
     rejectedCbs.clear();
 }
 
@@ -147,7 +147,7 @@ void Proxy::onWelcome() {
     });
 }
 
-// What the application sent before it went is still delivered.
+// Frames that the application sent before it closed the connection are still delivered.
 void Proxy::onEnd(Channel &channel) {
     if (isConnected() && &channel == _main.get() && !channel.hasFailed()) {
         _callback->drain();
@@ -159,7 +159,7 @@ void Proxy::onEnd(Channel &channel) {
 void Proxy::end() {
     const bool connected = isConnected();
     const auto target = _target;
-    // Their handles stay valid until the callbacks have returned.
+    // Keeps the port handles valid until the callbacks have returned.
     const auto main = _main;
     const auto callback = _callback;
     reset();

@@ -13,20 +13,20 @@
 
 namespace host {
 
-// What stands behind an rpc_port_proxy_h.
+// The client's side of a connection. An rpc_port_proxy_h is the handle of a proxy. States:
 //
 //   idle        no channels
-//   connecting  hello said on both channels; _timer runs until the welcome comes
-//   connected   two channels and no timer, until either of them ends
+//   connecting  both channels have sent a hello; _timer runs until the welcome arrives
+//   connected   two channels and no timer, until either channel ends
 //
-// It may be destroyed or connected anew from inside any of its events: whoever fires one holds it
-// by shared_ptr, and the names that the callback is given by their own.
+// A callback may destroy or reconnect the proxy whose event it receives. Code that calls callbacks
+// therefore holds shared pointers to the proxy and to the names that it passes.
 class Proxy : public ChannelOwner, public std::enable_shared_from_this<Proxy> {
 public:
     int connect(const char *appId, const char *port);
     void destroy();
     void setSender(const char *appId) { _sender = appId ? appId : ""; }
-    // Null unless connected.
+    // Returns null unless the proxy is connected.
     Channel *channel(rpc_port_port_type_e type) const;
 
     const char *peer() const override { return _target->appId.c_str(); }
@@ -52,7 +52,7 @@ private:
     void end();
     void reset();
 
-    std::string _sender; // empty: the process's own app id
+    std::string _sender; // empty: use the process's own app id
     std::shared_ptr<const Target> _target;
     std::shared_ptr<Channel> _main;
     std::shared_ptr<Channel> _callback;

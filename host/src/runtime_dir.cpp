@@ -40,7 +40,8 @@ std::string runtimeDir(host_environment lookup, void *data) {
     return dir;
 }
 
-// Whoever can write here can pose as an application, so it has to be ours alone.
+// Returns why the directory cannot be used, or null. Only its owner may have access to it: whoever
+// can write to it can pose as an application.
 const char *faultOf(const std::string &dir) {
     const UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat state {};
@@ -88,7 +89,7 @@ const sockaddr *generic(const sockaddr_un &address) {
     return reinterpret_cast<const sockaddr *>(&address);
 }
 
-// Leaves errno.
+// Sets errno on failure.
 UniqueFd connectTo(const sockaddr_un &address) {
     UniqueFd fd = openSocket();
     if (fd && connect(fd.get(), generic(address), sizeof(address)) != 0) {
@@ -104,7 +105,7 @@ bool refuse(const sockaddr_un &address, const char *reason = std::strerror(errno
     return false;
 }
 
-// The probe is a connection to the server that is there, if it takes one.
+// The probe is a connection to the other server, or empty if that server does not accept one.
 bool refuseSecond(const std::string &appId, const std::string &port, const UniqueFd &probe) {
     ucred peer{};
     socklen_t size = sizeof(peer);
@@ -117,11 +118,11 @@ bool refuseSecond(const std::string &appId, const std::string &port, const Uniqu
     return false;
 }
 
-// Makes room for our socket: only what a dead process has left behind is removed.
+// Removes the socket file if its server is dead. Returns false if the path is in use.
 bool clearPath(const std::string &appId, const std::string &port, const sockaddr_un &address) {
     struct stat state {};
     if (lstat(address.sun_path, &state) != 0)
-        return true; // bind() tells, if it is not for being absent
+        return true; // bind() reports other reasons than that no file exists
     if (!S_ISSOCK(state.st_mode))
         return refuse(address, "there is something that is no socket; remove it");
     const UniqueFd probe = connectTo(address);
@@ -152,7 +153,7 @@ bool ListenSocket::open(const std::string &appId, const std::string &port) {
     return ::listen(_socket.get(), BACKLOG) == 0 || refuse(address);
 }
 
-// The lock goes last: until then nobody else may put a socket there.
+// Releases the lock last, so that no other server creates its socket before ours is removed.
 void ListenSocket::close() {
     if (!_path.empty()) {
         unlink(_path.c_str());

@@ -7,11 +7,12 @@
 
 namespace host {
 
-// A served port's place in the file system: a listening socket "<appid>:<port>" in the user's
-// runtime directory, and beside it a lock file that is held while it is served.
+// A listening socket "<appid>:<port>" in the user's runtime directory, and a lock file beside it,
+// which is locked while the port is served.
 //
-// The lock, not the socket, says whether the server lives: the system drops it with the process.
-// The lock file stays behind, for a file that is removed while somebody waits for it locks nothing.
+// The lock tells whether the server is alive: the system releases it when the process ends, while
+// the socket file stays. The lock file is never removed, since another process may have opened it
+// already and would then lock a file that nobody else sees.
 class ListenSocket {
 public:
     ListenSocket() = default;
@@ -19,20 +20,20 @@ public:
     ListenSocket &operator=(const ListenSocket &) = delete;
     ~ListenSocket() { close(); }
 
-    // False after a log line that says why.
+    // Returns false on failure; the reason has been logged.
     bool open(const std::string &appId, const std::string &port);
     void close();
     int fd() const { return _socket.get(); }
 
 private:
-    std::string _path; // empty: there is no socket file of ours
+    std::string _path; // empty: no socket file has been created
     UniqueFd _lock;
     UniqueFd _socket;
 };
 
-// Connects to a served port. On failure no descriptor, and errno: ECONNREFUSED or ENOENT when
-// nobody serves it, EACCES when another user does, another value otherwise. 0 stands for a failure
-// that has been logged.
+// Connects to a served port. On failure returns no descriptor and sets errno: ECONNREFUSED or
+// ENOENT if nobody serves the port, EACCES if another user does, 0 if the reason has been logged
+// already, another value otherwise.
 UniqueFd connectToPort(const std::string &appId, const std::string &port);
 
 // Whether the process at the other end of the socket belongs to our user.

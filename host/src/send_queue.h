@@ -12,18 +12,18 @@
 
 namespace host {
 
-// What a socket had no room for. Large pieces stay where they are; small ones are put together, or
-// each would hold on to more memory than it has bytes.
+// Bytes that wait until a socket can take them. Large pieces are kept by reference. Small pieces
+// are copied into a common block, since each of them could keep a much larger block alive.
 class SendQueue {
 public:
-    static constexpr std::size_t MAX_PARTS = 16; // of one system call
+    static constexpr std::size_t MAX_PARTS = 16; // per system call
 
     bool isEmpty() const { return _size == 0; }
     std::size_t size() const { return _size; }
 
-    // Throws std::bad_alloc; the queue is of no use then.
+    // Throws std::bad_alloc; the queue must not be used afterwards.
     void add(const Piece &piece) {
-        if (_pieces.capacity() < _pieces.size() + 2) // this one's and the tail's
+        if (_pieces.capacity() < _pieces.size() + 2) // for this piece and the tail
             _pieces.reserve(2 * _pieces.size() + 2);
         if (piece.size >= LARGE) {
             endTail();
@@ -34,7 +34,7 @@ public:
         _size += piece.size;
     }
 
-    // Fills the front of the queue in; gives the number of parts.
+    // Writes the first pieces of the queue to parts, and returns the number of parts.
     std::size_t front(iovec (&parts)[MAX_PARTS]) {
         endTail();
         const std::size_t count = std::min(MAX_PARTS, _pieces.size() - _first);
@@ -76,7 +76,7 @@ private:
 
     std::vector<Piece> _pieces;
     std::size_t _first = 0;
-    Bytes _tail; // comes after the pieces
+    Bytes _tail; // small pieces behind the last of _pieces
     std::size_t _size = 0;
 };
 

@@ -94,7 +94,7 @@ void Connection::onFrame(Channel &channel) {
     }
 }
 
-// A client that has closed both may have sent requests before: they are still served.
+// Requests that a client sent before it closed both sockets are still served.
 void Connection::onEnd(Channel &ended) {
     const bool drains = !_instance.empty() && !ended.hasFailed() &&
                         &ended == _channels[RPC_PORT_PORT_CALLBACK].get();
@@ -146,7 +146,7 @@ bool Stub::listenReal(const std::string &appId) {
 }
 
 void Stub::destroy() {
-    disconnectedCbs.clear(); // the others are not called for a connection that has ended
+    disconnectedCbs.clear(); // other callbacks are not called for ended connections
     Loop::instance().deleteTimer(_resumeTimer);
     Loop::instance().deleteHandler(_acceptHandler);
     _listenSocket.close();
@@ -172,7 +172,7 @@ Eina_Bool Stub::onAcceptCb(void *data, Ecore_Fd_Handler *) {
     return ECORE_CALLBACK_RENEW;
 }
 
-// The client stays in the queue, which would wake us again and again.
+// The client stays in the listen queue, so without a pause the socket would be ready all the time.
 void Stub::pauseAccepting() {
     dlog_print(DLOG_WARN, LOG_TAG, "clients of port \"%s\" have to wait: %s", _portName.c_str(),
                std::strerror(errno));
@@ -188,7 +188,7 @@ Eina_Bool Stub::onResumeCb(void *data) {
     return ECORE_CALLBACK_CANCEL;
 }
 
-// The application itself needs descriptors as well, so some are left to it.
+// Leaves some descriptors to the application.
 const char *Stub::reasonToRefuse(const UniqueFd &socket) const {
     if (!isSameUser(socket.get()))
         return "it belongs to another user";

@@ -28,13 +28,14 @@ constexpr unsigned SPARE_DESCRIPTORS = 32;
 
 class Stub;
 
-// A client, from the accepted socket to the end.
+// The server's side of a connection with one client. States:
 //
-//   greeting  one channel, which has to say hello
-//   waiting   it has: _hello; _timer still runs, for its other half has to come
+//   greeting  one channel, on which a hello is expected
+//   waiting   one channel that has sent its _hello; _timer runs until the client's other channel
+//             has sent one too
 //   standing  two channels and an _instance
 //
-// It ends once, whatever goes wrong first.
+// A connection ends exactly once, whatever the reason.
 class Connection : public ChannelOwner, public std::enable_shared_from_this<Connection> {
 public:
     explicit Connection(std::shared_ptr<Stub> stub) : _stub(std::move(stub)) {}
@@ -42,7 +43,7 @@ public:
 
     void start(UniqueFd socket);
     bool isOtherHalfOf(const Connection &half) const;
-    // Takes over what the half is waiting with. False: the two do not fit together.
+    // Takes over the channel of the other half. Returns false if the two halves do not match.
     bool join(Connection &half);
     void stand(const std::string &instance);
 
@@ -51,7 +52,7 @@ public:
     Channel &channel(rpc_port_port_type_e type) { return *_channels[type]; }
     bool hasEnded() const { return _ended; }
 
-    // With the disconnected event if it stands; close() goes without.
+    // end() calls the disconnected callbacks if the connection stands; close() does not.
     void end();
     void close();
 
@@ -64,18 +65,18 @@ private:
 
     bool greet(Channel &channel);
 
-    const std::shared_ptr<Stub> _stub; // which destroy() parts from its connections
+    const std::shared_ptr<Stub> _stub; // destroy() breaks the cycle
     std::optional<Hello> _hello;
     std::string _instance;
-    std::shared_ptr<Channel> _channels[2]; // by rpc_port_port_type_e; the first until it is known
+    std::shared_ptr<Channel> _channels[2]; // by rpc_port_port_type_e; [0] until the type is known
     void *_timer = nullptr;
     bool _ended = false;
 };
 
-// What stands behind an rpc_port_stub_h.
+// Serves one port. An rpc_port_stub_h is the handle of a stub.
 //
-// It may be destroyed from inside any of its events: the connection that fires one is kept alive by
-// its channel, and keeps the stub alive. All connections of a stub that is destroyed have ended.
+// A callback may destroy the stub whose event it receives: during the event the channel keeps the
+// connection alive, and the connection keeps the stub alive. destroy() ends all connections.
 class Stub : public PortServer, public std::enable_shared_from_this<Stub> {
 public:
     explicit Stub(const char *portName) : _portName(portName) {}
@@ -83,13 +84,14 @@ public:
     int listen();
     void destroy();
 
-    // A client's socket. One that cannot be served is closed.
+    // Serves the client at the other end of the socket, or closes the socket.
     void addIncoming(UniqueFd socket) override;
-    // It has said hello: goes together with its other half, or waits for it. False: it must go.
+    // The half has received a hello. Joins it with its other half, if that is waiting already.
+    // Returns false if the half must be closed.
     bool greet(Connection &half);
 
     Connection *find(const char *instance);
-    // It has ended.
+    // Removes a connection that has ended.
     void forget(Connection &connection);
     void fireReceived(Connection &connection);
 
@@ -109,13 +111,13 @@ private:
     void fireConnected(Connection &connection);
 
     const std::string _portName;
-    std::string _name; // "appid:port"; empty: not listening
+    std::string _name; // "appid:port"; empty while not listening
     ListenSocket _listenSocket;
     void *_acceptHandler = nullptr;
-    void *_resumeTimer = nullptr; // null: not pausing
-    bool _refusing = false;       // since the last client that was let in; keeps the log short
+    void *_resumeTimer = nullptr; // null: accepting clients
+    bool _refusing = false;       // logged already, for the clients refused in a row
 
-    std::vector<std::shared_ptr<Connection>> _incoming; // not standing, the oldest first
+    std::vector<std::shared_ptr<Connection>> _incoming; // not standing yet, oldest first
     std::unordered_map<std::string_view, std::shared_ptr<Connection>> _standing; // by instance()
     std::uint64_t _instances = 0;
 };

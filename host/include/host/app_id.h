@@ -11,14 +11,14 @@ extern "C" {
 /**
  * Gives this process an application id, whatever the environment and the manifest say.
  *
- * For clients that have no manifest: it is the id that applications see. Connections that exist
- * already keep theirs.
+ * For clients without a manifest. Applications see this id as the sender of connections that are
+ * made from now on.
  *
  * @param id  1 to 127 letters, digits, '.', '_' and '-', not beginning with '.' or '-', without
  *            ".."; copied
  *
- * @return 0; APP_ERROR_INVALID_PARAMETER for any other id; APP_ERROR_OUT_OF_MEMORY. When it is not
- *         0 nothing has changed.
+ * @return 0; APP_ERROR_INVALID_PARAMETER for any other id; APP_ERROR_OUT_OF_MEMORY. On
+ *         failure nothing has changed.
  */
 HOST_API int host_set_app_id(const char *id);
 

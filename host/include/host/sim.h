@@ -12,17 +12,16 @@ extern "C" {
 /**
  * Turns the process into a simulated device, for tests: time stands still until host_sim_advance()
  * moves it, clients connect to applications inside the same process (no runtime directory, no
- * socket in the file system), events come in the same order in every run, and memory is allocated
- * and freed each time instead of being kept for the next use.
+ * socket in the file system), and events come in the same order in every run.
  *
  * Call it before any other function of the platform; there is no way back.
  */
 HOST_API void host_sim_start(void);
 
 /**
- * Lets the given time pass: every event and timer that falls into it is delivered, in order, with
- * the clock at the moment of each. 0 delivers what is due now: afterwards no byte is in flight and
- * no timer is due. May be called from inside a callback.
+ * Lets the given time pass. Delivers every event and timer that becomes due, in order, and sets the
+ * clock to the moment of each. 0 delivers what is due now: afterwards no byte is in flight and no
+ * timer is due. May be called from inside a callback.
  */
 HOST_API void host_sim_advance(double seconds);
 

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -176,6 +177,16 @@ TEST_F(RuntimeDirTest, TakesOverWhatADeadServerLeftAndNothingElse) {
     EXPECT_TRUE(exists());
     EXPECT_EQ(Client().connect(), RPC_PORT_ERROR_IO_ERROR);
     EXPECT_EQ(refusal(), "listens");
+    // A server that accepts nobody, and whose queue of clients is full.
+    sockaddr_un address{AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int busy = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(busy, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    EXPECT_EQ(::listen(busy, 0), 0);
+    const RawSocket waiting(path);
+    EXPECT_NE(refusal().find("served already"), std::string::npos);
+    close(busy);
+    EXPECT_EQ(unlink(path.c_str()), 0);
     EXPECT_EQ(mkdir(path.c_str(), 0700), 0);
     EXPECT_NE(refusal().find("no socket"), std::string::npos);
     EXPECT_TRUE(exists());

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// An application of the library and clients that mean it ill, over real sockets and in virtual time.
-// Whatever they do: the application lives, an honest client that is connected meanwhile gets all its
-// answers, the next client is served, and no descriptor and no timer is left.
+// An application of the library and hostile clients, over real sockets and in virtual time. Whatever
+// the clients do: the application lives, an honest client that is connected meanwhile gets each answer
+// once, the next client is served, and no descriptor and no timer is left.
+#include <algorithm>
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <optional>
 #include <regex>
 #include <sstream>
+#include <vector>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -34,20 +36,8 @@ constexpr std::uint32_t FRAME_LIMIT = 16 << 20;
 constexpr std::size_t INCOMPLETE_LIMIT = 64;
 constexpr double HANDSHAKE_SECONDS = 5;
 constexpr std::size_t CONNECTION_LIMIT = 4096;
-constexpr rlim_t SPARE_DESCRIPTORS = 32;
+constexpr int SPARE_DESCRIPTORS = 32;
 constexpr double MORE_THAN_A_REQUEST = 31;
-
-void greet(void *handler, bundle *request, void *calls) {
-    char *name = nullptr;
-    ++*static_cast<int *>(calls);
-    bundle_get_str(request, "actionParams", &name);
-    nelvo_complete_action_execution(handler, ("Hello, " + std::string(name) + "!").c_str());
-}
-
-void tellState(void *handler, void *calls) {
-    ++*static_cast<int *>(calls);
-    nelvo_complete_app_state_request(handler, "{}");
-}
 
 rlimit descriptorLimit() {
     rlimit limit{};
@@ -55,10 +45,16 @@ rlimit descriptorLimit() {
     return limit;
 }
 
-std::size_t descriptors() {
-    namespace fs = std::filesystem;
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+void setDescriptorLimit(rlim_t count) {
+    const rlimit limit{count, descriptorLimit().rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// A descriptor that is left open makes it greater.
+int firstFreeDescriptor() {
+    const int fd = dup(0);
+    close(fd);
+    return fd;
 }
 
 long memoryKiB() {
@@ -67,21 +63,29 @@ long memoryKiB() {
     return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Serves on a socket of its own as long as the process lives: there is no way back from virtual time.
+// Serves on a real socket as long as the process lives: virtual time cannot be left again.
 struct Application {
     Application() {
-        rlimit limit = descriptorLimit();
-        limit.rlim_cur = limit.rlim_max; // for the attackers' own sockets
-        setrlimit(RLIMIT_NOFILE, &limit);
+        setDescriptorLimit(descriptorLimit().rlim_max); // for the clients' sockets
         setenv("NELVO_HOST_RUNTIME_DIR", mkdtemp(folder), 1);
+        path = std::string(folder) + "/demo.app:message";
         unsetenv("NELVO_HOST_APP_ID");
         unsetenv("NELVO_HOST_MANIFEST");
         host_sim_set_manifest("<manifest><ui-application appid=\"demo.app\"><metadata key="
                               "\"http://developer.tizen.org/tizen/metadata/nelvo/sdk/version\" "
                               "value=\"1.0\"/></ui-application></manifest>");
-        path = std::string(folder) + "/demo.app:message";
         EXPECT_EQ(nelvo_initialize(), NELVO_ERROR_NONE);
         device.emplace("demo.app");
+        const auto greet = [](void *handler, bundle *request, void *count) {
+            char *name = nullptr;
+            ++*static_cast<int *>(count);
+            bundle_get_str(request, "actionParams", &name);
+            nelvo_complete_action_execution(handler, ("Hello, " + std::string(name) + "!").c_str());
+        };
+        const auto tellState = [](void *handler, void *count) {
+            ++*static_cast<int *>(count);
+            nelvo_complete_app_state_request(handler, "{}");
+        };
         nelvo_set_action_execution_cb("greet", greet, &calls);
         nelvo_set_app_state_request_cb(tellState, &calls);
     }
@@ -96,9 +100,46 @@ struct Application {
     std::optional<Simulation> device;
 };
 
+Application &app() {
+    static Application application;
+    return application;
+}
+
+void pass(double seconds = 0) {
+    app().device->advance(seconds);
+    app().device->clearLog();
+}
+
+bool hears(RawSocket &socket, const std::string &text) {
+    return socket.heard().find(text) != std::string::npos;
+}
+
 struct Pair {
-    RawSocket callback, main;
-    explicit Pair(const std::string &path) : callback(path), main(path) {}
+    RawSocket callback{app().path}, main{app().path};
+};
+
+class HonestClient {
+public:
+    explicit HonestClient(std::string name) : _name(std::move(name)) {
+        const std::string token = freshToken();
+        _sockets.callback.say(hello(CALLBACK, token, _name));
+        _sockets.main.say(hello(MAIN, token, _name) + setCb());
+        ask();
+        EXPECT_TRUE(hears(_sockets.callback, "Hello, " + _name + "!"));
+    }
+    // The same answer must come each time, and nothing else.
+    void ask() {
+        _sockets.main.say(request("greet", _name));
+        pass();
+        const std::string &heard = _sockets.callback.heard();
+        _answer = _answer.empty() ? heard : _answer;
+        EXPECT_TRUE(heard == (_wanted += _answer)) << _name << " is not served";
+    }
+
+private:
+    const std::string _name;
+    Pair _sockets;
+    std::string _answer, _wanted;
 };
 
 class HostileTest : public testing::Test {
@@ -107,16 +148,8 @@ protected:
         pass(HANDSHAKE_SECONDS + MORE_THAN_A_REQUEST);
         EXPECT_EQ(host_sim_timer_count(), 0);
     }
-    static Application &app() {
-        static Application application;
-        return application;
-    }
-    static void pass(double seconds = 0) {
-        app().device->advance(seconds);
-        app().device->clearLog();
-    }
 
-    // A socket on which this is said.
+    // A socket on which these bytes have been sent.
     RawSocket &open(const std::string &bytes = "") {
         while (!sockets.emplace_back(app().path).isConnected()) {
             sockets.pop_back(); // the queue for new clients is full
@@ -125,7 +158,7 @@ protected:
         say(sockets.back(), bytes);
         return sockets.back();
     }
-    // Both channels of a connection; gives the main one. The callback channel stands before it.
+    // Both channels of a connection; returns the main one, which stands behind the callback channel.
     RawSocket &connect(const std::string &sender = "mallory") {
         const std::string token = freshToken();
         open(hello(CALLBACK, token, sender));
@@ -138,53 +171,27 @@ protected:
             pass();
         } while (!bytes.empty() && !socket.hasEnded());
     }
-    static bool hears(RawSocket &socket, const std::string &text) {
-        return socket.heard().find(text) != std::string::npos;
+    static void askHonestly() {
+        static HonestClient client("honest");
+        client.ask();
     }
-    bool stays(RawSocket &socket) {
+    static bool stays(RawSocket &socket) {
         askHonestly();
         return !socket.hasEnded();
-    }
-
-    // The honest client asks once more, and has an answer to each of its questions.
-    void askHonestly() {
-        static Pair client = joined("honest");
-        static std::size_t asked = 0;
-        ask(client, "honest", ++asked);
-    }
-    static Pair joined(const std::string &name) {
-        Pair client(app().path);
-        const std::string token = freshToken();
-        client.callback.say(hello(CALLBACK, token, name));
-        client.main.say(hello(MAIN, token, name) + setCb());
-        return client;
-    }
-    static void ask(Pair &client, const std::string &name, std::size_t asked) {
-        client.main.say(request("greet", name));
-        pass();
-        const std::string answer = "Hello, " + name + "!", heard = client.callback.heard();
-        std::size_t answers = 0;
-        for (auto at = heard.find(answer); at != std::string::npos; at = heard.find(answer, at + 1))
-            ++answers;
-        EXPECT_EQ(answers, asked) << "answers to " << name;
-    }
-    static void serveNext() {
-        Pair next = joined("next");
-        ask(next, "next", 1);
     }
 
     // Plays one attack, whose sockets stay open until it is over.
     void play(const std::string &what, const std::function<void()> &attack) {
         SCOPED_TRACE(what);
         askHonestly();
-        const std::size_t before = descriptors();
+        const int before = firstFreeDescriptor();
         attack();
         askHonestly();
         sockets.clear();
         pass(HANDSHAKE_SECONDS + 0.1);
-        serveNext();
+        HonestClient("next");
         pass(MORE_THAN_A_REQUEST);
-        EXPECT_EQ(descriptors(), before);
+        EXPECT_EQ(firstFreeDescriptor(), before);
         EXPECT_EQ(host_sim_timer_count(), 0);
     }
 
@@ -192,9 +199,9 @@ protected:
 };
 
 TEST_F(HostileTest, MaySayAnyLength) {
-    for (const std::uint32_t length : {0U, 1U, FRAME_LIMIT, FRAME_LIMIT + 1, 1U << 31, ~0U}) {
-        const bool isPossible = length > 0 && length <= FRAME_LIMIT;
+    for (const std::uint32_t length : {0U, 1U, FRAME_LIMIT, FRAME_LIMIT + 1, 1U << 31, ~0U})
         play("length " + std::to_string(length), [&] {
+            const bool isPossible = length > 0 && length <= FRAME_LIMIT;
             RawSocket &fresh = open(number(length) + (length == 1 ? "x" : ""));
             EXPECT_TRUE(fresh.hasEnded()) << "before the hello";
             RawSocket &main = connect();
@@ -207,7 +214,6 @@ TEST_F(HostileTest, MaySayAnyLength) {
             say(sockets[sockets.size() - 2], number(length));
             EXPECT_TRUE(other.hasEnded()) << "on the callback channel";
         });
-    }
     play("memory for frames that do not come", [&] {
         const long before = memoryKiB();
         for (int i = 0; i < 40; ++i)
@@ -216,33 +222,27 @@ TEST_F(HostileTest, MaySayAnyLength) {
     });
 }
 
-TEST_F(HostileTest, MaySayEveryThingSlowly) {
-    const auto sayByteByByte = [](RawSocket &socket, const std::string &bytes) {
-        for (const char byte : bytes) {
-            say(socket, {&byte, 1});
-            pass(1);
-        }
-    };
-    play("a hello with a byte a second", [&] {
-        RawSocket &socket = open();
-        sayByteByByte(socket, hello(MAIN, freshToken()).substr(0, 4));
-        EXPECT_TRUE(stays(socket));
-        pass(HANDSHAKE_SECONDS - 4);
-        EXPECT_TRUE(socket.hasEnded());
-    });
-    play("a request with a byte a second", [&] {
-        say(connect(), setCb());
-        sayByteByByte(sockets.back(), request("greet", "Mallory"));
-        EXPECT_TRUE(hears(sockets[0], "Hello, Mallory!"));
-    });
-    for (const char channel : {MAIN, CALLBACK})
-        play(channel == MAIN ? "no callback channel" : "no main channel", [&] {
-            RawSocket &socket = open(hello(channel, freshToken()) +
-                                     (channel == MAIN ? request("greet", "too early") : ""));
+TEST_F(HostileTest, MayBeSlow) {
+    const std::string incomplete[] = {"", hello(MAIN, freshToken()).substr(0, 9),
+                                      hello(CALLBACK, freshToken()),
+                                      hello(MAIN, freshToken()) + request("greet", "too early")};
+    for (const std::string &bytes : incomplete)
+        play("only " + std::to_string(bytes.size()) + " bytes", [&] {
+            RawSocket &socket = open(bytes.substr(0, bytes.size() / 2));
+            pass(HANDSHAKE_SECONDS - 0.1);
+            say(socket, bytes.substr(bytes.size() / 2));
             EXPECT_TRUE(stays(socket));
-            pass(HANDSHAKE_SECONDS);
+            pass(0.1);
             EXPECT_TRUE(socket.hasEnded());
         });
+    play("a request with a byte a second", [&] {
+        say(connect(), setCb());
+        for (const char byte : request("greet", "Mallory")) {
+            say(sockets.back(), {&byte, 1});
+            pass(1);
+        }
+        EXPECT_TRUE(hears(sockets[0], "Hello, Mallory!"));
+    });
 }
 
 TEST_F(HostileTest, MayBeMany) {
@@ -250,11 +250,9 @@ TEST_F(HostileTest, MayBeMany) {
         const rlim_t count = std::min<rlim_t>(3000, descriptorLimit().rlim_cur / 2);
         for (rlim_t i = 0; i < count; ++i)
             open();
-        std::size_t left = 0;
-        for (RawSocket &socket : sockets)
-            left += !socket.hasEnded();
-        EXPECT_EQ(left, INCOMPLETE_LIMIT);
-        EXPECT_FALSE(sockets.back().hasEnded()) << "the oldest ones go";
+        const auto isOpen = [](RawSocket &socket) { return !socket.hasEnded(); };
+        EXPECT_EQ(std::count_if(sockets.begin(), sockets.end(), isOpen), INCOMPLETE_LIMIT);
+        EXPECT_TRUE(isOpen(sockets.back())) << "the oldest ones go";
     });
     play("more connections than are taken", [&] {
         std::size_t taken = 0;
@@ -271,42 +269,36 @@ TEST_F(HostileTest, MayBeMany) {
             requests += request("greet", "Mallory");
         for (int i = 0; i < 10; ++i) {
             say(sockets.back(), requests);
-            askHonestly();
+            EXPECT_TRUE(stays(sockets.back()));
         }
-        EXPECT_TRUE(stays(sockets.back()));
     });
-}
-
-// The attacker is not on the allow list, and takes all descriptors so that it cannot be opened.
-TEST_F(HostileTest, MayTakeAllDescriptors) {
+    // The stranger is not on the allow list, which cannot be opened any more.
     play("all descriptors", [&] {
         app().device->setAllowList("honest\n");
         RawSocket &stranger = connect();
         for (int i = 0; i < 200; ++i)
             sockets.emplace_back(app().path);
-        const int firstFree = dup(0);
-        close(firstFree);
-        const rlimit before = descriptorLimit();
-        const rlimit few{static_cast<rlim_t>(firstFree) + SPARE_DESCRIPTORS + 8, before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
+        const rlim_t before = descriptorLimit().rlim_cur;
+        setDescriptorLimit(static_cast<rlim_t>(firstFreeDescriptor() + SPARE_DESCRIPTORS + 8));
         pass();
         EXPECT_TRUE(sockets.back().hasEnded());
         const int calls = app().calls;
         say(stranger, request("greet", "Mallory"));
         EXPECT_EQ(app().calls, calls);
         askHonestly();
-        setrlimit(RLIMIT_NOFILE, &before);
+        setDescriptorLimit(before);
         app().device->removeAllowList();
     });
 }
 
 TEST_F(HostileTest, MayHaveAnyName) {
-    for (const std::string &name :
-         {std::string(), std::string("."), std::string(".."), std::string("../a"),
-          std::string("a/b"), std::string("a..b"), std::string("/"), std::string("-a"),
-          std::string(".a"), std::string("a\nb"), std::string("a b"), std::string("\xff"),
-          std::string("%n%s"), std::string("a:b"), std::string("\x1b[2J"), std::string("a\0b", 3),
-          std::string(128, 'a'), std::string(255, 'a')})
+    std::vector<std::string> names{"", ".", "..", "../a", "a/b", "a..b", "/", "-a", ".a", "a\nb"};
+    for (const char *name : {"a b", "\xff", "%n%s", "a:b", "\x1b[2J"})
+        names.emplace_back(name);
+    names.emplace_back("a\0b", 3);
+    names.emplace_back(128, 'a');
+    names.emplace_back(255, 'a');
+    for (const std::string &name : names)
         play("named \"" + name + "\"", [&] {
             EXPECT_TRUE(open(hello(MAIN, freshToken(), name)).hasEnded());
             EXPECT_TRUE(open(hello(CALLBACK, freshToken(), name)).hasEnded());
@@ -418,7 +410,7 @@ struct Session {
         firstEnd = bytes.size();
         bytes += request("getAppContext");
     }
-    void say(Pair &client, std::size_t from, std::size_t to) const {
+    void sayTo(Pair &client, std::size_t from, std::size_t to) const {
         const std::size_t middle = std::clamp(mainStart, from, to);
         client.callback.say(std::string_view(bytes).substr(from, middle - from));
         client.main.say(std::string_view(bytes).substr(middle, to - middle));
@@ -438,16 +430,16 @@ TEST_F(HostileTest, MayEndASessionAtAnyByte) {
         const Session session;
         const int before = app().calls;
         {
-            Pair client(app().path);
-            session.say(client, 0, std::min(at, session.hellosEnd));
+            Pair client;
+            session.sayTo(client, 0, std::min(at, session.hellosEnd));
             pass();
-            session.say(client, std::min(at, session.hellosEnd), at);
+            session.sayTo(client, std::min(at, session.hellosEnd), at);
             if (way == BOTH_ENDS_AT_ONCE) // with nothing left unread
                 client.main.heard(), client.callback.heard();
             else
                 pass();
             if (way == PAUSE) {
-                session.say(client, at, size);
+                session.sayTo(client, at, size);
                 pass();
                 EXPECT_TRUE(hears(client.callback, "Hello, Ann!"));
             } else if (way == ONE_END) {
@@ -459,7 +451,7 @@ TEST_F(HostileTest, MayEndASessionAtAnyByte) {
         pass();
         const std::size_t said = way == PAUSE ? size : at;
         EXPECT_EQ(app().calls - before, (said >= session.firstEnd) + (said >= size));
-        serveNext();
+        HonestClient("next");
     }
 }
 
@@ -470,14 +462,14 @@ TEST_F(HostileTest, MayFlipAnyBit) {
         session.bytes[bit / 8] = static_cast<char>(session.bytes[bit / 8] ^ 1 << bit % 8);
         const int before = app().calls;
         {
-            Pair client(app().path);
-            session.say(client, 0, session.bytes.size());
+            Pair client;
+            session.sayTo(client, 0, session.bytes.size());
             pass();
         }
         pass();
         EXPECT_TRUE(bit / 8 >= session.hellosEnd || app().calls == before)
             << "a wrong hello is taken";
-        serveNext();
+        HonestClient("next");
     }
 }
 

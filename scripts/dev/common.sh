@@ -95,12 +95,33 @@ quietly() {
     fi
 }
 
-# With NELVO_WERROR=ON in the environment warnings are errors, as in .ci/run.
+# Configures and builds build/NAME: a preset, or a preset with options of its own. With NELVO_WERROR=ON in the
+# environment warnings are errors, as in .ci/run.
 build() {
-    local preset=$1
-    echo "Building in build/$preset ..."
-    quietly "$preset" cmake --preset "$preset" -DNELVO_WERROR="${NELVO_WERROR:-OFF}"
-    quietly "$preset" cmake --build --preset "$preset"
+    local name=$1 from=(--preset "$1") target=()
+    case $name in
+    device) from=(--preset clang -DNELVO_PLATFORM=device) ;;
+    coverage) from=(--preset dev -DCMAKE_BUILD_TYPE=Debug -DNELVO_INSTRUMENT=coverage) ;;
+    fuzz)
+        from=(--preset clang -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNELVO_INSTRUMENT=fuzz -DNELVO_TESTS=OFF)
+        target=(--target fuzzers)
+        ;;
+    tsan) target=(--target threads_test) ;;
+    bench) from=(--preset release -DNELVO_BENCH=ON) ;;
+    abi) # with what tells the types of the interface
+        from=(--preset release -DCMAKE_C_FLAGS=-g -DCMAKE_CXX_FLAGS=-g
+            -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=OFF)
+        target=(--target nelvo)
+        ;;
+    aarch64) from=(-G Ninja -DNELVO_TRIPLET=aarch64-linux-gnu) ;;
+    armv7) from=(-G Ninja -DNELVO_TRIPLET=arm-linux-gnueabihf) ;;
+    esac
+    [[ ${from[0]} == --preset ]] ||
+        from+=(-DCMAKE_TOOLCHAIN_FILE=cmake/cross.cmake -DCMAKE_BUILD_TYPE=Release)
+    echo "Building in build/$name ..."
+    quietly "$name" cmake -S . -B "build/$name" "${from[@]}" \
+        -DCMAKE_COMPILE_WARNING_AS_ERROR="${NELVO_WERROR:-OFF}"
+    quietly "$name" cmake --build "build/$name" "${target[@]}"
 }
 
 # shellcheck disable=SC2034 # used by the commands

@@ -40,7 +40,7 @@ build coverage
 echo "Running the tests ..."
 find build/coverage -name '*.gcda' -delete
 # Not the sweeps: they take minutes here, and go where the others have been.
-quietly coverage-tests ctest --preset coverage --output-on-failure --no-tests=error \
+quietly coverage-tests ctest --test-dir build/coverage --output-on-failure --no-tests=error \
     --exclude-regex '^faults$' --parallel "$(nproc)"
 mkdir -p "$COVERAGE_REPORT"
 quietly coverage-report gcovr --filter src/ --filter host/ \

@@ -184,5 +184,28 @@ TEST_F(WithoutMemory, NoWatchBegins) {
     EXPECT_EQ(device.logTexts(), std::vector<std::string>{"E f: out of memory"});
 }
 
+TEST(ResponseWithoutMemory, FailsAndSaysSo) {
+    testkit::Simulation device(LONG);
+    Client client;
+    ASSERT_EQ(nelvo_initialize(), NONE);
+    ASSERT_TRUE(client.join());
+    client.request("getAppContext");
+    std::set<int> codes;
+    for (int nth = 1, failed = 1; failed > 0; ++nth) {
+        device.clearLog();
+        bundle *response = createSuccessResponse("result", "x");
+        testkit::failAllocation(nth);
+        const int sent = sendResponse(response);
+        failed = testkit::stopFailingAllocations();
+        const auto errors = device.logTexts(DLOG_ERROR);
+        EXPECT_EQ(sent, errors.empty()                                 ? NONE
+                        : errors[0] == "E sendResponse: out of memory" ? OOM
+                                                                       : FAILED);
+        codes.insert(sent);
+    }
+    EXPECT_EQ(codes.count(OOM), 1u);
+    nelvo_deinitialize();
+}
+
 } // namespace
 } // namespace nelvo

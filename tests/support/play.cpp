@@ -86,6 +86,10 @@ const Play::Step Play::STEPS[] = {
      [](Play &play) {
          play.registered("state", true, library(nelvo_set_app_state_request_cb, stateCb, &play));
      }},
+    {'n', "register a null callback for it",
+     [](Play &play) {
+         play.registered("state", false, library(nelvo_set_app_state_request_cb, nullptr, nullptr));
+     }},
     {'s', "unset it",
      [](Play &play) {
          play.registered("state", false, library(nelvo_unset_app_state_request_cb));

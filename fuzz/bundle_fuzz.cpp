@@ -3,6 +3,7 @@
 // to its entry. Once as lines that become a bundle's entries: it can be sent and received.
 #include <cstring>
 
+#include "client/envelope.h"
 #include "fuzzing.h"
 #include "parcel_values.h"
 
@@ -19,7 +20,9 @@ static void checkEntry(const char *key, const int type, const bundle_keyval_t *k
 
 static void check(const host::Parcel &encoded, bool isKnownGood) {
     host::Parcel from = parcelOf(bytesOf(encoded)), to;
-    const nelvo::client::BundlePtr b = readBundle(from);
+    bundle *received = nullptr;
+    rpc_port_parcel_read_bundle(&from, &received);
+    const nelvo::client::BundlePtr b(received);
     require(b || !isKnownGood, "whether a bundle is accepted");
     if (b)
         rpc_port_parcel_write_bundle(&to, b.get());

@@ -263,15 +263,7 @@ void Channel::desert() {
     watch();
 }
 
-// A payload in one piece is sent with send(), which costs the system less than sendmsg().
 bool Channel::transmit(const Parcel &parcel, const std::uint8_t *header, std::size_t &sent) {
-    const Bytes &bytes = parcel.bytes;
-    if (parcel.inserts.empty() && bytes.memory()) {
-        std::memcpy(bytes.front(), header, HEADER_BYTES);
-        return note(::send(_socket.get(), bytes.front(), HEADER_BYTES + bytes.size(),
-                           MSG_NOSIGNAL | MSG_DONTWAIT),
-                    sent);
-    }
     iovec parts[SendQueue::MAX_PARTS]; // further parts go to the queue
     parts[0] = {const_cast<std::uint8_t *>(header), HEADER_BYTES};
     std::size_t count = 1;
@@ -282,15 +274,12 @@ bool Channel::transmit(const Parcel &parcel, const std::uint8_t *header, std::si
     return transmit(parts, count, sent);
 }
 
+// Returns false if sending is impossible now.
 bool Channel::transmit(iovec *parts, std::size_t count, std::size_t &sent) {
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
-    return note(sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT), sent);
-}
-
-// Evaluates the result of a system call that sends. Returns false if sending is impossible now.
-bool Channel::note(ssize_t result, std::size_t &sent) {
+    const ssize_t result = sendmsg(_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (result < 0 && !isTemporary(errno)) {
         desert();
         return false;

@@ -103,7 +103,6 @@ private:
     void desert();
     bool transmit(const Parcel &parcel, const std::uint8_t *header, std::size_t &sent);
     bool transmit(iovec *parts, std::size_t count, std::size_t &sent);
-    bool note(ssize_t result, std::size_t &sent);
     int enqueue(const void *header, const Parcel &parcel, std::size_t sent);
     void flush();
 

@@ -97,7 +97,7 @@ std::size_t FrameReader::use(const std::uint8_t *bytes, std::size_t size) {
 
 Bytes FrameReader::take() {
     _headerFilled = 0;
-    return std::exchange(_frame, {});
+    return std::move(_frame); // leaves _frame empty
 }
 
 } // namespace host

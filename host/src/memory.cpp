@@ -12,10 +12,8 @@ Memory::Memory(std::size_t size) {
 void Bytes::reserve(std::size_t capacity) {
     if (capacity <= _capacity && _memory)
         return;
-    if (capacity > PTRDIFF_MAX - FRONT)
-        throw std::bad_alloc();
-    Memory grown(FRONT + capacity);
-    auto *const data = reinterpret_cast<std::uint8_t *>(grown.bytes()) + FRONT;
+    Memory grown(capacity);
+    auto *const data = reinterpret_cast<std::uint8_t *>(grown.bytes());
     if (_size > 0)
         std::memcpy(data, _data, _size);
     _capacity = capacity;

@@ -46,9 +46,6 @@ private:
 // A growing array of bytes, not zeroed. Other owners of its memory may read the bytes.
 class Bytes {
 public:
-    // Number of unused bytes before the data. A frame's header is written there.
-    static constexpr std::size_t FRONT = sizeof(std::uint32_t);
-
     Bytes() = default;
     Bytes(Bytes &&other) noexcept
         : _memory(std::move(other._memory)), _data(std::exchange(other._data, nullptr)),
@@ -63,9 +60,6 @@ public:
 
     const Memory &memory() const { return _memory; }
     std::uint8_t *data() const { return _data; }
-    std::uint8_t *front() const {
-        return _data - FRONT;
-    } // must not be called while memory() is empty
     std::uint8_t *end() const { return _data + _size; }
     std::size_t size() const { return _size; }
     std::size_t capacity() const { return _capacity; }
@@ -85,7 +79,7 @@ public:
     }
     // Appends bytes that have been written behind the end, within the capacity.
     void setSize(std::size_t size) { _size = size; }
-    // Removes bytes at the front, at least FRONT of them.
+    // Removes bytes at the front.
     void dropFront(std::size_t size) {
         _data += size;
         _size -= size;

@@ -82,12 +82,7 @@ struct Application {
             bundle_get_str(request, "actionParams", &name);
             nelvo_complete_action_execution(handler, ("Hello, " + std::string(name) + "!").c_str());
         };
-        const auto tellState = [](void *handler, void *count) {
-            ++*static_cast<int *>(count);
-            nelvo_complete_app_state_request(handler, "{}");
-        };
         nelvo_set_action_execution_cb("greet", greet, &calls);
-        nelvo_set_app_state_request_cb(tellState, &calls);
     }
     ~Application() {
         nelvo_deinitialize();
@@ -96,7 +91,7 @@ struct Application {
 
     char folder[20] = "hostile-XXXXXX";
     std::string path;
-    int calls = 0; // of its callbacks
+    int calls = 0; // of its callback
     std::optional<Simulation> device;
 };
 
@@ -144,11 +139,6 @@ private:
 
 class HostileTest : public testing::Test {
 protected:
-    void TearDown() override {
-        pass(HANDSHAKE_SECONDS + MORE_THAN_A_REQUEST);
-        EXPECT_EQ(host_sim_timer_count(), 0);
-    }
-
     // A socket on which these bytes have been sent.
     RawSocket &open(const std::string &bytes = "") {
         while (!sockets.emplace_back(app().path).isConnected()) {
@@ -235,14 +225,6 @@ TEST_F(HostileTest, MayBeSlow) {
             pass(0.1);
             EXPECT_TRUE(socket.hasEnded());
         });
-    play("a request with a byte a second", [&] {
-        say(connect(), setCb());
-        for (const char byte : request("greet", "Mallory")) {
-            say(sockets.back(), {&byte, 1});
-            pass(1);
-        }
-        EXPECT_TRUE(hears(sockets[0], "Hello, Mallory!"));
-    });
 }
 
 TEST_F(HostileTest, MayBeMany) {
@@ -292,9 +274,7 @@ TEST_F(HostileTest, MayBeMany) {
 }
 
 TEST_F(HostileTest, MayHaveAnyName) {
-    std::vector<std::string> names{"", ".", "..", "../a", "a/b", "a..b", "/", "-a", ".a", "a\nb"};
-    for (const char *name : {"a b", "\xff", "%n%s", "a:b", "\x1b[2J"})
-        names.emplace_back(name);
+    std::vector<std::string> names{"", "..", "../a", "-a", "a\nb", "a b", "\xff", "a:b"};
     names.emplace_back("a\0b", 3);
     names.emplace_back(128, 'a');
     names.emplace_back(255, 'a');
@@ -318,37 +298,27 @@ TEST_F(HostileTest, MaySendAnyMethod) {
         });
 }
 
+// ParcelTest knows more ways to damage a bundle.
 TEST_F(HostileTest, MaySendAnyBundle) {
     const std::string good =
         entry(TEXT, "actionId", text("greet")) + entry(TEXT, "actionParams", text("world"));
-    const std::string zero(1, '\0'), many = number(~0U);
+    const std::string many = number(~0U);
     const auto counted = [&](std::uint32_t count, const std::string &more) {
         return frame(number(count + 2) + good + more); // good is two entries
     };
     const std::pair<const char *, std::string> rows[] = {
         {"nothing", ""},
         {"no entry", bundleOf({})},
-        {"a text without its zero", bundleOf({entry(TEXT, "actionId", frame("greet"))})},
-        {"a text with a zero inside",
-         bundleOf({entry(TEXT, "actionId", frame("a" + zero + "b" + zero))})},
-        {"a text of no bytes", bundleOf({entry(TEXT, "actionId", frame(""))})},
         {"a text that never ends", bundleOf({entry(TEXT, "actionId", many + "greet")})},
-        {"a key without its zero",
-         bundleOf({std::string(1, TEXT) + frame("actionId") + text("greet")})},
-        {"an empty key", counted(1, entry(TEXT, "", text("greet")))},
         {"a key twice", counted(2, good)},
-        {"type 0", counted(1, entry(0, "k", text("v")))},
-        {"type 4", counted(1, entry(4, "k", text("v")))},
         {"type 255", counted(1, entry('\xff', "k", text("v")))},
-        {"no bytes", counted(1, entry(BYTES, "k", frame("")))},
         {"a request id of 7 bytes", counted(1, entry(BYTES, "requestId", frame("1234567")))},
         {"a request id that is a text", counted(1, entry(TEXT, "requestId", text("1234567")))},
-        {"an action id of bytes", bundleOf({entry(BYTES, "actionId", frame("greet" + zero))})},
+        {"an action id of bytes",
+         bundleOf({entry(BYTES, "actionId", frame(std::string("greet\0", 6)))})},
         {"an action id of texts", bundleOf({entry(TEXTS, "actionId", number(1) + text("greet"))})},
-        {"texts without number", counted(1, entry(TEXTS, "k", many))},
         {"entries without number", frame(many + good)},
         {"fewer entries than it says", counted(1, "")},
-        {"more than it says", frame(number(1) + good)},
         {"more than there is", number(1 << 20) + number(2) + good},
     };
     for (const auto &[name, bytes] : rows)
@@ -397,8 +367,8 @@ TEST_F(HostileTest, CannotForgeTheLog) {
     EXPECT_NE(child.err().find("FORGED"), std::string::npos);
 }
 
-// What a client says that registers and asks for an action and the state: its callback channel's
-// bytes, then its main channel's.
+// What a client says that registers and asks for an action: its callback channel's bytes, then its
+// main channel's.
 struct Session {
     Session() {
         const std::string token = freshToken();
@@ -407,8 +377,6 @@ struct Session {
         bytes += hello(MAIN, token);
         hellosEnd = bytes.size();
         bytes += setCb() + request("greet", "Ann");
-        firstEnd = bytes.size();
-        bytes += request("getAppContext");
     }
     void sayTo(Pair &client, std::size_t from, std::size_t to) const {
         const std::size_t middle = std::clamp(mainStart, from, to);
@@ -417,60 +385,57 @@ struct Session {
     }
 
     std::string bytes;
-    std::size_t mainStart, hellosEnd, firstEnd; // firstEnd: of the first request
+    std::size_t mainStart, hellosEnd;
 };
 
 TEST_F(HostileTest, MayEndASessionAtAnyByte) {
     enum Way { PAUSE, BOTH_ENDS_AT_ONCE, BOTH_ENDS_UNREAD, ONE_END };
     const std::size_t size = Session().bytes.size();
-    for (std::size_t point = 0; point < 4 * size && !HasFailure(); ++point) {
-        const Way way = static_cast<Way>(point / size);
-        const std::size_t at = point % size + 1;
-        SCOPED_TRACE(testing::Message() << "way " << way << " at byte " << at);
+    const auto end = [&](Way way, std::size_t at) {
         const Session session;
-        const int before = app().calls;
-        {
-            Pair client;
-            session.sayTo(client, 0, std::min(at, session.hellosEnd));
-            pass();
-            session.sayTo(client, std::min(at, session.hellosEnd), at);
-            if (way == BOTH_ENDS_AT_ONCE) // with nothing left unread
-                client.main.heard(), client.callback.heard();
-            else
-                pass();
-            if (way == PAUSE) {
-                session.sayTo(client, at, size);
-                pass();
-                EXPECT_TRUE(hears(client.callback, "Hello, Ann!"));
-            } else if (way == ONE_END) {
-                (at > session.mainStart ? client.main : client.callback).endSpeech();
-                pass(HANDSHAKE_SECONDS + 0.1);
-                EXPECT_TRUE(client.main.hasEnded() && client.callback.hasEnded());
-            }
-        }
+        const std::size_t first = std::min(at, session.hellosEnd);
+        Pair client;
+        session.sayTo(client, 0, first);
         pass();
-        const std::size_t said = way == PAUSE ? size : at;
-        EXPECT_EQ(app().calls - before, (said >= session.firstEnd) + (said >= size));
-        HonestClient("next");
-    }
+        session.sayTo(client, first, at);
+        if (way == BOTH_ENDS_AT_ONCE) // with nothing left unread
+            client.main.heard(), client.callback.heard();
+        else
+            pass();
+        if (way == PAUSE) {
+            pass(HANDSHAKE_SECONDS - 0.1);
+            session.sayTo(client, at, size);
+            pass();
+            EXPECT_TRUE(hears(client.callback, "Hello, Ann!"));
+        } else if (way == ONE_END) {
+            (at > session.mainStart ? client.main : client.callback).endSpeech();
+            pass(HANDSHAKE_SECONDS + 0.1);
+            EXPECT_TRUE(client.main.hasEnded() && client.callback.hasEnded());
+        }
+    };
+    for (const Way way : {PAUSE, BOTH_ENDS_AT_ONCE, BOTH_ENDS_UNREAD, ONE_END})
+        for (std::size_t at = 1; at <= size && !HasFailure(); ++at)
+            play("way " + std::to_string(way) + " at byte " + std::to_string(at), [&] {
+                const int before = app().calls;
+                end(way, at);
+                pass();
+                EXPECT_EQ(app().calls - before, way == PAUSE || at == size ? 1 : 0);
+            });
 }
 
 TEST_F(HostileTest, MayFlipAnyBit) {
-    for (std::size_t bit = 0; bit < 8 * Session().bytes.size() && !HasFailure(); ++bit) {
-        SCOPED_TRACE(testing::Message() << "bit " << bit);
-        Session session;
-        session.bytes[bit / 8] = static_cast<char>(session.bytes[bit / 8] ^ 1 << bit % 8);
-        const int before = app().calls;
-        {
-            Pair client;
-            session.sayTo(client, 0, session.bytes.size());
+    for (std::size_t bit = 0; bit < 8 * Session().bytes.size() && !HasFailure(); ++bit)
+        play("bit " + std::to_string(bit), [&] {
+            Session session;
+            session.bytes[bit / 8] = static_cast<char>(session.bytes[bit / 8] ^ 1 << bit % 8);
+            const int before = app().calls;
+            std::optional<Pair> client(std::in_place);
+            session.sayTo(*client, 0, session.bytes.size());
             pass();
-        }
-        pass();
-        EXPECT_TRUE(bit / 8 >= session.hellosEnd || app().calls == before)
-            << "a wrong hello is taken";
-        HonestClient("next");
-    }
+            client.reset();
+            pass();
+            EXPECT_TRUE(bit / 8 >= session.hellosEnd || app().calls == before);
+        });
 }
 
 } // namespace

@@ -147,7 +147,7 @@ class Cases:
 
     def __init__(self, program):
         # It does not stand where the build would have put it.
-        os.environ["LD_LIBRARY_PATH"] = f"{BUILD / 'testkit'}:{BUILD / 'host'}"
+        os.environ["LD_LIBRARY_PATH"] = f"{BUILD / 'tests/support'}:{BUILD / 'host'}"
         names = subprocess.run([program, "--gtest_list_tests"], text=True, check=True, cwd=WORK,
                                capture_output=True).stdout
         self._seconds = {}

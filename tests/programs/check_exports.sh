@@ -1,7 +1,19 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # check_exports.sh LIBRARY: fails unless the library exports its public functions and nothing else.
+# check_exports.sh LIBRARY HEADER: fails when it exports C++ that the header does not declare.
 set -euo pipefail
+
+if (($# == 2)); then
+    declared=$(grep -oE '[A-Za-z]+' "$2" | sort -u)
+    while read -r name; do
+        grep -qx "$name" <<<"$declared" && continue
+        echo "check_exports: $1 exports $name, which $2 does not declare" >&2
+        exit 1
+    done < <(nm -DC --defined-only "$1" | sed -n 's/.* nelvo::testkit::\([A-Za-z]*\).*/\1/p' | sort -u)
+    ! nm -DC --defined-only "$1" | grep ' W std::' || exit 1
+    exit 0
+fi
 
 wanted=$(sort <<'LIST'
 nelvo_complete_action_execution

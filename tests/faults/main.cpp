@@ -46,7 +46,7 @@ public:
 
     void allocations() {
         int reached = 0;
-        for (const std::string &script : _scenarios)
+        for (const std::string &script : _scripts)
             for (const bool always : {false, true})
                 reached += each(script, [&](Point &point, int nth) {
                     point.arm = [=] { failAllocation(nth, always); };
@@ -92,6 +92,8 @@ private:
     }
 
     const std::vector<std::string> _scenarios = readTable(TABLES "/faults/scenarios.txt");
+    const std::vector<std::string> _scripts =
+        readScripts(TABLES "/faults"); // the scenarios and more
     const std::vector<std::string> _logPatterns = readTable(TABLES "/faults/log_lines.txt");
     const int _descriptors = openDescriptors();
     const int _every;

@@ -2,12 +2,19 @@
 // Plays each script of transcripts.txt, with its fault if it has one, and compares all that happens.
 #include "driven_application.h"
 
+#include <csignal>
 #include <sstream>
+
+#include <unistd.h>
+
+#include <dlog.h>
 
 #include "sweep.h"
 
 namespace nelvo {
 namespace {
+
+std::string *leaked = nullptr;
 
 struct Transcript {
     std::string title, script, function;
@@ -78,17 +85,39 @@ TEST_P(TranscriptTest, IsKeptToTheLetter) {
 
 // What an application may do inside each callback, and the scenarios without their faults.
 TEST(ModelTest, ForetellsEveryScenario) {
-    std::vector<std::string> scripts = testkit::readTable(TABLES "/faults/scenarios.txt");
-    const std::pair<const char *, const char *> places[] = {
-        {"IJA|{", "}R"}, {"IJS|{", "}T"}, {"IJW|{", "}L."}};
-    for (const auto &[before, behind] : places)
-        for (const std::string &deed : testkit::readTable(TABLES "/faults/deeds.txt"))
-            scripts.push_back(before + deed + behind);
     const auto logPatterns = testkit::readTable(TABLES "/faults/log_lines.txt");
-    for (const std::string &script : scripts)
+    for (const std::string &script : testkit::readScripts(TABLES "/faults"))
         ASSERT_EQ(testkit::playPoint({script, testkit::Play::Check::MODEL}, logPatterns),
                   testkit::Outcome::HELD)
             << script;
+}
+
+// What the scripts are checked with must notice what goes wrong behind their back.
+TEST(HarnessTest, NoticesAWrongAnswerALeakAHangAndACrash) {
+    using testkit::Outcome;
+    const auto never = [](void *) -> Eina_Bool { return ECORE_CALLBACK_CANCEL; };
+    const struct {
+        const char *what;
+        std::function<void()> damage;
+        Outcome outcome = Outcome::BROKEN;
+        std::chrono::milliseconds limit = testkit::HANG;
+    } rows[] = {
+        {"nothing", [] {}, Outcome::HELD},
+        {"another result", [] { nelvo_unset_action_execution_cb("play"); }},
+        {"a line that is not documented",
+         [] { dlog_print(DLOG_ERROR, "NELVO-APPSDK", "v 1 %s(): oops", "f"); }},
+        {"a block of memory", [] { leaked = new std::string; }},
+        {"a bundle", [] { bundle_create(); }},
+        {"a timer", [&] { ecore_timer_add(1000, never, nullptr); }},
+        {"a crash", [] { std::raise(SIGKILL); }},
+        {"a hang", [] { pause(); }, Outcome::BROKEN, std::chrono::milliseconds(100)},
+    };
+    const auto patterns = testkit::readTable(TABLES "/faults/log_lines.txt");
+    for (const auto &row : rows) {
+        testkit::Point point{"IJA|{F}R", testkit::Play::Check::MODEL};
+        point.arm = row.damage;
+        EXPECT_EQ(testkit::playPoint(point, patterns, row.limit), row.outcome) << row.what;
+    }
 }
 
 } // namespace

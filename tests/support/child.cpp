@@ -85,7 +85,7 @@ bool Child::ends(std::chrono::milliseconds within) const {
     return true;
 }
 
-int Child::wait(std::chrono::seconds limit) {
+int Child::wait(std::chrono::milliseconds limit) {
     if (_pid > 0) {
         if (!ends(limit))
             signal(SIGKILL);

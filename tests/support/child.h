@@ -34,7 +34,7 @@ public:
 
     // Waits for the end. The exit code; -N when signal N ended the child, SIGKILL also for a child that
     // did not end in time.
-    int wait(std::chrono::seconds limit = PATIENCE);
+    int wait(std::chrono::milliseconds limit = PATIENCE);
     // False when the child ended or PATIENCE was over before it wrote the text to stderr.
     bool waitForErr(const std::string &text);
 

@@ -85,20 +85,33 @@ Outcome playWhole(const Point &point, const std::vector<std::string> &logPattern
 
 } // namespace
 
-Outcome inChild(const std::string &name, const std::function<Outcome()> &work) {
-    const int code = Child([&] { return static_cast<int>(work()); }, Child::INHERITED).wait(HANG);
+Outcome inChild(const std::string &name, const std::function<Outcome()> &work,
+                std::chrono::milliseconds limit) {
+    const int code = Child([&] { return static_cast<int>(work()); }, Child::INHERITED).wait(limit);
     if (code >= 0 && code <= static_cast<int>(Outcome::BROKEN))
         return static_cast<Outcome>(code);
     std::fprintf(stderr, "%s: died or hung, status %d\n", name.c_str(), code);
     return Outcome::BROKEN;
 }
 
-Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns) {
+Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns,
+                  std::chrono::milliseconds limit) {
     keptBlocks(); // mapped before there is a child
-    return inChild(point.script, [&] { return playWhole(point, logPatterns); });
+    return inChild(
+        point.script, [&] { return playWhole(point, logPatterns); }, limit);
 }
 
-std::vector<std::string> readTable(const char *path) {
+std::vector<std::string> readScripts(const std::string &folder) {
+    std::vector<std::string> scripts = readTable(folder + "/scenarios.txt");
+    const std::pair<const char *, const char *> places[] = {
+        {"IJA|{", "}R"}, {"IJS|{", "}T"}, {"IJW|{", "}L."}};
+    for (const auto &[before, behind] : places)
+        for (const std::string &deed : readTable(folder + "/deeds.txt"))
+            scripts.push_back(before + deed + behind);
+    return scripts;
+}
+
+std::vector<std::string> readTable(const std::string &path) {
     std::ifstream file(path);
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);)

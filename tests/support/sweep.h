@@ -20,19 +20,24 @@ struct Point {
 
 enum class Outcome : int { HELD, NOT_REACHED, BROKEN };
 
-constexpr std::chrono::seconds HANG(20);
+constexpr std::chrono::milliseconds HANG(20'000);
 
 // What the work says in a process of its own; BROKEN when that dies, hangs or leaks, which is said on
 // stderr.
-Outcome inChild(const std::string &name, const std::function<Outcome()> &work);
+Outcome inChild(const std::string &name, const std::function<Outcome()> &work,
+                std::chrono::milliseconds limit = HANG);
 
 // Plays the point in a process of its own. Afterwards a healthy application must be possible, nothing
 // may be left of what the library held, and each line that it logged must match one of the patterns
 // ("E receiveRequest: text", with wildcards). Says on stderr what does not hold. The first point of a
 // program has no fault: its blocks of memory are what the others may keep.
-Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns);
+Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns,
+                  std::chrono::milliseconds limit = HANG);
+
+// The scenarios in a folder, and each deed of an application inside each of its callbacks.
+std::vector<std::string> readScripts(const std::string &folder);
 
 // The lines of a file but for empty ones and those that begin with "#".
-std::vector<std::string> readTable(const char *path);
+std::vector<std::string> readTable(const std::string &path);
 
 } // namespace nelvo::testkit

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// `soak [REQUESTS [PLAYER]]`: sends so many requests to an application, a million unless given, from
-// five honest clients, while three hostile ones send garbage, never read, vanish and overtake. First
-// over sockets, each client in a process of its own; then ten times as many in virtual time, all in
-// one process. Then it watches the main loop of the example player, if one is named.
+// `soak [REQUESTS [PLAYER]]`: sends so many requests to an application, a million unless given,
+// from five honest clients, while three hostile ones send garbage, never read, vanish and overtake.
+// First over sockets, each client in a process of its own; then ten times as many in virtual time,
+// all in one process. Then it watches the main loop of the example player, if one is named.
 //
-// Everything held if each honest request was answered or overtaken as the application says, once; if
-// memory, blocks, descriptors, timers and handles are back where they were after the first tenth
+// Everything held if each honest request was answered or overtaken as the application says, once;
+// if memory, blocks, descriptors, timers and handles are back where they were after the first tenth
 // whenever the hostile clients have gone; and if they are back at the start in the end.
 #include <algorithm>
 #include <atomic>
@@ -418,7 +418,7 @@ private:
             bytes += static_cast<char>(_random());
         _rawSocket->say(bytes);
     }
-    // Asks for more than is ever queued for it, and stops running its loop until others have got on.
+    // Asks for more than is ever queued for it, and stops running its loop for a while.
     void readNothing() {
         for (int i = 0; i < 300; ++i)
             ask("fill");
@@ -426,7 +426,7 @@ private:
             std::this_thread::sleep_for(PAUSE);
         leave();
     }
-    // "nobody" is not registered: the request waits, overtaking others, until it is overtaken itself.
+    // "nobody" is not registered: that request waits until another one overtakes it.
     void vanish() {
         ask(below(2) == 0 ? "work" : "nobody");
         if (below(2) == 0)
@@ -485,7 +485,7 @@ bool isBack(const Ledger &ledger, const Level &level) {
 #endif
     // A short first tenth may not have met all the large blocks that the C library keeps.
     const long kept = ledger.requests < 100'000 ? 10 << 10 : 0;
-    // A connection may keep two buffers, and a client that registers for the first time takes three.
+    // A connection may keep two buffers; a client that registers for the first time takes three.
     constexpr long TOLERANCE_BLOCKS = 2 * HONEST + 3 * HOSTILE;
     const Level &wanted = ledger.afterTenth;
     return level.residentKiB - wanted.residentKiB <= TOLERANCE_KIB + kept &&

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A number that says where the stream is split in two, then the stream of one of a client's sockets,
-// from its hello on; the other socket says the hello that goes with it. What the server hears of them
-// is what can be read off the bytes as a whole.
+// A number that says where the stream is split in two, then the stream of one of a client's
+// sockets, from its hello on; the other socket says the hello that goes with it. What the server
+// hears of them is what can be read off the bytes as a whole.
 #include <algorithm>
 #include <cstring>
 #include <vector>

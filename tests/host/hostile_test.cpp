@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// An application of the library and hostile clients, over real sockets and in virtual time. Whatever
-// the clients do: the application lives, an honest client that is connected meanwhile gets each answer
-// once, the next client is served, and no descriptor and no timer is left.
+// An application of the library and hostile clients, over real sockets and in virtual time.
+// Whatever the clients do: the application lives, an honest client that is connected meanwhile gets
+// each answer once, the next client is served, and no descriptor and no timer is left.
 #include <algorithm>
 #include <cstdlib>
 #include <deque>
@@ -148,7 +148,7 @@ protected:
         say(sockets.back(), bytes);
         return sockets.back();
     }
-    // Both channels of a connection; returns the main one, which stands behind the callback channel.
+    // Both channels of a connection. Returns the main one; in `sockets` it is behind the other.
     RawSocket &connect(const std::string &sender = "mallory") {
         const std::string token = freshToken();
         open(hello(CALLBACK, token, sender));

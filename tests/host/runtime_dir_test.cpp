@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -194,7 +193,7 @@ TEST_F(RuntimeDirTest, TakesOverWhatADeadServerLeftAndNothingElse) {
 
 TEST_F(RuntimeDirTest, ServesClientsOfOtherProcesses) {
     const std::string large(3'000'000, 'r');
-    if (fork() == 0) {
+    Child child([&] {
         Server server;
         server.onReceived = [&](rpc_port_h port) {
             const std::string text = takeText(port);
@@ -203,7 +202,8 @@ TEST_F(RuntimeDirTest, ServesClientsOfOtherProcesses) {
             return sendText(server.callbackPort(), "event") + sendText(port, large + text);
         };
         ecore_main_loop_begin();
-    }
+        return 1;
+    });
     Client client;
     client.onEvent = [](const std::string &) { ecore_main_loop_quit(); };
     while (client.connect() != RPC_PORT_ERROR_NONE)
@@ -219,7 +219,7 @@ TEST_F(RuntimeDirTest, ServesClientsOfOtherProcesses) {
     while (client.port())
         ecore_main_loop_begin();
     EXPECT_EQ(client.events, "connected event event disconnected ");
-    EXPECT_NE(wait(nullptr), -1);
+    EXPECT_EQ(child.wait(), 0);
 }
 
 TEST_F(RuntimeDirTest, EndsTheConnectionThatDoesNotKeepToTheProtocol) {

@@ -12,15 +12,15 @@ namespace nelvo::testkit {
 
 constexpr std::chrono::seconds PATIENCE(20); // for what takes milliseconds on an idle machine
 
-// A child process, which runs a program or a function; killed and reaped when the object goes out of
-// scope, and killed when its parent dies.
+// A child process, which runs a program or a function; killed and reaped when the object goes out
+// of scope, and killed when its parent dies.
 class Child {
 public:
     enum Output { CAPTURED, INHERITED };
 
     Child(const std::string &program, const std::vector<std::string> &arguments);
-    // The function's result is the exit code, 1 after an exception. The child ends with exit(), so that
-    // the leak sanitizer looks for leaks and a coverage build notes what was reached.
+    // The function's result is the exit code, 1 after an exception. The child ends with exit(), so
+    // that the leak sanitizer looks for leaks and a coverage build notes what was reached.
     explicit Child(const std::function<int()> &work, Output output = CAPTURED);
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
@@ -32,8 +32,8 @@ public:
     std::string out() const { return textOf(_out); }
     std::string err() const { return textOf(_err); }
 
-    // Waits for the end. The exit code; -N when signal N ended the child, SIGKILL also for a child that
-    // did not end in time.
+    // Waits for the end. Returns the exit code, or -N if signal N ended the child; a child that
+    // does not end in time is killed.
     int wait(std::chrono::milliseconds limit = PATIENCE);
     // False when the child ended or PATIENCE was over before it wrote the text to stderr.
     bool waitForErr(const std::string &text);
@@ -48,8 +48,8 @@ private:
     int _status = 0;
 };
 
-// Runs work in a child process, for what the platform decides once per process, and returns what the
-// child wrote to stderr; only "failed" when the child did not exit with 0.
+// Runs work in a child process, for what the platform decides once per process, and returns what
+// the child wrote to stderr; only "failed" when the child did not exit with 0.
 template <typename Work>
 std::string stderrOfChild(Work work) {
     Child child([&] { return work(), 0; });

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-// A client that is made of bytes, right ones and wrong ones: docs/host-platform.md describes frames and
-// hellos, docs/client-guide.md parcels.
+// A client that is made of bytes, right ones and wrong ones: docs/host-platform.md describes frames
+// and hellos, docs/client-guide.md parcels.
 namespace nelvo::testkit {
 
 namespace wire {

@@ -215,6 +215,21 @@ TEST_F(RpcPortTest, DeliversLargeValuesWhateverBecomesOfTheirBundles) {
     EXPECT_TRUE(sent == received && sent.size() == 3'758'346) << sent.size();
 }
 
+TEST_F(RpcPortTest, EndsTheConnectionOfAClientThatDoesNotReadOutsideTheSend) {
+    start();
+    const auto other = connecting("other");
+    EXPECT_EQ(news(*server), "+c +other ");
+    const rpc_port_h port = server->port();
+    for (int sent = 0; sent < 4; ++sent) // 32 MiB may wait
+        EXPECT_EQ(sent < 2 ? RPC_PORT_ERROR_NONE : RPC_PORT_ERROR_IO_ERROR,
+                  sendText(port, std::string(12'000'000, 'x')));
+    EXPECT_EQ(server->events, "");
+    EXPECT_EQ(news(*server), "-other ");
+    EXPECT_EQ(news(*other), "connected disconnected ");
+    EXPECT_EQ(news(*client), "connected ");
+    EXPECT_EQ(sendText(port, "stale"), RPC_PORT_ERROR_INVALID_PARAMETER);
+}
+
 TEST_F(RpcPortTest, RefusesWrongNamesAndHandles) {
     start();
     EXPECT_EQ(news(*server), "+c ");

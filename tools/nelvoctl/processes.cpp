@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include <app_info.h>
-#include <host/sim.h>
+#include <host/manifest.h>
 
 #include "runtime_dir.h"
 
@@ -92,11 +92,7 @@ std::string Manifest::found() const {
 Manifest readManifest(const std::string &path, const std::string &appId) {
     Manifest manifest;
     app_info_h info = nullptr;
-    const std::string xml = contentOf(path);
-    if (xml.empty())
-        return manifest;
-    host_sim_set_manifest(xml.c_str());
-    if (app_info_create(appId.c_str(), &info) != 0)
+    if (host_manifest_find_app(path.c_str(), appId.c_str(), &info) != APP_MANAGER_ERROR_NONE)
         return manifest;
     manifest.isRead = true;
     app_info_foreach_metadata(info, takeVersionCb, &manifest.sdkVersion);

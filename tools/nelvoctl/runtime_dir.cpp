@@ -6,9 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <host/runtime_dir.h>
 
 namespace nelvoctl {
 
@@ -16,23 +19,22 @@ namespace {
 
 const std::string SOCKET_ENDING = ":message";
 
-std::string own(const char *name) {
-    const char *value = std::getenv(name);
-    return value ? value : "";
-}
-
 } // namespace
 
 std::string runtimeDir() {
-    return runtimeDir(own);
+    const std::unique_ptr<char, void (*)(void *)> dir(host_runtime_dir(nullptr, nullptr),
+                                                      std::free);
+    return dir ? dir.get() : "";
 }
 
-std::string runtimeDir(const std::function<std::string(const char *)> &lookup) {
-    if (std::string named = lookup("NELVO_HOST_RUNTIME_DIR"); !named.empty())
-        return named;
-    if (std::string users = lookup("XDG_RUNTIME_DIR"); !users.empty())
-        return users + "/nelvo";
-    return "/tmp/nelvo-" + std::to_string(geteuid());
+std::string runtimeDir(std::function<std::string(const char *)> lookup) {
+    std::string value; // of the latest variable that was looked up
+    auto look = [&](const char *name) { return (value = lookup(name)).c_str(); };
+    const auto call = [](const char *name, void *data) {
+        return (*static_cast<decltype(look) *>(data))(name);
+    };
+    const std::unique_ptr<char, void (*)(void *)> dir(host_runtime_dir(call, &look), std::free);
+    return dir ? dir.get() : "";
 }
 
 bool isRuntimeDir(const std::string &path) {

@@ -7,10 +7,10 @@
 
 namespace nelvoctl {
 
-// The directory where applications listen, as the host platform chooses it from the environment:
-// ours, or the one that lookup knows.
+// The directory where applications listen, as the host platform chooses it: from our environment, or from
+// the one that lookup reads. Empty when memory ran out.
 std::string runtimeDir();
-std::string runtimeDir(const std::function<std::string(const char *name)> &lookup);
+std::string runtimeDir(std::function<std::string(const char *name)> lookup);
 
 // Whether the other path leads to our runtime directory.
 bool isRuntimeDir(const std::string &path);

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "client/library_log.h"
+
 namespace nelvo::testkit {
 namespace {
 
@@ -14,60 +16,50 @@ constexpr const char *OVERTAKEN = "a newer request had overtaken it";
 constexpr const char *STOPPED = "the library had been stopped since";
 constexpr const char *OF_OTHER_KIND = "it is a request of the other kind";
 
-const std::string FOUND = "Found execute action Id: ";
-const std::string UNKNOWN = "Couldn't find requestId corresponding to actionHandler ";
-
-bool startsWith(const std::string &text, const std::string &start) {
-    return text.compare(0, start.size(), start) == 0;
-}
-
-bool endsWith(const std::string &text, const std::string &end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 } // namespace
 
 void CompletionWatch::heed(const LogLine &line) {
-    const std::string &function = line.function;
-    const std::string &message = line.message;
-    if (startsWith(function, "complete")) {
-        heedCompletion(line);
-    } else if (function == "executeRequest") {
-        if (!endsWith(message, " request recieved"))
-            return; // dropped, so that the pending one goes on
-        end(OVERTAKEN);
-        if (message == "App State request recieved")
-            begin("getAppContext");
-    } else if (startsWith(message, FOUND)) {
-        begin(message.substr(FOUND.size(), message.rfind("  Callback: ") - FOUND.size()));
-    } else if (message == "There is no app state request callback." ||
-               message == "the completion timer can't be created") {
-        _latest = (_latest + HANDLERS - 1) % HANDLERS; // it took no handler after all
-    } else if (endsWith(function, "CompleteCheckCb") ||
-               function == "_completeActionExecutionCheckCb") {
-        end(TIMED_OUT);
-    } else if (message == "NelvoImpl is deinitialized") {
+    using client::LogEvent;
+    const auto [event, detail] = client::readLogLine(line.function, line.message);
+    switch (event) {
+    case LogEvent::STARTED:
+        _latest = 1;
+        break;
+    case LogEvent::STOPPED:
         for (Request &request : _requests)
             request.end = STOPPED;
-    } else if (message == "App SDK NelvoImpl is initialized") {
-        _latest = 1;
-    }
-}
-
-void CompletionWatch::heedCompletion(const LogLine &line) {
-    const std::string &message = line.message;
-    if (line.priority != DLOG_ERROR) {
+        break;
+    case LogEvent::STATE_REQUEST:
+        end(OVERTAKEN);
+        begin("getAppContext");
+        break;
+    case LogEvent::ACTION_REQUEST:
+        end(OVERTAKEN);
+        break;
+    case LogEvent::CALLBACK_FOUND:
+        begin(detail);
+        break;
+    case LogEvent::NO_STATE_CALLBACK:
+    case LogEvent::NO_TIMER:
+        _latest = (_latest + HANDLERS - 1) % HANDLERS; // it took no handler after all
+        break;
+    case LogEvent::REPORTED:
         end(COMPLETED);
-    } else if (startsWith(message, UNKNOWN)) {
-        const int number = std::atoi(message.c_str() + UNKNOWN.size());
-        warn(line, _requests.at(static_cast<std::size_t>(number)));
-    } else if (endsWith(message, " recieved after timeout, discarding")) {
+        break;
+    case LogEvent::TIMED_OUT:
+        end(TIMED_OUT);
+        break;
+    case LogEvent::UNKNOWN_HANDLER:
+        warn(line, _requests.at(static_cast<std::size_t>(std::atoi(detail.c_str()))));
+        break;
+    case LogEvent::TOO_LATE:
         warn(line, latest());
-    } else if (message == "Nelvo is not initialized") {
+        break;
+    case LogEvent::NOT_INITIALIZED:
         warn(line, {"", STOPPED});
-    } else if (message == "bundle_create is failed") {
-        end(COMPLETED);
+        break;
+    default:
+        break;
     }
 }
 

@@ -28,7 +28,6 @@ private:
         const char *end = nullptr; // null: it is pending; otherwise what has become of it
     };
 
-    void heedCompletion(const LogLine &line);
     void begin(const std::string &actionId);
     void end(const char *how);
     void warn(const LogLine &line, const Request &request);

@@ -2,23 +2,9 @@
 #include "timeline.h"
 
 #include "client/envelope.h"
+#include "client/library_log.h"
 
 namespace nelvoctl {
-
-namespace {
-
-// The rest of text behind start; empty when it begins otherwise.
-std::optional<std::string> behind(const std::string &start, const std::string &text) {
-    if (text.compare(0, start.size(), start) != 0)
-        return std::nullopt;
-    return text.substr(start.size());
-}
-
-bool contains(const std::string &text, const char *part) {
-    return text.find(part) != std::string::npos;
-}
-
-} // namespace
 
 void Timeline::open(double time, const std::string &actionId) {
     close(time, "superseded");
@@ -44,48 +30,59 @@ void Timeline::rest() {
 }
 
 void Timeline::take(double time, const std::string &function, const std::string &text) {
-    if (function == "sendResponse") {
-        if (_open && behind("App Id ", text))
-            _open->ended = time;
-        else // it could not be sent
-            close(time, "not delivered: " + text);
-        return;
-    }
-    rest();
-    if (function == "Send") {
-        if (text == "Call stub Send")
-            _arrival = time;
-        else if (const auto client = behind("Call stub Sender ", text))
-            _client = *client;
-    } else if (function == "isPermittedSender" && contains(text, " is not permitted")) {
-        _client = text.substr(0, text.find(' '));
-    } else if (function == "executeRequest") {
-        if (text == "App State request recieved") {
-            open(time, nelvo::client::STATE_ACTION_ID);
-            _open->called = time; // the log says nothing of the callback itself
-        } else if (text == "Action Execution request recieved") {
-            open(time, "?");
-        }
-    } else if (function == "deinitialize") {
+    using nelvo::client::LogEvent;
+    const auto [event, detail] = nelvo::client::readLogLine(function, text);
+    if (event != LogEvent::SENDING && event != LogEvent::NOT_SENT)
+        rest();
+    switch (event) {
+    case LogEvent::ARRIVED:
+        _arrival = time;
+        break;
+    case LogEvent::SENDER:
+    case LogEvent::REFUSED:
+        _client = detail;
+        break;
+    case LogEvent::STATE_REQUEST:
+        open(time, nelvo::client::STATE_ACTION_ID);
+        _open->called = time; // the log says nothing of the callback itself
+        break;
+    case LogEvent::ACTION_REQUEST:
+        open(time, "?");
+        break;
+    case LogEvent::STOPPED:
         close(time, "dropped by the shut-down");
-    } else if (contains(text, "discarding") || contains(text, "Discarding") ||
-               contains(text, "Couldn't find requestId")) {
+        break;
+    case LogEvent::UNKNOWN_HANDLER:
+    case LogEvent::OLD_REQUEST:
+    case LogEvent::TOO_LATE:
         ignoredReport(text);
+        break;
+    case LogEvent::NOT_SENT:
+        close(time, "not delivered: " + text);
+        break;
+    default:
+        if (_open)
+            takeOpen(event, time, detail);
     }
-    if (!_open)
-        return;
-    if (const auto found = behind("Found execute action Id: ", text)) {
-        _open->actionId = found->substr(0, found->rfind("  Callback: "));
+}
+
+// An event that can only be the open request's.
+void Timeline::takeOpen(nelvo::client::LogEvent event, double time, const std::string &detail) {
+    using nelvo::client::LogEvent;
+    if (event == LogEvent::CALLBACK_FOUND) {
+        _open->actionId = detail;
         _open->called = time;
-    } else if (text == "There is no app state request callback.") {
+    } else if (event == LogEvent::NO_STATE_CALLBACK) {
         _open->called = 0;
         _open->outcome = "no callback";
-    } else if (text == "There is no matching action execution callback.") {
+    } else if (event == LogEvent::NO_ACTION_CALLBACK) {
         _open->outcome = "no callback";
-    } else if (text == "Action result:" || text == "App result:") {
+    } else if (event == LogEvent::REPORTED) {
         _open->completed = time;
-    } else if (contains(text, "timed out. Failed")) {
+    } else if (event == LogEvent::TIMED_OUT) {
         _open->outcome = "timed out";
+    } else if (event == LogEvent::SENDING) {
+        _open->ended = time;
     }
 }
 

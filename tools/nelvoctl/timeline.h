@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "client/library_log.h"
+
 namespace nelvoctl {
 
 // What became of one request. Times are seconds of the monotonic clock; 0: that did not happen.
@@ -36,6 +38,7 @@ public:
     void rest();
 
 private:
+    void takeOpen(nelvo::client::LogEvent event, double time, const std::string &detail);
     void open(double time, const std::string &actionId);
     void close(double time, const std::string &outcome);
 

@@ -22,6 +22,7 @@ Links, the names of files, and functions that stand behind one, `FILE` `NAME()`,
 """
 import difflib
 import json
+import os
 import re
 import subprocess
 import sys
@@ -32,7 +33,8 @@ from xml.parsers.expat import ExpatError
 from terminal import COLOUR, FOLDERS, ROOT, CommandFailed, Terminal
 
 BLOCK = re.compile(r"(?:<!-- (file|in|not run): ([^\n]+) -->\n+)?^```(\w*)\n(.*?)^```$", re.M | re.S)
-WARNINGS = "-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror"
+WARNINGS = ("-Wall -Wextra -Wpedantic -Wshadow -Wconversion"
+            + (" -Werror" if os.environ.get("NELVO_WERROR") == "ON" else ""))
 LIBRARIES = "-Iinclude -Ihost/include -Lbuild/release/src -Lbuild/release/host -lnelvo -lnelvo-host"
 
 

@@ -63,6 +63,10 @@ need() {
     done
     ((${#missing[@]})) || return 0
 
+    if ((EUID != 0)) && ! command -v sudo >/dev/null; then
+        echo "sudo apt-get install --no-install-recommends ${missing[*]}" >&2
+        exit 1
+    fi
     echo "These packages are missing and will now be installed:"
     for package in "${missing[@]}"; do
         printf '  %-20s %s\n' "$package" "$(why "${package%:*}")"
@@ -72,10 +76,7 @@ need() {
 
 install_packages() {
     local root=()
-    if ((EUID != 0)); then
-        command -v sudo >/dev/null || die "run this as root, then try again: apt-get install $*"
-        root=(sudo)
-    fi
+    ((EUID == 0)) || root=(sudo)
     # An index that can't be had need not be one that is wanted.
     (quietly packages "${root[@]}" apt-get update) || echo "dev: going on with the lists there are" >&2
     quietly packages "${root[@]}" env DEBIAN_FRONTEND=noninteractive \

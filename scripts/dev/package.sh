@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # usage: ./dev package [--twice]
 #
-# Builds Debian packages and RPMs of what is committed into build/packages, and uses them from clean roots;
-# with --twice builds them again elsewhere, which must give the same bytes.
+# Builds Debian packages and RPMs of what is committed, and uses them from clean roots.
+# The packages go to build/packages. With --twice it builds them again elsewhere, which must give the same
+# bytes.
 source scripts/dev/common.sh
 
 [[ $# == 0 || $* == --twice ]] || die "package does not take \"$*\"; see ./dev help" 2

@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # usage: ./dev soak [REQUESTS]
 #
-# Sends a million requests, or so many, over sockets and ten times as many in virtual time, with hostile
-# clients about; watches the main loop of the example player. Takes a quarter of an hour.
+# Sends a million requests, or so many, beside hostile clients.
+# First over sockets, then ten times as many in virtual time; then it watches the main loop of the example
+# player. Takes a quarter of an hour.
 source scripts/dev/common.sh
 
 requests=${1:-1000000}

@@ -24,11 +24,11 @@ flags() { pkg-config --cflags --libs "$@"; }
 read -ra shared < <(flags nelvo)
 read -ra static < <(flags --static nelvo)
 read -ra testkit < <(flags nelvo-testkit)
-cc -Wall -Werror -o "$work/hello" "$examples/hello/main.c" "${shared[@]}" -Wl,-rpath,"$lib"
-cc -Wall -Werror -o "$work/hello-static" "$examples/hello/main.c" -Wl,-Bstatic "${static[@]}" \
+cc -Wall -o "$work/hello" "$examples/hello/main.c" "${shared[@]}" -Wl,-rpath,"$lib"
+cc -Wall -o "$work/hello-static" "$examples/hello/main.c" -Wl,-Bstatic "${static[@]}" \
     -Wl,-Bdynamic
 stands_alone "$work/hello-static"
-c++ -std=c++17 -Wall -Werror -o "$work/greet_test" "$here/greet_test.cpp" "${testkit[@]}" \
+c++ -std=c++17 -Wall -o "$work/greet_test" "$here/greet_test.cpp" "${testkit[@]}" \
     -Wl,-rpath,"$lib"
 "$work/greet_test"
 

@@ -88,9 +88,10 @@ Outcome playWhole(const Point &point, const std::vector<std::string> &logPattern
 Outcome inChild(const std::string &name, const std::function<Outcome()> &work,
                 std::chrono::milliseconds limit) {
     const int code = Child([&] { return static_cast<int>(work()); }, Child::INHERITED).wait(limit);
-    if (code >= 0 && code <= static_cast<int>(Outcome::BROKEN))
-        return static_cast<Outcome>(code);
-    std::fprintf(stderr, "%s: died or hung, status %d\n", name.c_str(), code);
+    for (const Outcome outcome : {Outcome::HELD, Outcome::NOT_REACHED, Outcome::BROKEN})
+        if (code == static_cast<int>(outcome))
+            return outcome;
+    std::fprintf(stderr, "%s: died, hung or leaked, status %d\n", name.c_str(), code);
     return Outcome::BROKEN;
 }
 

@@ -18,7 +18,8 @@ struct Point {
     std::function<bool()> disarm = [] { return true; }; // whether the fault came to pass
 };
 
-enum class Outcome : int { HELD, NOT_REACHED, BROKEN };
+// As the exit code of a child: the sanitizers end a process with other codes.
+enum class Outcome : int { HELD = 0, NOT_REACHED = 77, BROKEN = 78 };
 
 constexpr std::chrono::milliseconds HANG(20'000);
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 
 #include <dlfcn.h>
@@ -217,102 +218,203 @@ std::string liveHandles() {
            std::to_string(timers.size()) + " timers";
 }
 
+// A call of one of the functions below.
+struct Site {
+    const char *function;
+    const void *caller;
+};
+#define HERE (Site{__func__, __builtin_return_address(0)})
+
+// The platform's function that ours, of the same name, stands before.
+template <auto OURS>
+decltype(OURS) real(const char *function) {
+    static const auto found = reinterpret_cast<decltype(OURS)>(dlsym(RTLD_NEXT, function));
+    return found;
+}
+
+// Calls the platform's function, or fails in its place: with null, or the error that was asked for.
+template <auto OURS, typename... Arguments>
+auto call(const Site &site, Arguments... arguments) {
+    using Result = std::invoke_result_t<decltype(OURS), Arguments...>;
+    if (!fails(site.function, site.caller))
+        return real<OURS>(site.function)(arguments...);
+    if constexpr (std::is_pointer_v<Result>)
+        return Result(nullptr);
+    else
+        return Result(fault.error);
+}
+
+// Likewise for a function that stores a value, which must not be used after a failure.
+template <auto OURS, typename Value, typename... Arguments>
+int callOut(const Site &site, Value *out, Arguments... arguments) {
+    const int result = call<OURS>(site, arguments...);
+    if (result != 0 && out)
+        spoil(out);
+    return result;
+}
+
+// Likewise for a function that stores a new handle, which counts if the application's side has it.
+template <auto OURS, typename Handle, typename... Arguments>
+int create(const Site &site, int &live, Handle *out, Arguments... arguments) {
+    const int result = callOut<OURS>(site, out, arguments...);
+    live += result == 0 && !isOurs(site.caller);
+    return result;
+}
+
+// Likewise for a function that returns a bundle.
+template <auto OURS, typename... Arguments>
+bundle *createBundle(const Site &site, Arguments... arguments) {
+    bundle *const created = call<OURS>(site, arguments...);
+    bundles += created && !isOurs(site.caller);
+    return created;
+}
+
+template <auto OURS, typename Handle>
+int destroy(const Site &site, int &live, Handle handle) {
+    live -= !isOurs(site.caller);
+    return real<OURS>(site.function)(handle);
+}
+
+// The platform promises no order of the entries, so that an application must not rely on one.
+void iterateBackwards(decltype(&bundle_foreach) iterate, bundle *b, bundle_iterator_t iterator,
+                      void *data) {
+    struct Choice {
+        bundle_iterator_t iterator;
+        void *data;
+        int wanted;
+        int at = 0;
+    };
+    const auto count = [](const char *, const int, const bundle_keyval_t *, void *entries) {
+        ++*static_cast<int *>(entries);
+    };
+    const auto choose = [](const char *key, const int type, const bundle_keyval_t *kv, void *from) {
+        auto *choice = static_cast<Choice *>(from);
+        if (choice->at++ == choice->wanted)
+            choice->iterator(key, type, kv, choice->data);
+    };
+    int entries = 0;
+    iterate(b, count, &entries);
+    while (entries-- > 0) {
+        Choice choice{iterator, data, entries};
+        iterate(b, choose, &choice);
+    }
+}
+
 } // namespace nelvo::testkit
 
-// Each wrapper stands before the platform's function of the same name.
-#define WRAP(type, name, parameters, arguments, failure, counted)                                  \
-    extern "C" TESTKIT_API type name parameters {                                                  \
-        static const auto real = reinterpret_cast<type(*) parameters>(dlsym(RTLD_NEXT, #name));    \
-        if (nelvo::testkit::fails(#name, __builtin_return_address(0)))                             \
-            return failure;                                                                        \
-        const auto result = real arguments;                                                        \
-        if (sizeof(#counted) > 1 && !nelvo::testkit::isOurs(__builtin_return_address(0))) {        \
-            counted;                                                                               \
-        }                                                                                          \
-        return result;                                                                             \
-    }
-#define WRAP_INT(name, parameters, arguments)                                                      \
-    WRAP(int, name, parameters, arguments, nelvo::testkit::fault.error, )
-#define WRAP_OUT(name, out, parameters, arguments)                                                 \
-    WRAP(int, name, parameters, arguments,                                                         \
-         (nelvo::testkit::spoil(out), nelvo::testkit::fault.error), )
-#define WRAP_NEW(name, live, out, parameters, arguments)                                           \
-    WRAP(int, name, parameters, arguments,                                                         \
-         (nelvo::testkit::spoil(out), nelvo::testkit::fault.error),                                \
-         nelvo::testkit::live += result == 0)
-#define WRAP_END(name, live, parameters, arguments)                                                \
-    WRAP(int, name, parameters, arguments, 0, --nelvo::testkit::live)
+// Each of these stands before the platform's function of the same name.
+using namespace nelvo::testkit;
 
-WRAP(bundle *, bundle_create, (), (), nullptr, nelvo::testkit::bundles += result != nullptr)
-WRAP(bundle *, bundle_dup, (bundle * from), (from), nullptr,
-     nelvo::testkit::bundles += result != nullptr)
-WRAP_INT(bundle_add_str, (bundle * b, const char *key, const char *str), (b, key, str))
-WRAP_INT(bundle_add_byte, (bundle * b, const char *key, const void *byte, const size_t size),
-         (b, key, byte, size))
-WRAP_OUT(bundle_get_str, str, (bundle * b, const char *key, char **str), (b, key, str))
-WRAP_OUT(bundle_get_byte, byte, (bundle * b, const char *key, void **byte, size_t *size),
-         (b, key, byte, size))
-WRAP_OUT(bundle_keyval_get_basic_val, val, (bundle_keyval_t * kv, void **val, size_t *size),
-         (kv, val, size))
-WRAP_INT(app_get_id, (char **id), (id))
-WRAP_NEW(app_info_create, infos, info, (const char *appId, app_info_h *info), (appId, info))
-WRAP_INT(app_info_foreach_metadata, (app_info_h info, app_info_metadata_cb callback, void *data),
-         (info, callback, data))
-WRAP_NEW(rpc_port_stub_create, stubs, h, (rpc_port_stub_h * h, const char *port), (h, port))
-WRAP_INT(rpc_port_stub_listen, (rpc_port_stub_h h), (h))
-WRAP_INT(rpc_port_stub_add_connected_event_cb,
-         (rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb, void *data),
-         (h, nelvo::testkit::onEvent, nelvo::testkit::keep(h, cb, data)))
-WRAP_INT(rpc_port_stub_add_disconnected_event_cb,
-         (rpc_port_stub_h h, rpc_port_stub_disconnected_event_cb cb, void *data),
-         (h, nelvo::testkit::onEvent, nelvo::testkit::keep(h, cb, data)))
-WRAP_INT(rpc_port_stub_add_received_event_cb,
-         (rpc_port_stub_h h, rpc_port_stub_received_event_cb cb, void *data),
-         (h, nelvo::testkit::onReceived, nelvo::testkit::keep(h, cb, data)))
-WRAP_OUT(rpc_port_stub_get_port, port,
-         (rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance, rpc_port_h *port),
-         (h, type, instance, port))
-WRAP_NEW(rpc_port_parcel_create, parcels, h, (rpc_port_parcel_h * h), (h))
-WRAP_NEW(rpc_port_parcel_create_from_port, parcels, h, (rpc_port_parcel_h * h, rpc_port_h port),
-         (h, port))
-WRAP_INT(rpc_port_parcel_send, (rpc_port_parcel_h h, rpc_port_h port), (h, port))
-WRAP_INT(rpc_port_parcel_write_int32, (rpc_port_parcel_h h, int i), (h, i))
-WRAP_INT(rpc_port_parcel_write_bool, (rpc_port_parcel_h h, bool b), (h, b))
-WRAP_INT(rpc_port_parcel_write_string, (rpc_port_parcel_h h, const char *str), (h, str))
-WRAP_INT(rpc_port_parcel_write_bundle, (rpc_port_parcel_h h, bundle *b), (h, b))
-WRAP_OUT(rpc_port_parcel_read_int32, i, (rpc_port_parcel_h h, int *i), (h, i))
-WRAP_OUT(rpc_port_parcel_read_bool, b, (rpc_port_parcel_h h, bool *b), (h, b))
-WRAP_NEW(rpc_port_parcel_read_bundle, bundles, b, (rpc_port_parcel_h h, bundle **b), (h, b))
-
-WRAP_END(bundle_free, bundles, (bundle * b), (b))
-WRAP_END(app_info_destroy, infos, (app_info_h info), (info))
-WRAP(int, rpc_port_stub_destroy, (rpc_port_stub_h h), (h), 0,
-     (--nelvo::testkit::stubs, nelvo::testkit::stubCallbacks.erase(h)))
-WRAP_END(rpc_port_parcel_destroy, parcels, (rpc_port_parcel_h h), (h))
-
-extern "C" TESTKIT_API void bundle_foreach(bundle *b, bundle_iterator_t iterator, void *data) {
-    using Iterate = void (*)(bundle *, bundle_iterator_t, void *);
-    static const auto real = reinterpret_cast<Iterate>(dlsym(RTLD_NEXT, "bundle_foreach"));
-    if (!nelvo::testkit::isOurs(__builtin_return_address(0)))
-        nelvo::testkit::hooks().iterator(iterator);
-    real(b, iterator, data);
+bundle *bundle_create() {
+    return createBundle<&bundle_create>(HERE);
 }
-
-extern "C" TESTKIT_API Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func,
-                                                    const void *data) {
-    using Add = Ecore_Timer *(*)(double, Ecore_Task_Cb, const void *);
-    static const auto real = reinterpret_cast<Add>(dlsym(RTLD_NEXT, "ecore_timer_add"));
-    if (nelvo::testkit::isOurs(__builtin_return_address(0)))
-        return real(in, func, data);
-    if (nelvo::testkit::fails("ecore_timer_add", __builtin_return_address(0)))
-        return nullptr;
-    return nelvo::testkit::addTimer(real, in, func, data);
+bundle *bundle_dup(bundle *from) {
+    return createBundle<&bundle_dup>(HERE, from);
 }
-
-extern "C" TESTKIT_API void *ecore_timer_del(Ecore_Timer *timer) {
-    using Delete = void *(*)(Ecore_Timer *);
-    static const auto real = reinterpret_cast<Delete>(dlsym(RTLD_NEXT, "ecore_timer_del"));
-    if (nelvo::testkit::isOurs(__builtin_return_address(0)))
-        return real(timer);
-    return nelvo::testkit::deleteTimer(real, timer);
+int bundle_free(bundle *b) {
+    return destroy<&bundle_free>(HERE, bundles, b);
+}
+int bundle_add_str(bundle *b, const char *key, const char *str) {
+    return call<&bundle_add_str>(HERE, b, key, str);
+}
+int bundle_add_byte(bundle *b, const char *key, const void *byte, const size_t size) {
+    return call<&bundle_add_byte>(HERE, b, key, byte, size);
+}
+int bundle_get_str(bundle *b, const char *key, char **str) {
+    return callOut<&bundle_get_str>(HERE, str, b, key, str);
+}
+int bundle_get_byte(bundle *b, const char *key, void **byte, size_t *size) {
+    return callOut<&bundle_get_byte>(HERE, byte, b, key, byte, size);
+}
+int bundle_keyval_get_basic_val(bundle_keyval_t *kv, void **val, size_t *size) {
+    return callOut<&bundle_keyval_get_basic_val>(HERE, val, kv, val, size);
+}
+int app_get_id(char **id) {
+    return call<&app_get_id>(HERE, id);
+}
+int app_info_create(const char *appId, app_info_h *info) {
+    return create<&app_info_create>(HERE, infos, info, appId, info);
+}
+int app_info_destroy(app_info_h info) {
+    return destroy<&app_info_destroy>(HERE, infos, info);
+}
+int app_info_foreach_metadata(app_info_h info, app_info_metadata_cb callback, void *data) {
+    return call<&app_info_foreach_metadata>(HERE, info, callback, data);
+}
+int rpc_port_stub_create(rpc_port_stub_h *h, const char *port) {
+    return create<&rpc_port_stub_create>(HERE, stubs, h, h, port);
+}
+int rpc_port_stub_destroy(rpc_port_stub_h h) {
+    const int result = destroy<&rpc_port_stub_destroy>(HERE, stubs, h);
+    stubCallbacks.erase(h);
+    return result;
+}
+int rpc_port_stub_listen(rpc_port_stub_h h) {
+    return call<&rpc_port_stub_listen>(HERE, h);
+}
+int rpc_port_stub_add_connected_event_cb(rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb,
+                                         void *data) {
+    return call<&rpc_port_stub_add_connected_event_cb>(HERE, h, onEvent, keep(h, cb, data));
+}
+int rpc_port_stub_add_disconnected_event_cb(rpc_port_stub_h h,
+                                            rpc_port_stub_disconnected_event_cb cb, void *data) {
+    return call<&rpc_port_stub_add_disconnected_event_cb>(HERE, h, onEvent, keep(h, cb, data));
+}
+int rpc_port_stub_add_received_event_cb(rpc_port_stub_h h, rpc_port_stub_received_event_cb cb,
+                                        void *data) {
+    return call<&rpc_port_stub_add_received_event_cb>(HERE, h, onReceived, keep(h, cb, data));
+}
+int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance,
+                           rpc_port_h *port) {
+    return callOut<&rpc_port_stub_get_port>(HERE, port, h, type, instance, port);
+}
+int rpc_port_parcel_create(rpc_port_parcel_h *h) {
+    return create<&rpc_port_parcel_create>(HERE, parcels, h, h);
+}
+int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
+    return create<&rpc_port_parcel_create_from_port>(HERE, parcels, h, h, port);
+}
+int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
+    return destroy<&rpc_port_parcel_destroy>(HERE, parcels, h);
+}
+int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
+    return call<&rpc_port_parcel_send>(HERE, h, port);
+}
+int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i) {
+    return call<&rpc_port_parcel_write_int32>(HERE, h, i);
+}
+int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b) {
+    return call<&rpc_port_parcel_write_bool>(HERE, h, b);
+}
+int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
+    return call<&rpc_port_parcel_write_string>(HERE, h, str);
+}
+int rpc_port_parcel_write_bundle(rpc_port_parcel_h h, bundle *b) {
+    return call<&rpc_port_parcel_write_bundle>(HERE, h, b);
+}
+int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i) {
+    return callOut<&rpc_port_parcel_read_int32>(HERE, i, h, i);
+}
+int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b) {
+    return callOut<&rpc_port_parcel_read_bool>(HERE, b, h, b);
+}
+int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b) {
+    return create<&rpc_port_parcel_read_bundle>(HERE, bundles, b, h, b);
+}
+void bundle_foreach(bundle *b, bundle_iterator_t iterator, void *data) {
+    const auto iterate = real<&bundle_foreach>(__func__);
+    if (isOurs(__builtin_return_address(0)))
+        return iterate(b, iterator, data);
+    hooks().iterator(iterator);
+    iterateBackwards(iterate, b, iterator, data);
+}
+Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func, const void *data) {
+    const auto add = real<&ecore_timer_add>(__func__);
+    if (isOurs(__builtin_return_address(0)))
+        return add(in, func, data);
+    return fails(__func__, __builtin_return_address(0)) ? nullptr : addTimer(add, in, func, data);
+}
+void *ecore_timer_del(Ecore_Timer *timer) {
+    const auto remove = real<&ecore_timer_del>(__func__);
+    return isOurs(__builtin_return_address(0)) ? remove(timer) : deleteTimer(remove, timer);
 }

@@ -79,8 +79,10 @@ struct Application {
         const auto greet = [](void *handler, bundle *request, void *count) {
             char *name = nullptr;
             ++*static_cast<int *>(count);
-            bundle_get_str(request, "actionParams", &name);
-            nelvo_complete_action_execution(handler, ("Hello, " + std::string(name) + "!").c_str());
+            if (bundle_get_str(request, "actionParams", &name) != BUNDLE_ERROR_NONE)
+                name = nullptr;
+            nelvo_complete_action_execution(
+                handler, ("Hello, " + std::string(name ? name : "") + "!").c_str());
         };
         nelvo_set_action_execution_cb("greet", greet, &calls);
     }

@@ -264,10 +264,12 @@ void Play::sendParcel(const std::string &numbers) {
     write(copy);
     int method = -1, field = 0;
     bool once = false;
-    rpc_port_parcel_read_int32(copy, &method);
+    if (rpc_port_parcel_read_int32(copy, &method) != RPC_PORT_ERROR_NONE)
+        method = -1;
     if (method == 4) {
         bundle *content = nullptr;
-        rpc_port_parcel_read_bundle(copy, &content);
+        if (rpc_port_parcel_read_bundle(copy, &content) != RPC_PORT_ERROR_NONE)
+            content = nullptr;
         const client::BundlePtr owner(content);
         char *actionId = nullptr;
         void *bytes = nullptr;
@@ -285,7 +287,8 @@ void Play::sendParcel(const std::string &numbers) {
     } else if (method == 2) {
         rpc_port_parcel_read_int32(copy, &field);
         rpc_port_parcel_read_int32(copy, &field);
-        rpc_port_parcel_read_bool(copy, &once);
+        if (rpc_port_parcel_read_bool(copy, &once) != RPC_PORT_ERROR_NONE)
+            once = false;
     }
     rpc_port_parcel_destroy(copy);
     testkit::sendParcel(from, write);

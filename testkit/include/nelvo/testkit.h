@@ -14,6 +14,10 @@
  * Everything here belongs to the thread of the test, which is the application's main-loop thread
  * too. Nothing waits for real time or reaches outside the process: no socket file, no allow list
  * of the machine, no privilege.
+ *
+ * What the platform does not promise does not hold here: bundle_foreach() shows the last entry
+ * first, and a call that fails stores a value that must not be used where it could have stored its
+ * result.
  */
 
 #include <cstdint>

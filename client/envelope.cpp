@@ -25,7 +25,7 @@ void takeEntry(const char *key, const int type, const bundle_keyval_t *kv, void 
     auto &response = *static_cast<Response *>(data);
     void *value = nullptr;
     size_t size = 0;
-    // The platform's accessors are not const-correct; they change nothing.
+    // The platform's accessors take a non-const entry, and do not change it.
     if (type != BUNDLE_TYPE_STR && type != BUNDLE_TYPE_BYTE)
         return;
     if (bundle_keyval_get_basic_val(const_cast<bundle_keyval_t *>(kv), &value, &size) !=

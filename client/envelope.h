@@ -31,7 +31,7 @@ struct Request {
     std::optional<std::string> actionParams;
 };
 
-// The request as it is sent; null when there was no memory for it.
+// A request in a bundle; null if memory is short.
 BundlePtr makeRequest(const Request &request);
 
 // Copies are cheap: they share the bundle.
@@ -40,12 +40,12 @@ struct Response {
     std::map<std::string, std::string_view, std::less<>> fields; // the texts stay the content's
     std::optional<std::uint64_t> requestId;                      // empty: absent, or not 8 bytes
 
-    // The text under key, or "" when there is none.
+    // The text under key, or "" if there is none.
     std::string field(std::string_view key) const;
     bool succeeded() const;
 };
 
-// Shows what a response may hold, its texts and its request id, and leaves out anything else.
+// Reads the texts and the request id of a response, and ignores entries of other types.
 Response readResponse(BundlePtr content);
 
 } // namespace nelvo::client

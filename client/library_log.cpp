@@ -7,7 +7,7 @@ namespace nelvo::client {
 
 namespace {
 
-// The first row that fits holds. The detail stands between the two parts of the text.
+// The first row that matches counts. The detail stands between the two parts of the text.
 constexpr struct {
     std::string_view function; // or the beginning of its name
     std::string_view before, behind;

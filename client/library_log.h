@@ -5,14 +5,14 @@
 
 namespace nelvo::client {
 
-// What a line of the library's log tells about a request. The texts are the library's own and are part of
-// its interface.
+// What a line of the library's log says about a request. The texts are part of the library's
+// interface.
 enum class LogEvent {
     NONE,
     STARTED,        // the library
     STOPPED,        // the library
-    ARRIVED,        // a request, of whom is not known yet
-    SENDER,         // detail: the client whose request it is
+    ARRIVED,        // a request, whose client the next line names
+    SENDER,         // detail: the client that sent the request
     REFUSED,        // detail: a client that is not on the allow list
     STATE_REQUEST,  // overtakes the pending request
     ACTION_REQUEST, // overtakes the pending request
@@ -35,7 +35,7 @@ struct LogRecord {
     std::string detail;
 };
 
-// Takes the function that logged a line, and what stands behind "function(): " in it.
+// Takes the name of the function that logged a line, and the text after "function(): " in the line.
 LogRecord readLogLine(const std::string &function, const std::string &message);
 
 } // namespace nelvo::client

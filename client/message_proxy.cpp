@@ -19,7 +19,7 @@ struct ParcelDeleter {
 };
 using ParcelPtr = std::unique_ptr<void, ParcelDeleter>;
 
-// An empty parcel that begins with method; null when there was no memory.
+// A parcel that holds only the method's number; null if memory is short.
 ParcelPtr makeParcel(Method method) {
     rpc_port_parcel_h parcel = nullptr;
     if (rpc_port_parcel_create(&parcel) != RPC_PORT_ERROR_NONE)
@@ -55,7 +55,7 @@ Reply call(rpc_port_parcel_h request, rpc_port_h port) {
     return reply;
 }
 
-// Null on success, else what is wrong with the parcel.
+// Returns null on success, else a text that says what is wrong with the parcel.
 const char *readAnswer(rpc_port_parcel_h parcel, Answer &answer) {
     int method = RESULT;
     if (rpc_port_parcel_read_int32(parcel, &method) != RPC_PORT_ERROR_NONE || method != CALLBACK)
@@ -92,7 +92,7 @@ const char *takeAnswer(rpc_port_proxy_h proxy, Answer &answer) {
     }
 }
 
-// The event is copied: it may destroy the proxy, and its own original with it.
+// Calls a copy of the event, since the event may destroy the proxy that owns the original.
 template <typename Event, typename... Args>
 void fire(Event event, Args &&...args) {
     if (event)

@@ -10,7 +10,7 @@
 
 namespace nelvo::client {
 
-// Names the callback that the application is to answer through; it comes back with each answer.
+// The callback fields that a client registers; each answer repeats them.
 struct CallbackFields {
     int id = 1; // the one kind of callback that the interface knows
     int seq = 0;
@@ -23,27 +23,28 @@ struct Answer {
     Response response;
 };
 
-// What became of a method that has a result.
+// The outcome of a method that returns a result.
 struct Reply {
     int error = RPC_PORT_ERROR_NONE; // not 0: no reply came, result means nothing
-    int result = 0;                  // what the application's side of the interface returned
+    int result = 0;                  // returned by the application's side of the interface
 
     bool ok() const { return error == RPC_PORT_ERROR_NONE && result == 0; }
 };
 
-// One connection to an application's "message" port, the client's side of it.
+// The client's side of one connection to an application's "message" port.
 //
-//   idle        connect() leads to connecting, or fails and stays here
+//   idle        connect() leads to connecting, or fails and leaves the proxy idle
 //   connecting  one of the events connected or rejected follows
 //   connected   setCb(), unsetCb() and send() work; ends with the event disconnected
-//   ended       of no more use
+//   ended       every further call fails
 //
-// A setCb() or unsetCb() whose reply did not come leaves that reply, should it come after all, to
-// be taken for the next one: give the connection up then.
+// If setCb() or unsetCb() returns without a reply, destroy the proxy: a late reply would be taken
+// for the reply to the next call.
 //
 // Events come from the main loop. Each may destroy the proxy; none may throw. setCb() and unsetCb()
-// wait for the application and must not be called while it runs on this very thread, except on a
-// simulated device, where the wait runs the loop; the proxy must live until they return.
+// block until the application replies. They must not be called if the application runs on this same
+// thread, except on a simulated device, where they run the main loop meanwhile; the proxy must live
+// until they return.
 //
 // Main-loop thread only.
 class MessageProxy {
@@ -62,14 +63,14 @@ public:
     MessageProxy(const MessageProxy &) = delete;
     MessageProxy &operator=(const MessageProxy &) = delete;
 
-    // The platform's handle, still the proxy's; null when it could not be created.
+    // The platform's handle, owned by this object; null if it could not be created.
     rpc_port_proxy_h handle() const { return _handle; }
 
     // These return RPC_PORT_ERROR_NONE or the platform's error.
     int connect(const std::string &appId);
     int send(bundle *request); // the request stays the caller's
 
-    // The first registers with a fresh sequence number and the usual fields.
+    // The first overload registers with a new sequence number and default fields.
     Reply setCb();
     Reply setCb(const CallbackFields &fields);
     Reply unsetCb();

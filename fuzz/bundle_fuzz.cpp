@@ -1,6 +1,6 @@
-// SPDX-License-Identifier: Apache-2.0
-// Once as an encoded bundle: what is accepted is encoded to the same bytes again, and each key leads
-// to its entry. Once as lines that become a bundle's entries: it can be sent and received.
+// SPDX-License-Identifier: Apache-2.0 Once as an encoded bundle: what is accepted is encoded to the
+// same bytes again, and each key leads to its entry. Once as lines that become a bundle's entries:
+// it can be sent and received.
 #include <cstring>
 
 #include "client/envelope.h"

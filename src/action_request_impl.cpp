@@ -23,7 +23,7 @@ constexpr int REGISTRATION_TICKS = 5;
 constexpr const char *NOT_REGISTERED = "Action Execution callback not registered";
 constexpr const char *TIMED_OUT = "Action execution request timed out";
 
-// Where _bundleDataCb() copies to.
+// The bundle that _bundleDataCb() copies the entries to.
 struct RequestCopy {
     bundle *destination;
     bool whole;
@@ -173,7 +173,8 @@ Eina_Bool ActionRequestImpl::_actionExecutionFireCb(void *data) {
 
     NELVO_LOGD("Found execute action Id: %s  Callback: %p", actionId,
                static_cast<void *>(found->second.get()));
-    // Taken over first: the callback may stop the library or let the next request in.
+    // Moved out of the member first: the callback may stop the library or run the main loop, which
+    // delivers the next request.
     const Bundle request = std::exchange(actionPtr->_actionRequestBundle, Bundle(nullptr));
     actionPtr->_actionExecutionFireTimer = nullptr;
     actionPtr->callApplication(*found->second, actionId, request.GetHandle(), __func__);

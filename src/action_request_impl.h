@@ -15,25 +15,28 @@
 
 namespace nelvo {
 
-// Serves action execution requests: calls the application's callback and sees to it that the client
-// hears back, from the application or, failing that, from us.
+// Serves action execution requests: calls the application's callback and makes sure that the client
+// gets an answer, the application's own or a failure from the library.
 //
-// One request is pending at a time, and the two timers say where it stands:
+// One request is pending at a time. Which of the two timers is set tells the request's state:
 //   idle                      neither is set
-//   waiting for registration  _actionExecutionFireTimer: no callback yet; each of the first five
-//                             ticks, 0.02 s apart, looks for one, the sixth answers with a failure
-//   awaiting completion       _completeActionExecutionTimer: callback called, 30 s to report
-// The dispatch calls deleteTimer() before each new request: an overtaken one is dropped unanswered.
-// A request that can't be watched never reaches the application; it is answered with a failure.
+//   waiting for registration  _actionExecutionFireTimer: no callback is registered yet; each of the
+//                             first five ticks, 0.02 s apart, looks for one, and the sixth answers
+//                             with a failure
+//   awaiting completion       _completeActionExecutionTimer: the callback has been called and has
+//                             30 s to report
+// The dispatch calls deleteTimer() before each new request: an overtaken request gets no answer. A
+// request whose timer cannot be created is answered with a failure; the application never sees it.
 //
-// Owns the registrations and, while waiting, a copy of the request; what receiveRequest() is given
-// stays the caller's. Handler numbers and the request map are shared, in NelvoCommonData.
+// Owns the registrations and, while waiting for one, a copy of the request; the bundle given to
+// receiveRequest() stays the caller's. Handler numbers and the request map are shared, in
+// NelvoCommonData.
 //
-// Main-loop thread only, but for getInstance(). The application may register, remove, complete or
-// stop the library from inside its callback: nothing of this object is used after it returns.
+// Main-loop thread only, except getInstance(). The application may register, remove, complete or
+// stop the library from inside its callback: no member is used after the callback returns.
 class ActionRequestImpl {
 public:
-    // Null when the object could not be allocated, then and ever after.
+    // Null if the object could not be allocated; every later call then returns null as well.
     static ActionRequestImpl *getInstance();
 
     int deinitialize();
@@ -64,13 +67,13 @@ private:
     static void _bundleDataCb(const char *key, const int type, const bundle_keyval_t *kv,
                               void *data);
 
-    // Begins to await completion and calls the callback; a request that can't be watched is
-    // answered with a failure instead. Logs in the name of the given function. The registration,
-    // the action id and this object are not used once the callback has been called.
+    // Starts the completion timer and calls the callback; if the timer cannot be created, answers
+    // with a failure instead. Logs under the given function's name. Uses neither the registration
+    // nor the action id nor this object after the callback has been called.
     void callApplication(const ActionExecutionInfo &info, std::string_view actionId,
                          bundle *request, const char *function);
 
-    // Answers the current request with a failure; false when the answer can't be built.
+    // Answers the current request with a failure; false if the answer cannot be built.
     static bool sendFailure(const char *statusMessage, const char *function);
 
     static ActionRequestImpl *_instance;

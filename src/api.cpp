@@ -15,8 +15,8 @@ std::string textOrNull(const char *text) {
     return text ? text : "null";
 }
 
-// Calls an operation of the core, made from the arguments by the given lambda, for the exported
-// function of the given name: no exception leaves it.
+// Calls the given lambda, which calls the core, on behalf of the exported function of the given
+// name. Turns each exception into an error code.
 template <typename Operation>
 int callCore(const char *function, Operation operation) {
     NelvoImpl *core = NelvoImpl::getInstance();

@@ -8,7 +8,7 @@
 #define NELVO_LOGI(...) NELVO_LOG(DLOG_INFO, __func__, __VA_ARGS__)
 #define NELVO_LOGE(...) NELVO_LOG(DLOG_ERROR, __func__, __VA_ARGS__)
 
-// The same from a helper that logs in the name of the operation it works for.
+// The same for a helper, which logs under the name of the function that called it.
 #define NELVO_LOG(priority, function, ...)                                                         \
     do {                                                                                           \
         if (false)                                                                                 \
@@ -21,7 +21,7 @@ namespace nelvo {
 // Never called: lets the compiler compare a format with its values.
 __attribute__((format(printf, 1, 2))) inline void checkLogFormat(const char *, ...) {}
 
-// Passes the values on unformatted: only the platform knows whether the line is wanted at all.
+// Passes the values on unformatted: the platform formats only the lines that its level admits.
 template <typename... Values>
 void logLine(log_priority priority, int line, const char *function, const char *format,
              Values... values) {

@@ -15,8 +15,8 @@ constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME = "allow_list.dat";
 
 using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
 
-// All lines that can be read; where a disk fails, or for a directory, those before. Not a stream of
-// the C++ library: its locales alone would cost an application more memory than the rest of us.
+// All lines of the file, or those before the first read error. Read by fopen(), not by
+// std::ifstream, whose locales alone take more memory than the rest of this library.
 std::unordered_set<std::string> readLines(std::FILE *file) {
     std::unordered_set<std::string> lines;
     std::string line;

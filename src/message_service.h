@@ -12,10 +12,12 @@ namespace nelvo {
 // Serves one client connection: lets an allowed sender register its response callback with the core
 // and send requests to it.
 //
-// The senders that are allowed stand in a file, one app id per line; without the file everybody is.
-// A connection reads the file until it has found a line in it, and keeps to what it found then.
+// A file lists the allowed senders, one app id per line; without the file every sender is allowed.
+// A connection reads the file again with each call until it has found a line in the file, and keeps
+// that list from then on.
 //
-// Main-loop thread only. Throws nothing.
+// Main-loop thread only. SetCB(), UnsetCB() and Send() throw nothing; CreateService() may throw
+// std::bad_alloc.
 class messageService : public rpc_port::message::stub::message::ServiceBase {
     using ResponseCB = rpc_port::message::stub::message::ResponseCB;
 

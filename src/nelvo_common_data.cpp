@@ -49,7 +49,7 @@ int NelvoCommonData::takeActionHandler(std::string_view actionId) {
 }
 
 const int *NelvoCommonData::findActionHandler(const void *actionHandler) const {
-    // Compared as numbers: the pointer may point anywhere.
+    // Compared as numbers, since the pointer may point anywhere.
     const auto offset = reinterpret_cast<std::uintptr_t>(actionHandler) -
                         reinterpret_cast<std::uintptr_t>(_actionHandlers);
     if (offset >= sizeof(_actionHandlers) || offset % sizeof(int) != 0)

@@ -27,7 +27,7 @@ constexpr const char *SDK_VERSION_KEY =
     "http://developer.tizen.org/tizen/metadata/nelvo/sdk/version";
 constexpr const char *UNSUPPORTED_SDK_VERSION = "1.0-alpha";
 
-// Takes the value of the SDK-version entry over into the char * behind user_data.
+// Copies the value of the SDK-version entry to the char * that user_data points to.
 bool _nelvo_metadata_cb(const char *metadata_key, const char *metadata_value, void *user_data) {
     NELVO_LOGD("metadata_key[%s] metadata_value[%s]", metadata_key, metadata_value);
     if (std::strcmp(metadata_key, SDK_VERSION_KEY) != 0)
@@ -45,7 +45,7 @@ bool _nelvo_metadata_cb(const char *metadata_key, const char *metadata_value, vo
     return true;
 }
 
-// What a request says of itself. The action id stays the bundle's.
+// A request's action id, owned by the bundle, and its request id.
 struct Envelope {
     const char *actionId;
     unsigned long long requestId;
@@ -95,7 +95,7 @@ NelvoImpl::NelvoImpl() {
     char *id = nullptr;
     const int error = app_get_id(&id);
     if (error != 0) {
-        // Without an id there is no manifest to ask: as for one that can't be read.
+        // Without an id no manifest can be found, which counts as a manifest that cannot be read.
         NELVO_LOGE("app_get_id failed ERROR[%d]", error);
         _tidlSupported = 1;
         return;
@@ -187,7 +187,7 @@ void NelvoImpl::executeRequest(const char *sender, bundle *request) {
     if (!readEnvelope(request, envelope, __func__))
         return;
 
-    // All that may run out of memory here comes before the pending request is given up.
+    // Whatever may run out of memory comes before the pending request is dropped.
     NelvoCommonData *data = NelvoCommonData::getInstance();
     const std::string client(sender);
     const std::string actionId(envelope.actionId);

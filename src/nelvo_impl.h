@@ -12,23 +12,24 @@
 
 namespace nelvo {
 
-// The core: decides once whether the application may use the library at all, starts and stops it,
-// hands each request to the handler of its kind, and keeps the way back to each client.
+// The core: decides once whether the application may use the library at all, starts and stops the
+// library, passes each request to the handler of its kind, and keeps each client's response
+// callback.
 //
 // While _isInitialized is set, the stub is listening and every other singleton exists.
 //
-// Main-loop thread only, but for getInstance(). An application may stop the library from inside any
+// Main-loop thread only, except getInstance(). An application may stop the library from inside any
 // of its callbacks.
 class NelvoImpl {
 public:
-    // Null when the object could not be made, then and ever after.
+    // Null if the object could not be made; every later call then returns null as well.
     static NelvoImpl *getInstance();
 
     int initialize();
     int deinitialize();
 
-    // Serves one request of a client that is allowed to send it. The bundle stays the caller's. A
-    // malformed request is logged and changes nothing; so is one that there is no memory for.
+    // Serves one request of a client that is allowed to send it. The bundle stays the caller's. If
+    // the request is malformed or memory is short, logs that and changes nothing.
     void executeRequest(const char *sender, bundle *request);
 
     // What the exported functions of similar names do, once their arguments have been checked.
@@ -40,10 +41,11 @@ public:
     int unsetExecuteActionCb(const std::string &actionId);
     int completeActionExecution(void *actionHandler, const std::string &result);
 
-    // The action that the handler stands for; empty when there is none.
+    // The id of the action whose request has this handler; empty if no request has it.
     std::string getActionName(void *actionHandler);
 
-    // The response callback of each client, by its app id. A client that has gone keeps its entry.
+    // The response callback of each client, by the client's app id. The entry stays when the client
+    // disconnects.
     std::map<std::string, std::unique_ptr<rpc_port::message::stub::message::ResponseCB>>
         _responseCallbacks;
 

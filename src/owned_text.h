@@ -10,7 +10,7 @@ struct FreeText {
     void operator()(char *text) const { std::free(text); }
 };
 
-// A text from malloc, as the platform hands it out.
+// A text allocated by malloc(), as the platform's functions return them.
 using OwnedText = std::unique_ptr<char, FreeText>;
 
 } // namespace nelvo

@@ -9,20 +9,20 @@
 
 namespace nelvo {
 
-// Serves app state requests: asks the application's one state callback and sees to it that the
-// client hears back.
+// Serves app state requests: calls the application's one state callback and makes sure that the
+// client gets an answer.
 //
 // A request is pending while _completeCheckTimer is set: the callback has been called and has 30
-// seconds to report. Without a callback the request is refused at once; unlike an action it does
-// not wait for one. The dispatch calls deleteTimer() before each new request: an overtaken one is
-// dropped unanswered. A request that can't be watched never reaches the application; it is answered
-// with a failure.
+// seconds to report. Without a callback the request is refused at once; unlike a request for an
+// action it does not wait for a registration. The dispatch calls deleteTimer() before each new
+// request: an overtaken request gets no answer. A request whose timer cannot be created is answered
+// with a failure; the application never sees it.
 //
-// Main-loop thread only, but for getInstance(). The application may register, remove, complete or
-// stop the library from inside its callback: nothing of this object is used after it returns.
+// Main-loop thread only, except getInstance(). The application may register, remove, complete or
+// stop the library from inside its callback: no member is used after the callback returns.
 class StateRequestImpl {
 public:
-    // Null when the object could not be allocated, then and ever after.
+    // Null if the object could not be allocated; every later call then returns null as well.
     static StateRequestImpl *getInstance();
 
     int initialize();
@@ -49,8 +49,8 @@ private:
 
     static Eina_Bool _appStateRequestCompleteCheckCb(void *data);
 
-    // Answers the current request with the time-out failure, logging in the name of the given
-    // function; false when the answer can't be built.
+    // Answers the current request with the time-out failure, logging under the given function's
+    // name; false if the answer cannot be built.
     static bool sendTimeOut(const char *function);
 
     static StateRequestImpl *_instance;

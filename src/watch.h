@@ -7,33 +7,34 @@
 
 namespace nelvo {
 
-// Starts the time that the application has to complete the current request, and takes the action
-// handler that stands for it.
+// Starts the timer for the completion of the current request, and takes the request's action
+// handler.
 //
-// Returns the action handler, with timer set to one that calls expired(data) once, unless it is
-// deleted before; or logs in the name of the given function and returns null, with timer null.
+// Returns the action handler, and sets timer to one that calls expired(data) once unless it is
+// deleted before. On failure logs under the given function's name and returns null, with timer
+// null.
 void *beginWatch(Ecore_Timer *&timer, Ecore_Task_Cb expired, void *data, std::string_view actionId,
                  const char *function);
 
-// For when the timer fires: forgets it and logs why the request failed. Returns false when the watch had
-// ended already, and then does neither.
+// To be called when the timer fires: sets timer to null and logs why the request failed. Returns
+// false and does neither if timer is null already.
 bool expireWatch(Ecore_Timer *&timer, const char *reason, const char *function);
 
-// What is to become of a completion by the application: it is sent, dropped because it belongs to an
-// older request, or ends with the code at once.
+// What to do with a completion by the application: send it, drop it because it belongs to an older
+// request, or return the code at once.
 struct Completion {
     enum Verdict { SEND, DROP, RETURN };
     Verdict verdict;
-    int code;       // to return, unless the completion is sent
+    int code;       // to be returned unless the completion is sent
     int number = 0; // of the handler, unless the verdict is RETURN
 };
 
-// Compares a completion with the pending request, which the timer watches over, and logs in the name of
-// the given function what keeps it from being sent; tooLate is said when there is no timer.
+// Compares a completion with the pending request, whose timer this is, and logs under the given
+// function's name why the completion is not to be sent; tooLate is that reason if timer is null.
 Completion checkCompletion(const void *actionHandler, const Ecore_Timer *timer, const char *tooLate,
                            const char *function);
 
-// Deletes the timer, if there is one, and forgets it.
+// Deletes the timer, if there is one, and sets it to null.
 void cancelTimer(Ecore_Timer *&timer);
 
 } // namespace nelvo

@@ -9,8 +9,8 @@
 
 namespace nelvo::testkit {
 
-// Reads off the library's log which completions come for a request that is no longer pending, and
-// what has become of that.
+// Finds in the library's log the completions of requests that are no longer pending, and why each
+// request has ended.
 //
 // The log names handlers by number: 2 is the first after a start, 0 follows 99, and each request
 // that reaches a callback takes one. So requests are counted here as the library counts them.
@@ -18,7 +18,7 @@ class CompletionWatch {
 public:
     void heed(const LogLine &line);
 
-    // Each once, in order; forgets them.
+    // Returns each warning once, in order, and clears the list.
     std::vector<std::string> take();
 
 private:

@@ -5,8 +5,8 @@
 
 namespace nelvo::testkit {
 
-// Says for its lifetime whether allocations and platform calls may be made to fail: not those of the
-// test kit or a test, at work on the same stack as the library.
+// Says for its lifetime whether allocations and platform calls may be made to fail: those of the
+// library may, those of the test kit and the test, which are on the same stack, may not.
 class TESTKIT_API FaultScope {
 public:
     explicit FaultScope(bool allowed) : _before(_allowed) { _allowed = allowed; }

@@ -42,7 +42,7 @@ int parcels = 0;
 int stubs = 0;
 int infos = 0;
 
-// Asked with every call of the platform.
+// Called for every call of the platform.
 bool isOurs(const void *caller) {
     const std::less<const void *> isBefore;
     return !isBefore(caller, &__ehdr_start) && isBefore(caller, &etext);
@@ -82,8 +82,8 @@ int stopFailing() {
     return failed;
 }
 
-// A callback that the application's side has given to the platform. The platform calls ours, so that
-// allocations may fail for as long as the library runs.
+// A callback that the application or the library has given to the platform. The platform calls a
+// function of the kit instead, which lets allocations fail while the callback runs.
 template <typename Callback>
 struct Registered {
     Callback callback = nullptr;
@@ -91,7 +91,8 @@ struct Registered {
     Ecore_Timer *timer = nullptr; // of a timer's callback
 };
 
-// Those of a stub, until it is destroyed; the application may have stubs of its own.
+// The callbacks of each stub, until the stub is destroyed; the application may have stubs of its
+// own.
 std::multimap<rpc_port_stub_h, std::shared_ptr<void>> stubCallbacks;
 
 template <typename Callback>
@@ -200,7 +201,7 @@ Hooks &hooks() {
     return hooks;
 }
 
-// What a call that fails may leave in its out-argument: nothing to be used, or freed.
+// Stores in the out-argument of a failed call a value that must not be used or freed.
 template <typename Value>
 void spoil(Value **out) {
     *out = reinterpret_cast<Value *>(8);
@@ -253,7 +254,7 @@ int callOut(const Site &site, Value *out, Arguments... arguments) {
     return result;
 }
 
-// Likewise for a function that stores a new handle, which counts if the application's side has it.
+// Likewise for a function that stores a new handle, which is counted unless the kit made the call.
 template <auto OURS, typename Handle, typename... Arguments>
 int create(const Site &site, int &live, Handle *out, Arguments... arguments) {
     const int result = callOut<OURS>(site, out, arguments...);

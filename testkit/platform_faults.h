@@ -22,8 +22,8 @@ struct FailableCall {
 };
 TESTKIT_API const std::vector<FailableCall> &failableCalls();
 
-// What a test is told of the callbacks that the library hands to the platform, so that it can call
-// them at moments, and with data, that the platform would not.
+// Tells a test which callbacks the library passes to the platform, so that the test can call them
+// at moments and with data that the platform would not choose.
 struct Hooks {
     std::function<void(Ecore_Task_Cb, void *data)> timer = [](Ecore_Task_Cb, void *) {}; // before
     std::function<void(bundle_iterator_t)> iterator = [](bundle_iterator_t) {}; // it is used
@@ -31,11 +31,11 @@ struct Hooks {
 };
 TESTKIT_API Hooks &hooks();
 
-// How many bundles, parcels, stubs, app infos and timers the application's side holds now, as a text.
+// How many bundles, parcels, stubs, app infos and timers the application and the library hold now.
 TESTKIT_API std::string liveHandles();
 constexpr const char *NO_HANDLES = "0 bundles, 0 parcels, 0 stubs, 0 app infos, 0 timers";
 
-// Whether this process finds our functions, and not the platform's, under the platform's names.
+// Whether this process resolves the platform's names to the test kit's functions.
 bool standsBeforePlatform();
 
 } // namespace nelvo::testkit

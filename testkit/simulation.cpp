@@ -27,7 +27,7 @@ namespace {
 
 constexpr const char *ALLOW_LIST_FILE = "/usr/share/nelvo/allow_list.dat";
 constexpr const char *LIBRARY = "NELVO-APPSDK"; // its tag in the log
-constexpr const char *NOTE = "NOTE";            // the tag of what is no log entry
+constexpr const char *NOTE = "NOTE";            // the tag of a test's own notes
 constexpr const char *SDK_VERSION_KEY =
     "http://developer.tizen.org/tizen/metadata/nelvo/sdk/version";
 
@@ -63,7 +63,7 @@ void keepLine(log_priority priority, const char *tag, const char *text, void *) 
     device.log.push_back(std::move(line));
 }
 
-// A file of its own for each opening: readers work with the descriptor.
+// Opens a new temporary file each time, since readers use its descriptor.
 FILE *openAllowList(const char *mode) {
     if (!device.allowList) {
         errno = ENOENT;
@@ -183,7 +183,7 @@ std::vector<std::string> Simulation::takeWarnings() {
 
 } // namespace nelvo::testkit
 
-// Stand before the C library's own, so that what opens the allow list finds the simulated one.
+// Replace the C library's functions, so that the allow list that is opened is the simulated one.
 extern "C" TESTKIT_API FILE *fopen(const char *path, const char *mode) {
     return nelvo::testkit::openFile("fopen", path, mode);
 }

@@ -13,8 +13,8 @@
 
 namespace {
 
-// A descriptor that becomes readable when the process is asked to end; -1 on failure. Signals come
-// through the main loop this way, where everything may be called.
+// A descriptor that becomes readable when the process is asked to end; -1 on failure. So signals
+// are handled on the main loop, where every function may be called.
 int watchSignals() {
     sigset_t signals;
     sigemptyset(&signals);

@@ -10,7 +10,7 @@ namespace {
 constexpr int MAX_VOLUME = 100;
 constexpr double MAX_POSITION_SECONDS = 3600;
 
-// The number under key; null when there is none, or params are not even JSON.
+// The number under key; null if there is none or params is not JSON.
 json findNumber(const std::string &params, const char *key) {
     json parsed = json::parse(params, nullptr, false);
     if (!parsed.is_object() || !parsed.contains(key) || !parsed[key].is_number())

@@ -136,7 +136,7 @@ message::message() {
 }
 
 message::~message() {
-    // Out of the list first: a disconnected event must not terminate a service a second time.
+    // Moved out of the list first, so that a disconnected event cannot terminate a service twice.
     _byInstance.clear();
     const auto services = std::exchange(_services, {});
     for (const auto &service : services)
@@ -182,7 +182,7 @@ void message::OnDisconnectedCB(const char *, const char *instance, void *data) {
     self->_byInstance.erase(found);
 }
 
-// A call may destroy the stub: after Send() only what is on the stack is used.
+// The service may destroy the stub: after Send() only local variables are used.
 int message::OnReceivedCB(const char *, const char *instance, rpc_port_h port, void *data) {
     auto *self = static_cast<message *>(data);
     const std::shared_ptr<ServiceBase> service = self->FindService(instance);
@@ -213,7 +213,7 @@ int message::OnReceivedCB(const char *, const char *instance, rpc_port_h port, v
     switch (method) {
     case SET_CB:
     case UNSET_CB: {
-        // A client that can't be answered is dropped, which it notices, before anything is changed.
+        // Before anything is changed: ends the connection of a client that cannot be answered.
         if (replyError != RPC_PORT_ERROR_NONE) {
             LOG_ERROR("Failed to create reply parcel");
             return replyError;

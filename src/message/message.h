@@ -31,7 +31,7 @@ public:
             bundle_free(_handle);
     }
 
-    // Stays owned by this object.
+    // The bundle stays this object's.
     bundle *GetHandle() const { return _handle; }
 
 private:
@@ -46,7 +46,7 @@ class InvalidCallbackException : public Exception {};
 class InvalidIOException : public Exception {};
 
 // The server side of the "message" interface: accepts clients, turns their parcels into calls of
-// one service per connection, and carries answers back through the callbacks that they registered.
+// one service per connection, and sends answers back through the callbacks that clients registered.
 //
 // Wire format. Every parcel begins with an int32 that says what follows:
 //   0 Result    to the client, on the port of the request: int32, what the method returned
@@ -56,11 +56,11 @@ class InvalidIOException : public Exception {};
 //   4 Send      from the client: bundle. Not answered
 // The callback fields are int32 id, int32 sequence number, bool once.
 //
-// Owns the platform's stub, the factory and the services. Main-loop thread only, but for the
+// Owns the platform's stub, the factory and the services. Main-loop thread only, except the
 // sequence numbers of callbacks. A service may destroy the stub from inside Send().
 class message {
 public:
-    // What identifies a callback of the client's, on the wire the callback fields.
+    // What identifies a callback of the client: the callback fields on the wire.
     class CallbackBase {
     public:
         CallbackBase(int id, bool once) : _id(id), _seqId(seq_num_.fetch_add(1)), _once(once) {}
@@ -84,17 +84,17 @@ public:
 
     class ServiceBase;
 
-    // The way back to the client: usable as long as its connection lasts, and harmless afterwards.
+    // The client's response callback: calls it while the connection lasts, throws afterwards.
     class ResponseCB : public CallbackBase {
     public:
-        // The port stays the connection's; null when the client has none.
+        // The port stays the connection's; null if the client has none.
         ResponseCB(rpc_port_h port, std::weak_ptr<ServiceBase> service);
 
         // Sends text and response to the client.
         //
-        // Throws NotConnectedSocketException when there is no port or the connection is gone,
-        // InvalidCallbackException when a callback for one use has been used, and
-        // InvalidIOException when the parcel can't be built; nothing has been sent then.
+        // Throws NotConnectedSocketException if there is no port or the connection has ended,
+        // InvalidCallbackException if a callback for one use has been used, and
+        // InvalidIOException if the parcel cannot be built; nothing has been sent then.
         void Invoke(std::string text, Bundle response);
 
     private:
@@ -103,7 +103,7 @@ public:
         bool _valid = true; // false once it has been invoked
     };
 
-    // What a client's calls arrive at, one object per connection.
+    // Receives a client's calls; one object per connection.
     class ServiceBase {
     public:
         class Factory {
@@ -133,18 +133,19 @@ public:
 
         std::string _sender;
         std::string _instance;
-        // The ports of an ended connection are gone, even while a call holds its service.
+        // To be called when the connection ends: its ports are no longer valid, though a call in
+        // progress may still hold the service.
         bool _connected = true;
     };
 
-    // Throws InvalidIOException when the platform refuses the stub.
+    // Throws InvalidIOException if the platform refuses the stub.
     message();
     message(const message &) = delete;
     message &operator=(const message &) = delete;
     ~message();
 
-    // Accepts clients from now on. Throws InvalidIOException when the platform answers with an I/O
-    // or an invalid-parameter error; any other refusal is only logged.
+    // Accepts clients from now on. Throws InvalidIOException if the platform returns an I/O or an
+    // invalid-parameter error; any other error is only logged.
     void Listen(std::shared_ptr<ServiceBase::Factory> factory);
 
 private:
@@ -162,10 +163,10 @@ private:
     std::multimap<std::string_view, Services::iterator> _byInstance; // equal ones in that order
 };
 
-// Writes the callback fields; throws InvalidIOException when one can't be written.
+// Writes the callback fields; throws InvalidIOException if one cannot be written.
 void *operator<<(void *parcel, const message::CallbackBase &callback);
 
-// Reads the callback fields; one that can't be read keeps its value.
+// Reads the callback fields; one that cannot be read keeps its value.
 void *operator>>(void *parcel, message::CallbackBase &callback);
 
 } // namespace stub

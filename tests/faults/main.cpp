@@ -65,8 +65,8 @@ public:
 private:
     static constexpr int MOST_CALLS = 100;
 
-    // Fails call 1, 2, 3 ... until there is no such call any more, or something does not hold; gives
-    // how many there were.
+    // Fails call 1, 2, 3 ... until there is no such call any more, or something does not hold;
+    // gives how many there were.
     int each(const std::string &script, const std::function<void(Point &, int)> &prepare) {
         int reached = 0;
         const int first = 1 + _offset++ % _every;

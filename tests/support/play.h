@@ -12,14 +12,16 @@
 
 namespace nelvo::testkit {
 
-// Plays a script: what the application and two clients do, one letter a step; the table STEPS in play.cpp
-// says what each letter means. Besides, "{...}" is what the next callback does, steps that are played
-// inside it, and "[2,1,1,0]" a parcel of these numbers, four bytes each, that the client sends.
+// Plays a script: what the application and two clients do, one letter a step; the table STEPS in
+// play.cpp says what each letter means. Besides, "{...}" is what the next callback does, steps that
+// are played inside it, and "[2,1,1,0]" a parcel of these numbers, four bytes each, that the client
+// sends.
 //
-// Beside the script runs a model of what must come of it. Checked against the model, after every step:
-// each return code, each callback with its moment and handler number, each answer, what the library
-// holds. With faults about, the model is of no use; then only what must hold whatever fails is checked:
-// return codes are documented ones, nobody is answered twice, or with an id that was never sent.
+// Beside the script runs a model of what must come of it. Checked against the model, after every
+// step: each return code, each callback with its moment and handler number, each answer, what the
+// library holds. With faults about, the model is of no use; then only what must hold whatever fails
+// is checked: return codes are documented ones, nobody is answered twice, or with an id that was
+// never sent.
 class Play {
 public:
     enum class Check { MODEL, INVARIANTS };

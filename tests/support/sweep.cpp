@@ -53,7 +53,8 @@ std::vector<std::string> playHere(const Point &point, const std::vector<std::str
 }
 
 // How many blocks a process in good health keeps when all is over, the singletons and what the
-// platform holds for good: measured by the first point, which plays without a fault, for all others.
+// platform holds for good: measured by the first point, which plays without a fault, for all
+// others.
 long &keptBlocks() {
     static void *shared =
         mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);

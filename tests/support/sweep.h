@@ -23,15 +23,15 @@ enum class Outcome : int { HELD = 0, NOT_REACHED = 77, BROKEN = 78 };
 
 constexpr std::chrono::milliseconds HANG(20'000);
 
-// What the work says in a process of its own; BROKEN when that dies, hangs or leaks, which is said on
-// stderr.
+// What the work says in a process of its own; BROKEN when that dies, hangs or leaks, which is said
+// on stderr.
 Outcome inChild(const std::string &name, const std::function<Outcome()> &work,
                 std::chrono::milliseconds limit = HANG);
 
-// Plays the point in a process of its own. Afterwards a healthy application must be possible, nothing
-// may be left of what the library held, and each line that it logged must match one of the patterns
-// ("E receiveRequest: text", with wildcards). Says on stderr what does not hold. The first point of a
-// program has no fault: its blocks of memory are what the others may keep.
+// Plays the point in a process of its own. Afterwards a healthy application must be possible,
+// nothing may be left of what the library held, and each line that it logged must match one of the
+// patterns ("E receiveRequest: text", with wildcards). Says on stderr what does not hold. The first
+// point of a program has no fault: its blocks of memory are what the others may keep.
 Outcome playPoint(const Point &point, const std::vector<std::string> &logPatterns,
                   std::chrono::milliseconds limit = HANG);
 

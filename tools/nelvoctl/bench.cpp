@@ -26,7 +26,7 @@ struct Percentile {
 const Percentile PERCENTILES[] = {{"min", 0},    {"p50", 0.5},     {"p90", 0.9},
                                   {"p99", 0.99}, {"p99.9", 0.999}, {"max", 1}};
 
-// A bar on stderr while it is a terminal; gone when all is done.
+// A progress bar on stderr, if that is a terminal; erased at the end.
 class Progress {
 public:
     explicit Progress(int total) : _total(total) {}
@@ -51,7 +51,7 @@ private:
     int _shown = -1; // nothing yet
 };
 
-// The smallest time that so large a portion of all does not exceed; the times are in order.
+// The percentile of the sorted times, by nearest rank.
 double percentile(const std::vector<double> &times, double portion) {
     const double rank = std::ceil(portion * static_cast<double>(times.size()));
     return times[static_cast<std::size_t>(std::max(rank, 1.0)) - 1];

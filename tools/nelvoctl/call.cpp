@@ -18,7 +18,7 @@ json toJson(const nelvo::client::Response &response) {
     return document;
 }
 
-// JSON in a result is set out; other texts stand as they are, line by line.
+// Indents a result that is JSON; prints any other text as it is.
 std::string forPeople(const std::string &text) {
     const json document = json::parse(text, nullptr, false);
     std::string lines, line;

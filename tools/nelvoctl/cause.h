@@ -7,7 +7,7 @@
 
 namespace nelvoctl {
 
-// What the process ends with; scripts rely on the numbers.
+// The exit codes of the process; scripts rely on the numbers.
 enum ExitCode {
     EXIT_CODE_SUCCESS = 0,
     EXIT_CODE_FAILURE = 1, // the application, or the library in it, answered with a failure
@@ -16,7 +16,7 @@ enum ExitCode {
     EXIT_CODE_SILENT = 4,
 };
 
-// Why a command has not succeeded.
+// Why a command failed.
 enum class Cause {
     FAILURE,
     NO_CALLBACK,
@@ -53,7 +53,7 @@ const CauseEntry &entryOf(Cause cause);
 // The exit codes with their causes, for --help.
 std::string exitCodeTable();
 
-// What ends a command: thrown where it is noticed, reported in one place.
+// Thrown to end a command; run() reports it.
 struct Failure : std::exception {
     Failure(Cause why, std::string what) : cause(why), message(std::move(what)) {}
 

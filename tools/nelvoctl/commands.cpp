@@ -26,7 +26,7 @@ std::string checkSeconds(const std::string &text) {
     return "\"" + text + "\" is not a number of seconds above 0";
 }
 
-// What else makes an id invalid the platform finds out.
+// The platform checks everything else about an id.
 std::string checkId(const std::string &text) {
     for (char character : text)
         if (!std::isalnum(static_cast<unsigned char>(character)) && !std::strchr("._-", character))
@@ -34,7 +34,7 @@ std::string checkId(const std::string &text) {
     return "";
 }
 
-// Must come before any connection: the platform presents the process's id.
+// Must come before any connection, since the platform presents the id of the process.
 void becomeClient(const std::string &clientId) {
     if (host_set_app_id(clientId.c_str()) != 0)
         throw Failure(Cause::USAGE, "\"" + clientId +
@@ -76,7 +76,7 @@ int parseAndRun(CLI::App &parser, int argc, const char *const *argv) {
     return EXIT_CODE_USAGE; // not reached: the parser wants a command
 }
 
-// For arguments that cannot be understood otherwise.
+// Reported if the arguments cannot be parsed.
 bool asksForJson(int argc, const char *const *argv) {
     for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; i++)
         if (std::strcmp(argv[i], "--json") == 0)

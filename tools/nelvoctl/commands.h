@@ -11,7 +11,7 @@
 
 namespace nelvoctl {
 
-// What the command line says; each command reads what it has declared.
+// The arguments of the command line; each command reads those that it has declared.
 struct Options {
     bool json = false;
     Target target;
@@ -34,12 +34,12 @@ struct Command {
 
 extern const Command LIST, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE;
 
-// Arguments that several commands have. The first declares those of an application that is asked.
+// Declare arguments that several commands share.
 void addTarget(CLI::App &arguments, Options &options);
 void addAction(CLI::App &arguments, Options &options);
 CLI::Option *addSeconds(CLI::App &arguments, const char *name, double &seconds, const char *help);
 
-// Prints the answer to a request of that name; returns the exit code.
+// Prints the answer to a request for that action; returns the exit code.
 int printAnswer(const Options &options, const std::string &request,
                 const nelvo::client::Response &response);
 

@@ -21,7 +21,7 @@ namespace {
 constexpr double PROBE_SECONDS = 4;
 constexpr double LIBRARY_SECONDS = 30; // the library has given up itself by then
 
-// Why a process that runs is not there to connect to.
+// Why a running process cannot be connected to.
 Failure explainDeaf(const std::string &appId, const AppProcess &process) {
     const std::string who = appId + " runs as process " + std::to_string(process.pid);
     if (!process.isHere())
@@ -88,7 +88,8 @@ Failure explainUnreachable(const std::string &appId, int error) {
 }
 
 Failure explainStuck(const std::string &appId, double seconds) {
-    std::string message = "the main loop of " + appId + " has not turned within " + shown(seconds);
+    std::string message =
+        "the main loop of " + appId + " has not responded within " + shown(seconds);
     const auto processes = findProcesses(appId);
     if (!processes.empty() && processes.front().isHere())
         message += "; its process " + std::to_string(processes.front().pid) + " " +
@@ -115,16 +116,16 @@ Failure explainSilence(const Target &target) {
     const std::string waited = "no answer within " + shown(target.timeoutSeconds);
     const Probe now = probe(target.appId, PROBE_SECONDS);
     if (now.error != RPC_PORT_ERROR_NONE)
-        return {Cause::CONNECTION_LOST, target.appId + " is gone"};
+        return {Cause::CONNECTION_LOST, target.appId + " has ended"};
     if (!now.answers)
         return explainStuck(target.appId, target.timeoutSeconds + now.seconds);
     if (target.timeoutSeconds > LIBRARY_SECONDS)
         return {Cause::SUPERSEDED, waited + " although the main loop of " + target.appId +
-                                       " turns; or it was stopped and started anew, or had no "
-                                       "memory for the answer"};
+                                       " responds; or the library was stopped and started again, "
+                                       "or memory was too short for the answer"};
     return {Cause::CLIENT_TIMEOUT, waited + " although the main loop of " + target.appId +
-                                       " turns: it is still at it, or a newer request overtook "
-                                       "this one"};
+                                       " responds: it is still working on the request, or a newer "
+                                       "request overtook this one"};
 }
 
 } // namespace nelvoctl

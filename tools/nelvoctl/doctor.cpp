@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// doctor: checks everything between a client and an application, and says how to mend it.
+// doctor: checks everything between a client and an application, and says how to fix each problem.
 #include <functional>
 #include <vector>
 
@@ -17,12 +17,12 @@ namespace {
 
 using nlohmann::json;
 
-// Thrown by a check that cannot tell.
+// Thrown by a check that cannot decide.
 struct Unknown {
     std::string why;
 };
 
-// A check returns what it found, or throws Failure or Unknown.
+// A check returns a text with its finding, or throws Failure or Unknown.
 struct Check {
     const char *name;
     std::function<std::string()> find;
@@ -38,7 +38,7 @@ std::string checkRuntimeDir() {
 
 std::string describeProcess(const std::vector<AppProcess> &processes) {
     if (processes.empty())
-        throw Unknown{"none to be seen; it does not run, or it runs in a container"};
+        throw Unknown{"not found: it does not run, or it runs in a container"};
     const AppProcess &first = processes.front();
     return std::to_string(first.pid) + ", " + first.program + ", " + first.activity() +
            (first.isHere() ? "" : ", with the runtime directory " + first.runtimeDir);
@@ -46,7 +46,7 @@ std::string describeProcess(const std::vector<AppProcess> &processes) {
 
 std::string checkSdkVersion(const std::string &path, const std::string &appId) {
     if (path.empty())
-        throw Unknown{"no process to take the manifest of; name it with --manifest"};
+        throw Unknown{"no process, so its manifest is not known; name it with --manifest"};
     const Manifest manifest = readManifest(path, appId);
     if (!manifest.isAdmitted())
         throw Failure(Cause::SDK_VERSION, path + " " + manifest.found());
@@ -90,7 +90,7 @@ json performAll(const std::vector<Check> &checks) {
         if (check.needsPrevious && results.back()["status"] != "ok")
             results.push_back({{"check", check.name},
                                {"status", "skipped"},
-                               {"found", "the check before has not succeeded"}});
+                               {"found", "the previous check did not succeed"}});
         else
             results.push_back(perform(check));
     }
@@ -124,7 +124,7 @@ int runDoctor(const Options &options) {
         {"process", [&] { return describeProcess(processes); }, false},
         {"SDK version", [&] { return checkSdkVersion(manifest, target.appId); }, false},
         {"allow list", [&] { return checkAllowList(target.clientId); }, false},
-        {"connection", [&] { return session.connect(), "its main loop turns"; }, false},
+        {"connection", [&] { return session.connect(), "its main loop responds"; }, false},
         {"response callback", [&] { return session.registerCallback(), "accepted"; }, true},
         {"state request", [&] { return checkState(session, target.appId); }, true},
     });

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "output.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
 #include <cwctype>
 
@@ -70,7 +72,8 @@ std::string dump(const nlohmann::json &document, int indent) {
 
 void print(const std::string &line) {
     if (std::printf("%s\n", line.c_str()) < 0 || std::fflush(stdout) != 0)
-        throw Failure(Cause::OUTPUT, "could not write to stdout");
+        throw Failure(Cause::OUTPUT,
+                      std::string("could not write to stdout: ") + std::strerror(errno));
 }
 
 void note(const std::string &line) {
@@ -87,7 +90,7 @@ nlohmann::json toJson(const Failure &failure) {
 
 int report(const Failure &failure, bool json) {
     const CauseEntry &entry = failure.entry();
-    // When stdout itself is the trouble there is only stderr to say so.
+    // If stdout cannot be written, the failure can only go to stderr.
     if (json && failure.cause != Cause::OUTPUT)
         print(dump({{"error", toJson(failure)}}));
     else

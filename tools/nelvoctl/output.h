@@ -9,10 +9,10 @@
 
 namespace nelvoctl {
 
-// Whether what goes to stdout is read by a person.
+// Whether stdout is a terminal.
 bool isTerminal();
 
-// The text with everything escaped that a terminal could obey, and what is not UTF-8.
+// The text with control characters and invalid UTF-8 escaped.
 std::string printable(const std::string &text);
 
 enum class Colour { DIM, GREEN, YELLOW, RED };
@@ -20,11 +20,10 @@ enum class Colour { DIM, GREEN, YELLOW, RED };
 // The text in that colour if stdout is a terminal and NO_COLOR is not set.
 std::string paint(Colour colour, const std::string &text);
 
-// The text and so many blanks that it is width columns wide.
+// The text, padded with blanks to that many columns.
 std::string padded(const std::string &text, int width);
 
-// Fit for a terminal where stdout is one. Texts of applications need not be UTF-8: what is not is
-// replaced.
+// The document as text: escaped if stdout is a terminal, invalid UTF-8 replaced.
 std::string dump(const nlohmann::json &document, int indent = -1);
 
 // Writes one line to stdout. Throws Failure.
@@ -33,10 +32,10 @@ void print(const std::string &line);
 // Writes one line for people to stderr.
 void note(const std::string &line);
 
-// The failure as a member of a document.
+// The failure as a JSON object.
 nlohmann::json toJson(const Failure &failure);
 
-// Says what went wrong, as JSON on stdout or in words on stderr; returns the exit code.
+// Reports the failure, as JSON on stdout or as text on stderr; returns the exit code.
 int report(const Failure &failure, bool json);
 
 } // namespace nelvoctl

@@ -21,14 +21,15 @@ namespace {
 
 const char *const SDK_VERSION_KEY = "http://developer.tizen.org/tizen/metadata/nelvo/sdk/version";
 
-// What can be read: nothing when it is not ours to read, a part when the process ends meanwhile.
+// The content of the file: empty without permission, incomplete if the process ends meanwhile.
 std::string contentOf(const fs::path &path) {
     std::ostringstream content;
     content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
 }
 
-// The value in the list of NAME=VALUE, each with a zero behind it, that a process began with.
+// The value of the variable in a process's initial environment, a list of zero-terminated
+// NAME=VALUE.
 std::string lookUp(const std::string &environment, const char *name) {
     const std::string all = '\0' + environment;
     const std::string start = '\0' + std::string(name) + '=';
@@ -42,7 +43,7 @@ bool takeVersionCb(const char *key, const char *value, void *version) {
     return true;
 }
 
-// The state stands behind the program's name, which may itself hold brackets and blanks.
+// The state follows the program's name, which may itself contain brackets and blanks.
 char stateOf(const fs::path &folder) {
     const std::string stat = contentOf(folder / "stat");
     const std::size_t end = stat.rfind(") ");

@@ -8,7 +8,7 @@
 
 namespace nelvoctl {
 
-// A process of ours that uses the library, as the system shows it.
+// A process of this user that uses the library, as /proc shows it.
 struct AppProcess {
     pid_t pid = 0;
     std::string program;    // path
@@ -18,20 +18,21 @@ struct AppProcess {
 
     // Whether its runtime directory is ours.
     bool isHere() const;
-    // What it is doing, as in "process 12 is stopped".
+    // The process's state as a text, such as "process 12 is stopped".
     const char *activity() const;
 };
 
-// The processes whose application id this is, those in our runtime directory first.
+// The processes with this application id; those that use this process's runtime directory come
+// first.
 std::vector<AppProcess> findProcesses(const std::string &appId);
 
-// What a manifest says of an application.
+// What a manifest says about an application.
 struct Manifest {
-    bool isRead = false;    // there is one, and it names the application
+    bool isRead = false;    // the manifest exists and names the application
     std::string sdkVersion; // empty: none is given
 
-    // Whether the library initialises itself under it. An application without a manifest is let
-    // through.
+    // Whether nelvo_initialize() succeeds with this manifest. An application without a manifest is
+    // admitted.
     bool isAdmitted() const;
     std::string found() const; // as in "FILE gives no SDK version"
 };

@@ -7,18 +7,18 @@
 
 namespace nelvoctl {
 
-// The directory where applications listen, as the host platform chooses it: from our environment, or from
-// the one that lookup reads. Empty when memory ran out.
+// The directory where applications listen, as the host platform chooses it: from this process's
+// environment, or from the environment that lookup reads. Empty if memory is short.
 std::string runtimeDir();
 std::string runtimeDir(std::function<std::string(const char *name)> lookup);
 
 // Whether the other path leads to our runtime directory.
 bool isRuntimeDir(const std::string &path);
 
-// Why it cannot be used, as in "DIR belongs to another user"; empty when it can.
+// Why the directory cannot be used, such as "DIR belongs to another user"; empty if it can.
 std::string faultOf(const std::string &dir);
 
-// The ids of the applications that have a socket there, dead ones included; in order.
+// The sorted ids of the applications that have a socket there, even if their processes are dead.
 std::vector<std::string> listedApps(const std::string &dir);
 
 } // namespace nelvoctl

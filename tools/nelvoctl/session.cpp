@@ -33,7 +33,7 @@ bool runLoopUntil(double seconds, const std::function<bool()> &done) {
     bool expired = false;
     Ecore_Timer *timer = ecore_timer_add(seconds, expiredCb, &expired);
     if (!timer)
-        throw Failure(Cause::INTERNAL, "no timer to be had");
+        throw Failure(Cause::INTERNAL, "a timer could not be created");
     while (!expired && !done())
         ecore_main_loop_begin();
     if (!expired)
@@ -52,7 +52,7 @@ Session::Session(const Target &target) : _target(target) {
         end(Cause::CONNECTION_LOST, "lost the connection to " + app + " before it answered");
     };
     _proxy.events.answered = [this](const nelvo::client::Answer &answer) {
-        // Answers to an earlier client of our name come here as well.
+        // Answers to an earlier client with the same id arrive here as well.
         if (answer.response.requestId != _request.requestId)
             return;
         _response = answer.response;
@@ -69,7 +69,7 @@ void Session::end(Cause cause, const std::string &message) {
     ecore_main_loop_quit();
 }
 
-// Asks for the connection as soon as somebody listens.
+// Connects as soon as the application listens.
 void Session::reach() {
     const double start = ecore_time_get();
     for (;;) {
@@ -90,7 +90,7 @@ void Session::connect() {
         runLoopUntil(_target.timeoutSeconds, [this] { return _connected || hasEnded(); });
     if (_connected && !hasEnded())
         return;
-    // The platform gives up after 5 s and calls that a refusal.
+    // The platform gives up after 5 s, and reports that as a refusal.
     if (!decided || ecore_time_get() - start > 4)
         throw explainStuck(_target.appId, ecore_time_get() - start);
     throw *_failure;
@@ -108,7 +108,7 @@ Response Session::ask(const std::string &actionId, const std::optional<std::stri
     _response.reset();
     std::uint64_t &id = _request.requestId;
     if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id))
-        throw Failure(Cause::INTERNAL, "no random request id to be had");
+        throw Failure(Cause::INTERNAL, "a random request id could not be read");
     const BundlePtr bundle = nelvo::client::makeRequest(_request);
     if (!bundle || (!hasEnded() && _proxy.send(bundle.get()) != RPC_PORT_ERROR_NONE))
         throw Failure(Cause::CONNECTION_LOST, "could not send the request to " + _target.appId +

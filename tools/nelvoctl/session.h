@@ -10,23 +10,22 @@
 
 namespace nelvoctl {
 
-// Runs the main loop until done() or until the time is over; whether it was done. What makes it
-// done calls ecore_main_loop_quit().
+// Runs the main loop until done() returns true or the time is over; returns done(). Whoever makes
+// done() true calls ecore_main_loop_quit().
 bool runLoopUntil(double seconds, const std::function<bool()> &done);
 
-// Whom to ask, as whom, and how patiently.
+// Which application to ask, as which client, and how long to wait.
 struct Target {
     std::string appId;
     std::string clientId = "nelvo.client"; // who the process is; for messages here
-    // For connecting, and again for each answer. Longer than the library waits for the application:
-    // its own failure is to arrive first.
+    // For connecting, and again for each answer. Longer than the library waits for the application,
+    // so that the library's time-out failure arrives first.
     double timeoutSeconds = 35;
     double waitSeconds = 0; // how long the application may take to come up
 };
 
-// One connection to an application. The steps come in this order, ask() as often as one likes; each
-// throws Failure, with the cause as well as it can be told from here, and the session is of no more
-// use then.
+// One connection to an application. Call the steps in this order, ask() any number of times. Each
+// step throws Failure with its most likely cause; the session cannot be used afterwards.
 class Session {
 public:
     explicit Session(const Target &target);
@@ -49,11 +48,11 @@ private:
     std::optional<Failure> _failure; // why the connection has ended
 };
 
-// A whole request, over a connection of its own.
+// Connects, sends one request and returns the answer.
 nelvo::client::Response exchange(const Target &target, const std::string &actionId,
                                  const std::optional<std::string> &params = std::nullopt);
 
-// Why a response is none of success.
+// The failure that a response reports.
 std::optional<Failure> failureOf(const nelvo::client::Response &response, const std::string &appId);
 
 } // namespace nelvoctl

@@ -23,11 +23,11 @@ const char *const HELP = "ACTION_ID [PARAMS]  perform an action; PARAMS are the 
                          ".help               this text\n"
                          ".quit               end; so does Ctrl-D";
 
-// Action ids that have been used, and what begins with a dot. The editor asks without an argument
-// of ours.
+// The words to complete: action ids used so far, and the shell's own commands. Global, since the
+// editor's callback has no argument for user data.
 std::set<std::string> words = {".state", ".help", ".quit"};
 
-// Gives the words that begin with start, one per call, allocated for the editor; then null.
+// Returns the words that begin with start, one per call, then null. The editor frees each word.
 char *completeCb(const char *start, int repeated) {
     static std::set<std::string>::iterator next;
     if (!repeated)
@@ -37,7 +37,7 @@ char *completeCb(const char *start, int repeated) {
     return strdup((next++)->c_str());
 }
 
-// Of a line: the first word, and the rest if there is one.
+// Splits a line into its first word and the rest.
 std::pair<std::string, std::optional<std::string>> split(const std::string &line) {
     const std::size_t end = line.find(' ');
     if (end == std::string::npos)
@@ -52,8 +52,8 @@ std::string trimmed(const std::string &line) {
                : line.substr(start, line.find_last_not_of(" \t\r") + 1 - start);
 }
 
-// Lines from the editor, with a history that is kept per application; from a plain stdin when that
-// is no terminal.
+// Reads lines with the line editor, which keeps a history for each application; or directly from
+// stdin if that is not a terminal.
 class Lines {
 public:
     explicit Lines(const std::string &appId) : _prompt(appId + "> ") {
@@ -114,13 +114,13 @@ int perform(const Options &options, const std::string &line) {
         return printAnswer(options, "state",
                            exchange(options.target, nelvo::client::STATE_ACTION_ID));
     else if (word[0] == '.')
-        throw Failure(Cause::USAGE, "\"" + word + "\" is no command; .help lists them");
+        throw Failure(Cause::USAGE, "\"" + word + "\" is not a command; .help lists the commands");
     else
         return printAnswer(options, word, exchange(options.target, word, params));
     return EXIT_CODE_SUCCESS;
 }
 
-// A script sees the worst that has happened; a person has seen it already.
+// A script gets the exit code of the worst failure; a person has seen the failures already.
 int runShell(const Options &options) {
     Lines lines(options.target.appId);
     int worst = EXIT_CODE_SUCCESS;

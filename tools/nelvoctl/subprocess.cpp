@@ -21,7 +21,7 @@ constexpr int QUIET_MILLISECONDS = 50;
 
 volatile pid_t child = 0; // for the signal handler
 
-// The terminal sends Ctrl-C to the program as well.
+// The terminal sends Ctrl-C's signal to the program as well.
 void passOn(int signal) {
     if (signal != SIGINT && child > 0)
         kill(child, signal);
@@ -46,7 +46,7 @@ pid_t spawn(const std::vector<std::string> &program, int errorPipe) {
     return pid;
 }
 
-// Until the program and all that it has started have closed it.
+// Reads until the program and all its children have closed their stderr.
 void readLines(int pipe, const std::function<void(const std::string &)> &line,
                const std::function<void()> &quiet) {
     std::string pending;
@@ -82,7 +82,8 @@ int runAndRead(const std::vector<std::string> &program,
         setenv(name.c_str(), value.c_str(), 1);
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
-        throw Failure(Cause::INTERNAL, std::string("no pipe to be had: ") + std::strerror(errno));
+        throw Failure(Cause::INTERNAL,
+                      std::string("a pipe could not be created: ") + std::strerror(errno));
     std::signal(SIGINT, passOn);
     std::signal(SIGTERM, passOn);
     child = spawn(program, ends[1]);

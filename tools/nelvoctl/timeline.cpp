@@ -11,7 +11,7 @@ void Timeline::open(double time, const std::string &actionId) {
     _open = TracedRequest{++_count, _client, actionId, _arrival, 0, 0, 0, ""};
 }
 
-// What has been answered keeps that time.
+// Keeps the time of the first answer.
 void Timeline::close(double time, const std::string &outcome) {
     if (!_open)
         return;
@@ -66,7 +66,7 @@ void Timeline::take(double time, const std::string &function, const std::string 
     }
 }
 
-// An event that can only be the open request's.
+// An event that can only belong to the open request.
 void Timeline::takeOpen(nelvo::client::LogEvent event, double time, const std::string &detail) {
     using nelvo::client::LogEvent;
     if (event == LogEvent::CALLBACK_FOUND) {

@@ -9,7 +9,7 @@
 
 namespace nelvoctl {
 
-// What became of one request. Times are seconds of the monotonic clock; 0: that did not happen.
+// The course of one request. Times are seconds of the monotonic clock, or 0 if that did not happen.
 struct TracedRequest {
     int number = 0;
     std::string client;
@@ -21,20 +21,19 @@ struct TracedRequest {
     std::string outcome; // "answered", or what happened instead
 };
 
-// Puts the requests of an application together from the lines that its library logs.
+// Reconstructs the requests of an application from the lines that the library logs.
 //
 // One request is open at a time, as in the library. It ends when it is answered, dropped or
-// overtaken; an answer is known to have been sent only when the next line is no error, or when
-// nothing follows.
+// overtaken. An answer counts as sent if the next line is not an error, or if no line follows.
 class Timeline {
 public:
     std::function<void(const TracedRequest &)> ended;
-    // A report that the library did not want any more.
+    // A completion that came after the request had ended.
     std::function<void(const std::string &text)> ignoredReport;
 
-    // One entry: the function and the text behind "function(): ".
+    // One log entry: the function's name, and the text after "function(): ".
     void take(double time, const std::string &function, const std::string &text);
-    // Nothing has been logged for a while, or will be.
+    // To be called when nothing has been logged for a while, or nothing more will be.
     void rest();
 
 private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// trace: runs an application and prints what becomes of each request, from its library's log.
+// trace: runs an application and prints the course of each request, as the library's log tells it.
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -27,7 +27,7 @@ std::string column(const char *name, double value) {
     return value < 0 ? std::string(std::strlen(text), ' ') : text;
 }
 
-// Collects what is printed at once and what is written at the end.
+// Prints each request when it ends, and keeps all requests for the file written at the end.
 class Trace {
 public:
     explicit Trace(const Options &options) : _options(options) {
@@ -41,7 +41,7 @@ public:
         };
     }
 
-    // A line of the application's stderr. What the application would have shown anyway goes on.
+    // Takes a line of the application's stderr. Passes on what would have been shown without trace.
     void take(const std::string &line) {
         double time = 0;
         char level = 0;
@@ -55,7 +55,7 @@ public:
             std::fprintf(stderr, "%c %s\n", level, printable(entry).c_str());
         if (isEntry && _start == 0)
             _start = time;
-        // The library's: "NELVO-APPSDK: VERSION :  LINE FUNCTION(): TEXT"
+        // A line of the library: "NELVO-APPSDK: VERSION :  LINE FUNCTION(): TEXT"
         const std::size_t end = entry.find("(): ");
         if (entry.rfind("NELVO-APPSDK: ", 0) == 0 && end != entry.npos) {
             const std::size_t name = entry.rfind(' ', end) + 1;
@@ -99,7 +99,7 @@ private:
               "  " + printable(request.client));
     }
 
-    // In the format of trace viewers: spans with a start and a length in microseconds.
+    // In the Trace Event format: spans with a start and a duration in microseconds.
     void addEvents(const TracedRequest &request) {
         const auto add = [&](const std::string &name, double from, double to) {
             if (from > 0 && to > 0)

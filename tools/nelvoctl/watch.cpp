@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// watch: asks for the state again and again and prints what has changed.
+// watch: asks for the state at intervals and prints what has changed.
 #include <ctime>
 
 #include <nlohmann/json.hpp>
@@ -13,7 +13,7 @@ namespace {
 
 using nlohmann::json;
 
-// The state as JSON if it is that, else as one text.
+// The state as JSON, or as one string if it is not JSON.
 json readState(const std::string &state) {
     json document = json::parse(state, nullptr, false);
     return document.is_discarded() ? json(state) : document;
@@ -27,7 +27,7 @@ std::string timeOfDay() {
     return text;
 }
 
-// One line per place that differs: "volume: 50 -> 30".
+// One line for each value that differs: "volume: 50 -> 30".
 void printChanges(const json &before, const json &after) {
     for (const json &change : json::diff(before, after)) {
         const json::json_pointer place(change["path"].get<std::string>());

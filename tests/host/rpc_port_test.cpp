@@ -135,22 +135,6 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
     EXPECT_EQ(host_sim_timer_count(), 0);
 }
 
-TEST_F(RpcPortTest, DeliversToRoundsInsideWhatTheOneOutsideHasFound) {
-    start();
-    const auto other = connecting("o");
-    news(*server);
-    bool isInside = false;
-    server->onReceived = [&](rpc_port_h port) {
-        if (!std::exchange(isInside, true))
-            host_sim_advance(0);
-        server->note(takeText(port));
-        return 0;
-    };
-    EXPECT_EQ(sendText(client->port(), "1"), RPC_PORT_ERROR_NONE);
-    EXPECT_EQ(sendText(other->port(), "2"), RPC_PORT_ERROR_NONE);
-    EXPECT_EQ(news(*server), "2 1 ");
-}
-
 TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {
     start();
     const std::size_t limit = (16 << 20) - 5; // of a text
@@ -173,46 +157,6 @@ TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {
               sendText(client->port(), std::string(limit + 1, 'x')));
     EXPECT_TRUE("+c " + sent == news(*server));
     EXPECT_TRUE("connected early " + sent == news(*client));
-}
-
-TEST_F(RpcPortTest, DeliversLargeValuesWhateverBecomesOfTheirBundles) {
-    const auto append = [](const char *key, const int, const bundle_keyval_t *kv, void *to) {
-        void *value = nullptr;
-        std::size_t size = 0;
-        bundle_keyval_get_basic_val(const_cast<bundle_keyval_t *>(kv), &value, &size);
-        *static_cast<std::string *>(to) += key + std::string(static_cast<char *>(value), size);
-    };
-    std::string sent, received;
-    const auto take = [&](rpc_port_parcel_h parcel, std::string &to) {
-        bundle *b = nullptr;
-        EXPECT_EQ(rpc_port_parcel_read_bundle(parcel, &b), RPC_PORT_ERROR_NONE);
-        bundle_foreach(b, append, &to);
-        bundle_free(b);
-        rpc_port_parcel_destroy(parcel);
-    };
-    start();
-    host_sim_advance(0);
-    server->onReceived = [&](rpc_port_h port) {
-        rpc_port_parcel_h parcel = nullptr;
-        const int error = rpc_port_parcel_create_from_port(&parcel, port);
-        take(parcel, received);
-        return error;
-    };
-    for (const std::size_t size : {16'383UL, 16'384UL, 900'000UL, 300'000UL, 3UL, 20'000UL}) {
-        bundle *const b = bundle_create();
-        for (const char *const key : {"a", "b", "c"})
-            bundle_add_str(b, key, std::string(size, *key).c_str());
-        rpc_port_parcel_h parcel = nullptr;
-        rpc_port_parcel_create(&parcel);
-        EXPECT_EQ(rpc_port_parcel_write_bundle(parcel, b), RPC_PORT_ERROR_NONE);
-        bundle_free(b);
-        EXPECT_EQ(rpc_port_parcel_send(parcel, client->port()), RPC_PORT_ERROR_NONE);
-        take(parcel, sent);
-        if (size == 300'000UL)
-            host_sim_advance(0); // the next ones come together, where as much is expected again
-    }
-    host_sim_advance(0);
-    EXPECT_TRUE(sent == received && sent.size() == 3'758'346) << sent.size();
 }
 
 TEST_F(RpcPortTest, EndsTheConnectionOfAClientThatDoesNotReadOutsideTheSend) {

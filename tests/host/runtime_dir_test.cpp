@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The transport between processes: its sockets in the file system and what is said on them.
+// The transport between processes: its sockets in the file system.
 #include <rpc-port.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -9,7 +10,6 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -37,8 +37,7 @@ using peers::sendText;
 using peers::Server;
 using peers::takeText;
 
-// Each case has a runtime directory of its own. Some start the virtual clock once the server
-// listens: its sockets stay real ones, and seconds cost nothing.
+// Each case has a runtime directory of its own.
 class RuntimeDirTest : public testing::Test {
 protected:
     RuntimeDirTest() {
@@ -193,13 +192,10 @@ TEST_F(RuntimeDirTest, TakesOverWhatADeadServerLeftAndNothingElse) {
 
 TEST_F(RuntimeDirTest, ServesClientsOfOtherProcesses) {
     const std::string large(3'000'000, 'r');
-    Child child([&] {
+    const Child child([&] {
         Server server;
         server.onReceived = [&](rpc_port_h port) {
-            const std::string text = takeText(port);
-            if (text == "die")
-                _exit(0);
-            return sendText(server.callbackPort(), "event") + sendText(port, large + text);
+            return sendText(server.callbackPort(), "event") + sendText(port, takeText(port));
         };
         ecore_main_loop_begin();
         return 1;
@@ -207,112 +203,18 @@ TEST_F(RuntimeDirTest, ServesClientsOfOtherProcesses) {
     Client client;
     client.onEvent = [](const std::string &) { ecore_main_loop_quit(); };
     while (client.connect() != RPC_PORT_ERROR_NONE)
-        sched_yield(); // the child is not there yet
+        sched_yield(); // the child does not listen yet
     ecore_main_loop_begin();
     for (const std::string &text : {std::string("call"), large}) {
         sendText(client.port(), text);
-        EXPECT_TRUE(large + text == takeText(client.port()));
+        EXPECT_TRUE(takeText(client.port()) == text);
     }
-    sendText(client.port(), "die");
+    child.signal(SIGKILL);
     EXPECT_EQ(takeText(client.port()), "(none)");
-    EXPECT_EQ("connected ", client.events); // no event from inside the wait
+    EXPECT_EQ(client.events, "connected ") << "no event is delivered inside the wait";
     while (client.port())
         ecore_main_loop_begin();
     EXPECT_EQ(client.events, "connected event event disconnected ");
-    EXPECT_EQ(child.wait(), 0);
-}
-
-TEST_F(RuntimeDirTest, EndsTheConnectionThatDoesNotKeepToTheProtocol) {
-    Server server;
-    host_sim_start();
-    server.onReceived = [&](rpc_port_h port) {
-        rpc_port_parcel_h parcel = nullptr;
-        EXPECT_EQ(rpc_port_parcel_create_from_port(&parcel, port), RPC_PORT_ERROR_NONE);
-        rpc_port_parcel_send(parcel, server.callbackPort());
-        return server.note("frame"), rpc_port_parcel_destroy(parcel);
-    };
-    RawSocket goodMain(path), goodCallback(path);
-    goodCallback.say(hello(CALLBACK, "g"));
-    for (const char byte : hello(MAIN, "g") + frame("") + frame("abc")) { // however it is cut
-        goodMain.say({&byte, 1});
-        host_sim_advance(0);
-    }
-    const std::string main = hello(MAIN, ""), callback = hello(CALLBACK, ""), pair = "+raw -raw ";
-    const struct {
-        const char *what;
-        std::string first, second; // each on a socket
-        std::string events;
-        int shut = 0; // which of the two ends then
-    } rows[] = {
-        {"two main channels", main, main, ""},
-        {"halves of two senders", hello(CALLBACK, "", "other"), main, ""},
-        {"halves that do not belong together", hello(CALLBACK, "x"), main, ""},
-        {"a callback channel that goes on", main, callback + "x", pair},
-        {"what comes before the other half", main + frame("a"), callback, "+raw frame -raw ", 1},
-        {"half a header", callback, main + "\1", pair, 2},
-        {"half a frame", callback, main + frame("a") + "\1", "+raw frame -raw ", 2},
-        {"the end of the main channel", callback, main, pair, 2},
-        {"the end of the callback channel", callback, main, pair, 1},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        server.events.clear();
-        RawSocket first(path), second(path);
-        first.say(row.first);
-        host_sim_advance(0);
-        second.say(row.second);
-        if (row.shut > 0)
-            (row.shut == 1 ? first : second).endSpeech();
-        host_sim_advance(5.1);
-        EXPECT_TRUE(first.hasEnded() && second.hasEnded());
-        EXPECT_EQ(server.events, row.events);
-    }
-    host_sim_advance(1); // would never return if it spun
-    EXPECT_EQ(goodMain.heard(), std::string("\5\0\0\0NVRP\1", 9));
-    EXPECT_EQ(goodCallback.heard(), std::string("\0\0\0\0\3\0\0\0abc", 11));
-}
-
-TEST_F(RuntimeDirTest, ReadsOnWhereDescriptorsInterruptAFrame) {
-    Server server;
-    host_sim_start();
-    RawSocket main(path), callback(path);
-    main.say(hello(MAIN, ""));
-    callback.say(hello(CALLBACK, ""));
-    host_sim_advance(0);
-    server.events.clear();
-    const std::string bytes = frame(text("text"));
-    main.passDescriptor(bytes.substr(0, 2));
-    main.passDescriptor(bytes.substr(2, 6));
-    main.say(bytes.substr(8));
-    host_sim_advance(0);
-    EXPECT_EQ(server.events, "text ");
-}
-
-TEST_F(RuntimeDirTest, WaitsForDescriptorsInsteadOfSpinning) {
-    Server server;
-    host_sim_start();
-    RawSocket waiting(path);
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const int free = dup(0);
-    close(free);
-    const auto advanceWith = [&](int spare, double seconds) {
-        const rlimit lower{static_cast<rlim_t>(free + spare), limit.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &lower);
-        host_sim_advance(seconds);
-        setrlimit(RLIMIT_NOFILE, &limit);
-    };
-    advanceWith(0, 1); // would never return if it spun
-    EXPECT_TRUE(logged("have to wait")) << log;
-    EXPECT_FALSE(waiting.hasEnded());
-    advanceWith(20, 0.2); // fewer than it keeps in reserve
-    EXPECT_TRUE(logged("no descriptors to spare")) << log;
-    EXPECT_TRUE(waiting.hasEnded());
-    RawSocket main(path), callback(path);
-    main.say(hello(MAIN, ""));
-    callback.say(hello(CALLBACK, ""));
-    host_sim_advance(0);
-    EXPECT_EQ(server.events, "+raw ");
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -111,30 +112,24 @@ TEST(AppInfoTest, PrefersTheIdFromTheEnvironmentIfItIsSafeInAPath) {
 }
 
 TEST(AppInfoTest, KeepsTheIdUntilAnotherManifestIsInstalledOrOneIsGiven) {
-    const auto showId = [] {
-        char none[] = "none", *id = none;
-        app_get_id(&id);
-        dprintf(STDERR_FILENO, "%s ", id);
-        if (id != none)
-            std::free(id);
+    const auto ownId = [] {
+        char *id = nullptr;
+        EXPECT_EQ(app_get_id(&id), APP_ERROR_NONE);
+        const std::unique_ptr<char, void (*)(void *)> owner(id, std::free);
+        return std::string(id);
     };
-    EXPECT_EQ("named named other given given given ", stderrOfChild([&] {
-                  host_sim_set_manifest(manifestOf("first").c_str());
-                  setenv("NELVO_HOST_APP_ID", "named", 1);
-                  showId();
-                  unsetenv("NELVO_HOST_APP_ID"); // too late
-                  showId();
-                  host_sim_set_manifest(manifestOf("other").c_str());
-                  showId();
-                  host_set_app_id("given");
-                  showId();
-                  for (const char *bad : {"a b", "", static_cast<const char *>(nullptr)})
-                      if (host_set_app_id(bad) != APP_ERROR_INVALID_PARAMETER)
-                          showId();
-                  showId();
-                  host_sim_set_manifest(manifestOf("another").c_str());
-                  showId();
-              }));
+    host_sim_set_manifest(manifestOf("first").c_str());
+    setenv("NELVO_HOST_APP_ID", "named", 1);
+    EXPECT_EQ(ownId(), "named");
+    unsetenv("NELVO_HOST_APP_ID"); // too late
+    EXPECT_EQ(ownId(), "named");
+    host_sim_set_manifest(manifestOf("other").c_str());
+    EXPECT_EQ(ownId(), "other");
+    EXPECT_EQ(host_set_app_id("given"), APP_ERROR_NONE);
+    for (const char *bad : {"a b", "", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(host_set_app_id(bad), APP_ERROR_INVALID_PARAMETER);
+    host_sim_set_manifest(manifestOf("another").c_str());
+    EXPECT_EQ(ownId(), "given");
 }
 
 TEST(AppInfoTest, ReadsTheFileThatTheEnvironmentNames) {

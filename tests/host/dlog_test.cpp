@@ -18,30 +18,6 @@ namespace {
 
 using nelvo::testkit::stderrOfChild;
 
-TEST(DlogTest, WritesFromTheLevelThatTheEnvironmentNames) {
-    const std::string all = "V T: 2\nD T: 3\nI T: 4\nW T: 5\nE T: 6\nF T: 7\n";
-    const std::string unknown = "W NELVO-HOST: NELVO_LOG is \"loud\", taken as warn; set it to "
-                                "verbose, debug, info, warn, error, fatal or silent\n";
-    const std::pair<const char *, std::string> rows[] = {
-        {"verbose", all},         {"debug", all.substr(7)},  {"info", all.substr(14)},
-        {"warn", all.substr(21)}, {"error", all.substr(28)}, {"fatal", all.substr(35)},
-        {"silent", ""},           {"", all.substr(21)},      {"loud", unknown + all.substr(21)},
-    };
-    for (const auto &[level, output] : rows)
-        EXPECT_EQ(stderrOfChild([&, level = level] {
-                      setenv("NELVO_LOG", level, 1);
-                      for (int prio = DLOG_VERBOSE; prio <= DLOG_FATAL; ++prio)
-                          dlog_print(static_cast<log_priority>(prio), "T", "%d", prio);
-                  }),
-                  output);
-    const std::string timed = stderrOfChild([] {
-        setenv("NELVO_LOG_TIME", "1", 1);
-        dlog_print(DLOG_ERROR, "T", "text");
-    });
-    EXPECT_GT(std::stod(timed), 0);
-    EXPECT_EQ(timed.substr(timed.find(' ')), " E T: text\n");
-}
-
 TEST(DlogTest, LetsNothingThroughThatIsLongOrNotPlainText) {
     const std::string most(16 * 1024, 'x'), lessOne = most.substr(1);
     const std::pair<std::string, std::string> rows[] = {

@@ -8,11 +8,9 @@
 #include <memory>
 
 #include <fcntl.h>
-#include <linux/capability.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -22,7 +20,6 @@
 
 #include <host/log.h>
 #include <host/runtime_dir.h>
-#include <host/sim.h>
 
 #include "child.h"
 #include "raw_client.h"
@@ -63,13 +60,6 @@ protected:
     std::string base, path, log;
 };
 
-// What only the superuser may do shows nothing.
-void beAnyUser() {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct none[2]{};
-    syscall(SYS_capset, &header, none);
-}
-
 TEST(RuntimeDirRule, ChoosesTheDirectoryFromAnyEnvironment) {
     using Environment = std::map<std::string, std::string>;
     const std::pair<Environment, std::string> rows[] = {
@@ -89,59 +79,6 @@ TEST(RuntimeDirRule, ChoosesTheDirectoryFromAnyEnvironment) {
                                                           std::free);
         EXPECT_STREQ(dir.get(), expected.c_str());
     }
-}
-
-TEST_F(RuntimeDirTest, ListensWhereItIsSafeAndSaysWhyNotElsewhere) {
-    const struct {
-        const char *setUp;  // of the directory $D and the socket $S
-        const char *reason; // empty: it listens
-        std::size_t pathBytes = 0;
-        std::string suffix = "";
-    } rows[] = {
-        {"true", ""},
-        {"mkdir -m 700 $D", ""},
-        {"mkdir -m 700 $D && mkfifo -m 600 $S.lock", ""},
-        {"mkdir -m 700 $D", "", 107},
-        {"mkdir -m 700 $D", "too long", 108},
-        {"ln -s . $D", "link"},
-        {"ln -s . $D", "link", 0, "/"},
-        {"touch $D", "no directory"},
-        {"mkdir -m 710 $D", "other users may enter it"},
-        {"mkdir -m 701 $D", "other users may enter it"},
-        {"mkdir -m 500 $D", "Permission denied"},
-        {"mkdir -m 600 $D", "Permission denied"},
-        {"true", "No such file", 0, "/deeper"},
-        {"mkdir -m 700 $D && chown 1 $D 2>&-", "another user"},
-        {"mkdir -m 700 $D && touch $S", "there is something that is no socket"},
-        {"mkdir -m 700 $D && ln -s elsewhere $S", "there is something that is no socket"},
-        {"mkdir -m 700 $D && ln -s elsewhere $S.lock", "Too many levels"},
-        {"mkdir -m 700 $D && mkdir $S.lock", "Is a directory"},
-    };
-    const std::string socket = "/demo.app:message";
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.setUp);
-        std::string dir = base + "/run";
-        if (row.pathBytes > 0)
-            dir.append(row.pathBytes - dir.size() - socket.size(), 'x');
-        setenv("D", dir.c_str(), 1);
-        setenv("S", (dir + socket).c_str(), 1);
-        // For want of a user's directory to give away, one that is nobody's but the superuser's.
-        const bool made =
-            std::system((std::string("chmod -Rf u+rwx $D; rm -rf $D; ") + row.setUp).c_str()) == 0;
-        use(made ? dir + row.suffix : "/");
-        Child child([&] {
-            if (row.reason != std::string("another user")) // whom the superuser alone can make
-                beAnyUser();
-            const bool listens = Server().listened == RPC_PORT_ERROR_NONE;
-            std::fputs(log.c_str(), stderr);
-            return listens ? 0 : 1;
-        });
-        EXPECT_EQ(child.wait(), *row.reason ? 1 : 0);
-        EXPECT_NE(child.err().find(row.reason), std::string::npos) << child.err();
-    }
-    use("/"); // of another user, or open to others
-    EXPECT_EQ(Client().connect(), RPC_PORT_ERROR_IO_ERROR);
-    EXPECT_TRUE(logged("NELVO_HOST_RUNTIME_DIR")) << log;
 }
 
 TEST_F(RuntimeDirTest, TakesOverWhatADeadServerLeftAndNothingElse) {

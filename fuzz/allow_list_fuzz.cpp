@@ -1,4 +1,5 @@
-// SPDX-License-Identifier: Apache-2.0 A line with the sender, then the allow list: it is admitted
+// SPDX-License-Identifier: Apache-2.0
+// A line with the sender, then the allow list: it is admitted
 // if one of its lines is the sender, and keeps to the list that it has read unless that is empty.
 #include <nelvo/testkit.h>
 

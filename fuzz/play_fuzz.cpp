@@ -1,4 +1,5 @@
-// SPDX-License-Identifier: Apache-2.0 Each byte is a step of tests/support/play.h: any input is a
+// SPDX-License-Identifier: Apache-2.0
+// Each byte is a step of tests/support/play.h: any input is a
 // script, parcels of any content among its steps, and the model beside it knows what must come of
 // it.
 #include <host/sim.h>

@@ -11,7 +11,6 @@
 #include <host/sim.h>
 
 #include "channel.h"
-#include "frame_reader.h"
 #include "fuzzing.h"
 #include "handshake.h"
 #include "names.h"
@@ -38,27 +37,6 @@ static std::vector<std::string> framesOf(std::string stream) {
     return frames;
 }
 
-// The frames that the reader alone makes of the same bytes.
-static std::vector<std::string> readFrames(const std::string &stream, std::size_t split) {
-    host::FrameReader reader;
-    reader.setLimit(host::MAX_HELLO_BYTES);
-    std::vector<std::string> frames;
-    for (std::size_t at = 0; at < stream.size() && !reader.isTooLong();) {
-        const auto room = reader.room();
-        const std::size_t end = at < split ? std::min(split, stream.size()) : stream.size();
-        const std::size_t size = std::min(room.size, end - at);
-        std::copy_n(stream.data() + at, size, room.at);
-        reader.filled(size);
-        at += size;
-        for (; reader.isWhole(); reader.readOn()) {
-            const host::Bytes frame = reader.take();
-            frames.emplace_back(reinterpret_cast<char *>(frame.data()), frame.size());
-            reader.setLimit(host::MAX_FRAME_BYTES);
-        }
-    }
-    return frames;
-}
-
 static RawSocket connectToServer() {
     return RawSocket(dup(host::connectToSimulatedPort("demo.app:message").get()));
 }
@@ -67,7 +45,6 @@ void nelvo::testkit::fuzz(Input input) {
     const std::size_t split = input.byte();
     const std::string stream = input.rest();
     std::vector<std::string> frames = framesOf(stream);
-    require(readFrames(stream, split) == frames, "the frames of the reader");
     const auto hello = host::decodeHello(parcelOf(frames.empty() ? "" : frames[0]).bytes);
     const bool isMain = hello && hello->kind == RPC_PORT_PORT_MAIN;
     const auto helloOn = [&](char channel) {

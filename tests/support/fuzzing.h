@@ -23,11 +23,6 @@ public:
         return taken;
     }
     std::string rest() { return take(_left.size()); }
-    // Behind two bytes of size, the lower first.
-    std::string sized() {
-        const std::size_t low = byte();
-        return take(low | std::size_t{byte()} << 8);
-    }
     // Without its line end.
     std::string line() {
         std::string taken = take(_left.find('\n'));

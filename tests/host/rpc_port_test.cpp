@@ -65,9 +65,7 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
     const struct {
         const char *what;
         std::function<int(rpc_port_h)> onReceived;
-        // 1 to 9: the client sends that; a to z: the server does; R: the client connects again, T:
-        // it waits for an answer; C, S: one is destroyed; a dot delivers
-        const char *script;
+        const char *script; // of peers::play()
         const char *serverHears, *clientHears;
         const char *fatal = ""; // an event in which its hearer is destroyed, and a second one comes
     } rows[] = {
@@ -111,20 +109,7 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
         };
         if (*row.fatal)
             server->addCallbacks(), client->addCallbacks();
-        for (const char step : "." + std::string(row.script)) {
-            if (step == '.')
-                host_sim_advance(0);
-            else if (step == 'C')
-                client->destroy();
-            else if (step == 'S')
-                server->destroy();
-            else if (step == 'R')
-                client->connect();
-            else if (step == 'T')
-                client->note(takeText(client->port()));
-            else
-                sendText(step <= '9' ? client->port() : server->callbackPort(), {step});
-        }
+        play("." + std::string(row.script), *server, *client, [] { host_sim_advance(0); });
         EXPECT_EQ(takeText(server->port()), "(none)");
         EXPECT_EQ(takeText(client->callbackPort()), "(none)");
         EXPECT_EQ(row.serverHears, server->events);

@@ -1,5 +1,5 @@
-// SPDX-License-Identifier: Apache-2.0
-// Plays each script of transcripts.txt, with its fault if it has one, and compares all that happens.
+// SPDX-License-Identifier: Apache-2.0 Plays each script of transcripts.txt, with its fault if it
+// has one, and compares all that happens.
 #include "driven_application.h"
 
 #include <csignal>

@@ -1,6 +1,6 @@
-// SPDX-License-Identifier: Apache-2.0
-// Both kinds of request, where a script of play.cpp cannot go: foreign handlers, a copy's content, timers
-// that the platform fires when it should not, the kit's warnings.
+// SPDX-License-Identifier: Apache-2.0 Both kinds of request, where a script of play.cpp cannot go:
+// foreign handlers, a copy's content, timers that the platform fires when it should not, the kit's
+// warnings.
 #include "driven_application.h"
 
 #include <cstring>

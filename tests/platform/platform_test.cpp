@@ -1,6 +1,6 @@
-// SPDX-License-Identifier: Apache-2.0
-// What the library relies on, asked of any platform through its public headers alone. Where a case fails on
-// a new platform, the library will not work there as documented.
+// SPDX-License-Identifier: Apache-2.0 What the library relies on, asked of any platform through its
+// public headers alone. Where a case fails on a new platform, the library will not work there as
+// documented.
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -22,8 +22,7 @@
 
 namespace {
 
-using nelvo::testkit::peers::sendText;
-using nelvo::testkit::peers::takeText;
+using namespace nelvo::testkit::peers;
 
 using Bundle = std::unique_ptr<bundle, decltype(&bundle_free)>;
 
@@ -98,58 +97,31 @@ TEST(BundlePlatformTest, ShowsEachEntryWithItsTypeAndSize) {
 
 // --- timers --------------------------------------------------------------------------------------
 
-struct Timers {
-    std::string order;
-    Ecore_Timer *renewed = nullptr;
-    int renewals = 0;
-};
+std::string order;
 
-Timers timers;
+// A timer's data is its letter: 'r' renews twice, 'n' adds 'z', 'q' quits the loop.
+Eina_Bool fire(void *data) {
+    static char z = 'z';
+    const char letter = *static_cast<char *>(data);
+    order += letter;
+    if (letter == 'n')
+        ecore_timer_add(0.001, fire, &z);
+    if (letter == 'q')
+        ecore_main_loop_quit();
+    return letter == 'r' && order.size() < 4 ? ECORE_CALLBACK_RENEW : ECORE_CALLBACK_CANCEL;
+}
 
 TEST(TimerPlatformTest, FiresInOrderUntilItIsCancelledOrDeleted) {
     ecore_init();
-    timers = {};
-    const auto renew = [](void *data) -> Eina_Bool {
-        timers.order += *static_cast<char *>(data);
-        return ++timers.renewals < 3 ? ECORE_CALLBACK_RENEW : ECORE_CALLBACK_CANCEL;
-    };
-    const auto once = [](void *data) -> Eina_Bool {
-        timers.order += *static_cast<char *>(data);
-        return ECORE_CALLBACK_CANCEL;
-    };
-    const auto quit = [](void *) -> Eina_Bool {
-        ecore_main_loop_quit();
-        return ECORE_CALLBACK_CANCEL;
-    };
-    char a = 'a', b = 'b', never = 'n';
-    Ecore_Timer *const deleted = ecore_timer_add(0.004, once, &never);
-    ASSERT_NE(ecore_timer_add(0.002, renew, &a), nullptr);
-    ASSERT_NE(ecore_timer_add(0.003, once, &b), nullptr);
-    ASSERT_NE(ecore_timer_add(0.05, quit, nullptr), nullptr);
-    EXPECT_EQ(ecore_timer_del(deleted), &never);
+    char letters[] = "drbnq";
+    Ecore_Timer *const deleted = ecore_timer_add(0.005, fire, &letters[0]);
+    ASSERT_NE(ecore_timer_add(0.004, fire, &letters[1]), nullptr);
+    ASSERT_NE(ecore_timer_add(0.006, fire, &letters[2]), nullptr);
+    ASSERT_NE(ecore_timer_add(0.02, fire, &letters[3]), nullptr);
+    ASSERT_NE(ecore_timer_add(0.05, fire, &letters[4]), nullptr);
+    EXPECT_EQ(ecore_timer_del(deleted), &letters[0]);
     ecore_main_loop_begin();
-    EXPECT_EQ(timers.order, "abaa");
-    ecore_shutdown();
-}
-
-TEST(TimerPlatformTest, MayAddATimerInsideACallback) {
-    ecore_init();
-    timers = {};
-    const auto quit = [](void *) -> Eina_Bool {
-        timers.order += "2";
-        ecore_main_loop_quit();
-        return ECORE_CALLBACK_CANCEL;
-    };
-    static Ecore_Task_Cb second;
-    second = quit;
-    const auto first = [](void *) -> Eina_Bool {
-        timers.order += "1";
-        ecore_timer_add(0.001, second, nullptr);
-        return ECORE_CALLBACK_CANCEL;
-    };
-    ecore_timer_add(0.001, first, nullptr);
-    ecore_main_loop_begin();
-    EXPECT_EQ(timers.order, "12");
+    EXPECT_EQ(order, "rbrrnzq");
     ecore_shutdown();
 }
 
@@ -184,92 +156,72 @@ TEST(ParcelPlatformTest, GivesValuesBackInTheirOrder) {
     EXPECT_EQ(rpc_port_parcel_destroy(parcel), RPC_PORT_ERROR_NONE);
 }
 
-class PortPlatformTest : public testing::Test {
-protected:
-    PortPlatformTest() { ecore_init(); }
-    ~PortPlatformTest() override { ecore_shutdown(); }
-
-    static void iterate() {
-        for (int i = 0; i < 50; ++i)
-            ecore_main_loop_iterate();
-    }
-    static std::string news(nelvo::testkit::peers::Peer &peer) {
-        iterate();
-        return std::exchange(peer.events, "");
-    }
-    static std::string ownId() {
-        char *id = nullptr;
-        EXPECT_EQ(app_get_id(&id), APP_ERROR_NONE);
-        const std::unique_ptr<char, void (*)(void *)> owner(id, std::free);
-        return id;
-    }
-    static std::unique_ptr<nelvo::testkit::peers::Client> connected() {
-        auto client = std::make_unique<nelvo::testkit::peers::Client>();
-        EXPECT_EQ(rpc_port_proxy_connect(client->handle, ownId().c_str(), "message"),
-                  RPC_PORT_ERROR_NONE);
-        return client;
-    }
-};
-
-TEST_F(PortPlatformTest, DeliversWholeParcelsInOrderAndTellsWhoCameAndWent) {
-    nelvo::testkit::peers::Server server;
-    ASSERT_EQ(server.listened, RPC_PORT_ERROR_NONE);
-    auto client = connected();
-    EXPECT_EQ(news(server), "+" + ownId() + " ");
-    EXPECT_EQ(news(*client), "connected ");
-    EXPECT_EQ(sendText(client->port(), "1") + sendText(client->port(), "2"), 0);
-    EXPECT_EQ(sendText(server.callbackPort(), "a") + sendText(server.callbackPort(), "b"), 0);
-    EXPECT_EQ(news(server), "1 2 ");
-    EXPECT_EQ(news(*client), "a b ");
-    const rpc_port_h port = server.callbackPort();
-    EXPECT_EQ(server.callbackPort(), port) << "the port is the stub's";
-    client.reset();
-    EXPECT_EQ(news(server), "-" + ownId() + " ");
-    EXPECT_NE(sendText(port, "late"), RPC_PORT_ERROR_NONE);
+std::string ownId() {
+    char *id = nullptr;
+    EXPECT_EQ(app_get_id(&id), APP_ERROR_NONE);
+    const std::unique_ptr<char, void (*)(void *)> owner(id, std::free);
+    return id;
 }
 
-TEST_F(PortPlatformTest, GivesEachConnectionAnInstanceOfItsOwn) {
-    nelvo::testkit::peers::Server server;
-    auto first = connected();
+void iterate() {
+    for (int i = 0; i < 50; ++i)
+        ecore_main_loop_iterate();
+}
+
+TEST(PortPlatformTest, DeliversWholeParcelsInOrderAndTellsWhoCameAndWent) {
+    ecore_init();
+    const struct {
+        const char *what, *script; // of peers::play()
+        std::string serverHears;   // after "+ID"
+        const char *clientHears;   // after "connected"
+    } rows[] = {
+        {"parcels in both directions", "12ab.", "1 2 ", "a b "},
+        {"a client that goes", "12C.", "1 2 -" + ownId() + " ", ""},
+        {"a server that goes", "abS.", "", "a b disconnected "},
+        {"an error out of the received event", "1.9.2.", "1 9 -" + ownId() + " ", "disconnected "},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        Server server;
+        ASSERT_EQ(server.listened, RPC_PORT_ERROR_NONE);
+        server.onReceived = [&](rpc_port_h port) {
+            const std::string text = takeText(port);
+            return server.note(text), text == "9" ? -1 : 0;
+        };
+        Client client;
+        EXPECT_EQ(client.connect("message", ownId().c_str()), RPC_PORT_ERROR_NONE);
+        play("." + std::string(row.script), server, client, iterate);
+        EXPECT_EQ(server.events, "+" + ownId() + " " + row.serverHears);
+        EXPECT_EQ(client.events, std::string("connected ") + row.clientHears);
+    }
+    ecore_shutdown();
+}
+
+TEST(PortPlatformTest, GivesEachConnectionAnInstanceAndPortsOfItsOwn) {
+    ecore_init();
+    Server server;
+    Client first, second;
+    EXPECT_EQ(first.connect("message", ownId().c_str()), RPC_PORT_ERROR_NONE);
     iterate();
     const std::string instance = server.instance;
-    auto second = connected();
+    const rpc_port_h port = server.callbackPort();
+    EXPECT_EQ(port, server.callbackPort());
+    EXPECT_EQ(second.connect("message", ownId().c_str()), RPC_PORT_ERROR_NONE);
     iterate();
     EXPECT_NE(server.instance, instance);
-    EXPECT_EQ(sendText(server.callbackPort(), "to the second"), 0);
-    EXPECT_EQ(news(*first), "connected ");
-    EXPECT_EQ(news(*second), "connected to the second ");
-}
-
-TEST_F(PortPlatformTest, DropsTheConnectionWhoseReceivedEventAnswersWithAnError) {
-    nelvo::testkit::peers::Server server;
-    auto bad = connected(), good = connected();
+    EXPECT_EQ(sendText(port, "one") + sendText(server.callbackPort(), "two"), 0);
+    first.destroy();
     iterate();
-    server.onReceived = [&](rpc_port_h port) { return takeText(port) == "bad" ? -1 : 0; };
-    sendText(bad->port(), "bad");
-    sendText(good->port(), "good");
-    EXPECT_EQ(news(*bad), "connected disconnected ");
-    EXPECT_EQ(news(*good), "connected ");
-}
-
-TEST_F(PortPlatformTest, TellsTheClientsOfAStubThatIsDestroyed) {
-    auto server = std::make_unique<nelvo::testkit::peers::Server>();
-    auto client = connected();
-    iterate();
-    server.reset();
-    EXPECT_EQ(news(*client), "connected disconnected ");
-    nelvo::testkit::peers::Server again;
-    EXPECT_EQ(again.listened, RPC_PORT_ERROR_NONE) << "the port is free again";
+    EXPECT_NE(sendText(port, "late"), RPC_PORT_ERROR_NONE);
+    EXPECT_EQ(second.events, "connected two ");
+    ecore_shutdown();
 }
 
 // --- the application -----------------------------------------------------------------------------
 
 TEST(ApplicationPlatformTest, KnowsItsIdAndItsMetadata) {
-    char *id = nullptr;
-    ASSERT_EQ(app_get_id(&id), APP_ERROR_NONE);
     app_info_h info = nullptr;
-    ASSERT_EQ(app_info_create(id, &info), APP_MANAGER_ERROR_NONE);
-    std::free(id);
+    ASSERT_EQ(app_info_create(ownId().c_str(), &info), APP_MANAGER_ERROR_NONE);
     std::vector<std::string> seen;
     const auto all = [](const char *key, const char *value, void *data) {
         static_cast<std::vector<std::string> *>(data)->push_back(key + std::string("=") + value);

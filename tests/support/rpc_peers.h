@@ -109,9 +109,29 @@ struct Client : Peer {
         rpc_port_proxy_add_rejected_event_cb(handle, noteCb<'r'>, this);
         rpc_port_proxy_add_received_event_cb(handle, noteCb<'t'>, this);
     }
-    int connect(const char *name = "message") {
-        return rpc_port_proxy_connect(handle, "demo.app", name);
+    int connect(const char *name = "message", const char *appId = "demo.app") {
+        return rpc_port_proxy_connect(handle, appId, name);
     }
 };
+
+// Plays a script. 1 to 9: the client sends that; a to z: the server does; R: the client connects
+// again; T: it waits for an answer; C, S: the client, the server is destroyed; a dot delivers.
+template <typename Deliver>
+void play(const std::string &script, Server &server, Client &client, Deliver deliver) {
+    for (const char step : script) {
+        if (step == '.')
+            deliver();
+        else if (step == 'C')
+            client.destroy();
+        else if (step == 'S')
+            server.destroy();
+        else if (step == 'R')
+            client.connect();
+        else if (step == 'T')
+            client.note(takeText(client.port()));
+        else
+            sendText(step <= '9' ? client.port() : server.callbackPort(), {step});
+    }
+}
 
 } // namespace nelvo::testkit::peers

@@ -59,41 +59,14 @@ struct Play::Step {
 const Play::Step Play::STEPS[] = {
     {'I', "initialize", [](Play &play) { play.initialize(); }},
     {'D', "deinitialize", [](Play &play) { play.deinitialize(); }},
-    {'A', "register the action play",
-     [](Play &play) {
-         play.registered("play", true,
-                         library(nelvo_set_action_execution_cb, "play", actionCb, &play));
-     }},
-    {'a', "unset it",
-     [](Play &play) {
-         play.registered("play", false, library(nelvo_unset_action_execution_cb, "play"));
-     }},
-    {'N', "register a null callback for it",
-     [](Play &play) {
-         play.registered("play", false,
-                         library(nelvo_set_action_execution_cb, "play", nullptr, nullptr));
-     }},
-    {'L', "register the action late",
-     [](Play &play) {
-         play.registered("late", true,
-                         library(nelvo_set_action_execution_cb, "late", actionCb, &play));
-     }},
-    {'l', "unset it",
-     [](Play &play) {
-         play.registered("late", false, library(nelvo_unset_action_execution_cb, "late"));
-     }},
-    {'S', "register for the state",
-     [](Play &play) {
-         play.registered("state", true, library(nelvo_set_app_state_request_cb, stateCb, &play));
-     }},
-    {'n', "register a null callback for it",
-     [](Play &play) {
-         play.registered("state", false, library(nelvo_set_app_state_request_cb, nullptr, nullptr));
-     }},
-    {'s', "unset it",
-     [](Play &play) {
-         play.registered("state", false, library(nelvo_unset_app_state_request_cb));
-     }},
+    {'A', "register the action play", [](Play &play) { play.registerAction("play", actionCb); }},
+    {'a', "unset it", [](Play &play) { play.unsetAction("play"); }},
+    {'N', "register null for it", [](Play &play) { play.registerAction("play", nullptr); }},
+    {'L', "register the action late", [](Play &play) { play.registerAction("late", actionCb); }},
+    {'l', "unset it", [](Play &play) { play.unsetAction("late"); }},
+    {'S', "register for the state", [](Play &play) { play.registerState(stateCb); }},
+    {'n', "register null for it", [](Play &play) { play.registerState(nullptr); }},
+    {'s', "unset it", [](Play &play) { play.unsetState(); }},
     {'F', "complete the latest request", [](Play &play) { play.complete(play._latest, false); }},
     {'O', "complete the one before it", [](Play &play) { play.complete(play._former, false); }},
     {'P', "complete the latest as one of the other kind",
@@ -173,15 +146,34 @@ void Play::deinitialize() {
     _device.advance(0); // the clients hear of it
 }
 
-void Play::registered(const char *name, bool isAdded, int result) {
-    expect(name, result, _initialized ? NELVO_ERROR_NONE : NELVO_ERROR_OPERATION_FAILED);
+void Play::registerAction(const char *id, nelvo_action_execution_cb callback) {
+    const int result =
+        library(nelvo_set_action_execution_cb, id, callback, callback ? this : nullptr);
+    registered(id, callback != nullptr, result);
+}
+
+void Play::unsetAction(const char *id) {
+    registered(id, false, library(nelvo_unset_action_execution_cb, id));
+}
+
+void Play::registerState(nelvo_app_state_request_cb callback) {
+    const int result = library(nelvo_set_app_state_request_cb, callback, callback ? this : nullptr);
+    registered(STATE, callback != nullptr, result);
+}
+
+void Play::unsetState() {
+    registered(STATE, false, library(nelvo_unset_app_state_request_cb));
+}
+
+void Play::registered(const std::string &id, bool isAdded, int result) {
+    expect(id == STATE ? "state" : id, result,
+           _initialized ? NELVO_ERROR_NONE : NELVO_ERROR_OPERATION_FAILED);
     if (!_initialized)
         return;
-    const std::string actionId = name == std::string("state") ? STATE : name;
     if (isAdded)
-        _registered.insert(actionId);
+        _registered.insert(id);
     else
-        _registered.erase(actionId);
+        _registered.erase(id);
     _registeredAt = host_sim_now();
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <nelvo.h>
 #include <nelvo/testkit.h>
 
 namespace nelvo::testkit {
@@ -57,7 +58,11 @@ private:
     void step(char letter);
     void initialize();
     void deinitialize();
-    void registered(const char *name, bool isAdded, int result);
+    void registerAction(const char *id, nelvo_action_execution_cb callback);
+    void unsetAction(const char *id);
+    void registerState(nelvo_app_state_request_cb callback);
+    void unsetState();
+    void registered(const std::string &id, bool isAdded, int result);
     void complete(const Called &request, bool asOther);
     void askName();
     void connect(bool registers);

@@ -6,7 +6,6 @@
 #include <stdexcept>
 
 #include "action_request_impl.h"
-#include "child.h"
 #include "log.h"
 #include "nelvo_common_data.h"
 #include "response.h"
@@ -21,40 +20,6 @@ const std::string KEY = "http://developer.tizen.org/tizen/metadata/nelvo/sdk/ver
 
 std::string metadata(const std::string &key, const std::string &value) {
     return "<metadata key=\"" + key + "\" value=\"" + value + "\"/>";
-}
-
-TEST(VersionGateTest, DecidesForTheLifeOfTheProcess) {
-    const int REFUSED = NELVO_ERROR_NOT_SUPPORTED;
-    const std::pair<std::string, int> rows[] = {
-        {"", REFUSED},
-        {metadata(KEY, "1.0-alpha"), REFUSED},
-        {metadata(KEY, "x1.0-alphay"), REFUSED},
-        {metadata(KEY, "1.0-beta"), NONE},
-        {metadata(KEY, "1.0-Alpha"), NONE},
-        {metadata(KEY, ""), NONE},
-        {metadata(KEY + "s", "1.0"), REFUSED},
-        {metadata("HTTP" + KEY.substr(4), "1.0"), REFUSED},
-        {metadata(KEY, "1.0-alpha") + metadata(KEY, "1.0"), NONE},
-        {metadata(KEY, "1.0") + metadata(KEY, "1.0-alpha"), REFUSED},
-        {metadata("a", "1.0-alpha") + metadata(KEY, "1.0") + metadata("b", "c"), NONE},
-    };
-    for (const auto &[entries, wanted] : rows) {
-        testkit::Child child([&, &entries = entries, wanted = wanted] {
-            testkit::Simulation device;
-            device.setManifest("<manifest><ui-application appid=\"demo.app\">" + entries +
-                               "</ui-application></manifest>");
-            const int first = nelvo_initialize();
-            const std::string last = device.logTexts().back();
-            nelvo_deinitialize();
-            device.setSdkVersion("1.0");
-            const int second = nelvo_initialize();
-            nelvo_deinitialize();
-            const bool isLogged = last == "D initialize: App SDK Nelvo Init Failed. App SDK "
-                                          "version doesn't support TIDL.";
-            return first == wanted && second == wanted && isLogged == (wanted != NONE) ? 0 : 1;
-        });
-        EXPECT_EQ(child.wait(), 0) << entries;
-    }
 }
 
 TEST(VersionGateTest, LogsEveryMetadataEntryWithThePrefix) {
@@ -151,58 +116,7 @@ TEST(ResponseTest, AddsItsEntriesInTheirOrder) {
     }
 }
 
-class DispatchTest : public DrivenApplication {
-protected:
-    void SetUp() override {
-        DrivenApplication::SetUp();
-        ASSERT_EQ(state.registerState(), NONE);
-        for (const char *id : {"getAppContext", "getappcontext", "getAppContext ", "", "play"})
-            ASSERT_EQ(callback.registerAction(id), NONE);
-    }
-    static client::BundlePtr requestWithId(const char *id, std::size_t size) {
-        client::BundlePtr request(bundle_create());
-        bundle_add_str(request.get(), "actionId", "play");
-        if (size > 0)
-            bundle_add_byte(request.get(), "requestId", id, size);
-        return request;
-    }
-    Callback state;
-};
-
-TEST_F(DispatchTest, TakesOnlyTheExactIdForAStateRequest) {
-    for (const char *id : {"getAppContext", "getappcontext", "getAppContext ", "", "play"}) {
-        const int actions = callback.count(), states = state.count();
-        const bool isState = id == std::string("getAppContext");
-        client.request(id);
-        EXPECT_EQ(callback.count(), actions + !isState) << id;
-        EXPECT_EQ(state.count(), states + isState) << id;
-    }
-}
-
-TEST_F(DispatchTest, DropsAMalformedRequestBeforeItSupersedesThePendingOne) {
-    std::vector<client::BundlePtr> malformed;
-    malformed.push_back(requestWithId("1234567", 7));
-    malformed.push_back(requestWithId("123456789", 9));
-    malformed.push_back(requestWithId("", 0)); // an id of another type
-    bundle_add_str(malformed.back().get(), "requestId", "1234567");
-    malformed.emplace_back(bundle_create()); // empty
-    malformed.emplace_back(bundle_create()); // an action of another type
-    bundle_add_byte(malformed.back().get(), "actionId", "play", 5);
-    client.request("play", 21);
-    for (const auto &request : malformed) {
-        device.clearLog();
-        client.send(request.get());
-        EXPECT_EQ(device.logTexts(DLOG_ERROR).size(), 1u);
-    }
-    EXPECT_EQ(callback.count(), 1);
-    EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NONE);
-    client.send(requestWithId("", 0).get());
-    EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NONE);
-    device.advance();
-    ASSERT_EQ(answerCount(), 2);
-    EXPECT_EQ(client.answers[0].requestId, 21u);
-    EXPECT_EQ(client.answers[1].requestId, 0u) << "of a request without an id";
-}
+class DispatchTest : public DrivenApplication {};
 
 TEST_F(DispatchTest, OutlivesACallbackThatThrows) {
     const std::pair<std::function<void()>, const char *> rows[] = {
@@ -210,6 +124,7 @@ TEST_F(DispatchTest, OutlivesACallbackThatThrows) {
         {[] { throw std::bad_alloc(); }, "out of memory"},
         {[] { throw 1; }, "unexpected exception"}};
     int answers = 0;
+    ASSERT_EQ(callback.registerAction("play"), NONE);
     for (const auto &[raise, logged] : rows) {
         callback.then = [&, &raise = raise](void *, bundle *) { raise(); };
         client.request("play", 5);
@@ -225,29 +140,6 @@ TEST_F(DispatchTest, OutlivesACallbackThatThrows) {
         }
         EXPECT_EQ(device.countLog(DLOG_ERROR, "f", logged), 1);
     }
-}
-
-TEST_F(DispatchTest, NamesTheActionOfTheLatestHandlerOnly) {
-    const auto name = [](void *handler) {
-        char *text = nullptr;
-        const int result = nelvo_get_action_name(handler, &text);
-        EXPECT_EQ(result, text ? NONE : FAILED);
-        const std::string copy = text ? text : "";
-        std::free(text);
-        return copy;
-    };
-    client.request("play");
-    void *first = callback.last();
-    EXPECT_EQ(name(first), "play");
-    client.request("getAppContext");
-    EXPECT_EQ(name(first), "");
-    nelvo_complete_app_state_request(state.last(), "{}");
-    EXPECT_EQ(name(state.last()), "getAppContext") << "an answered state request keeps its record";
-    client.request("");
-    EXPECT_EQ(name(callback.last()), "");
-    client.request("play");
-    nelvo_complete_action_execution(callback.last(), "done");
-    EXPECT_EQ(name(callback.last()), "");
 }
 
 } // namespace

@@ -159,21 +159,6 @@ TEST_F(WithoutMemory, ACallOfTheClientIsRefused) {
     }
 }
 
-TEST_F(WithoutMemory, ADroppedRequestOvertakesNone) {
-    ASSERT_EQ(callback.registerAction("play"), NONE);
-    const client::BundlePtr dropped = client::makeRequest({LONG, 1, {}, {}});
-    for (int nth = 1; nth <= 3; ++nth) { // the client's id, the action's, room for the client's
-        client.request("play");
-        testkit::failAllocation(nth);
-        EXPECT_THROW(NelvoImpl::getInstance()->executeRequest(LONG.c_str(), dropped.get()),
-                     std::bad_alloc);
-        EXPECT_EQ(testkit::stopFailingAllocations(), 1);
-        EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NONE);
-        device.advance();
-        EXPECT_EQ(answerCount(), nth);
-    }
-}
-
 TEST_F(WithoutMemory, NoWatchBegins) {
     Ecore_Timer *timer = nullptr;
     testkit::failAllocation();
@@ -182,29 +167,6 @@ TEST_F(WithoutMemory, NoWatchBegins) {
     EXPECT_EQ(timer, nullptr);
     EXPECT_EQ(host_sim_timer_count(), timers);
     EXPECT_EQ(device.logTexts(), std::vector<std::string>{"E f: out of memory"});
-}
-
-TEST(ResponseWithoutMemory, FailsAndSaysSo) {
-    testkit::Simulation device(LONG);
-    Client client;
-    ASSERT_EQ(nelvo_initialize(), NONE);
-    ASSERT_TRUE(client.join());
-    client.request("getAppContext");
-    std::set<int> codes;
-    for (int nth = 1, failed = 1; failed > 0; ++nth) {
-        device.clearLog();
-        bundle *response = createSuccessResponse("result", "x");
-        testkit::failAllocation(nth);
-        const int sent = sendResponse(response);
-        failed = testkit::stopFailingAllocations();
-        const auto errors = device.logTexts(DLOG_ERROR);
-        EXPECT_EQ(sent, errors.empty()                                 ? NONE
-                        : errors[0] == "E sendResponse: out of memory" ? OOM
-                                                                       : FAILED);
-        codes.insert(sent);
-    }
-    EXPECT_EQ(codes.count(OOM), 1u);
-    nelvo_deinitialize();
 }
 
 } // namespace

@@ -86,7 +86,10 @@ TEST_P(TranscriptTest, IsKeptToTheLetter) {
 // What an application may do inside each callback, and the scenarios without their faults.
 TEST(ModelTest, ForetellsEveryScenario) {
     const auto logPatterns = testkit::readTable(TABLES "/faults/log_lines.txt");
-    for (const std::string &script : testkit::readScripts(TABLES "/faults"))
+    auto scripts = testkit::readScripts(TABLES "/faults");
+    for (const std::string &script : testkit::readTable(TABLES "/library/model.txt"))
+        scripts.push_back(script);
+    for (const std::string &script : scripts)
         ASSERT_EQ(testkit::playPoint({script, testkit::Play::Check::MODEL}, logPatterns),
                   testkit::Outcome::HELD)
             << script;

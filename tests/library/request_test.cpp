@@ -104,33 +104,6 @@ TEST_P(RequestTest, IsNotAnsweredUnderAnotherId) {
     EXPECT_EQ(answerCount(), 0);
 }
 
-TEST_P(RequestTest, IsCompletedByItsOwnHandlerOnly) {
-    request();
-    auto *slots = static_cast<int *>(callback.last()) - numberOf(callback.last());
-    int foreign = 2;
-    void *const pointers[] = {nullptr,
-                              &foreign,
-                              slots - 1,
-                              slots + 100,
-                              reinterpret_cast<void *>(8),
-                              reinterpret_cast<char *>(callback.last()) + 1};
-    for (void *pointer : pointers) {
-        SCOPED_TRACE(pointer);
-        device.clearLog();
-        char *name = nullptr;
-        EXPECT_EQ(kind.complete(pointer, "x"), NELVO_ERROR_INVALID_PARAMETER);
-        EXPECT_EQ(device.logTexts(DLOG_ERROR).size(), 1u);
-        EXPECT_EQ(nelvo_get_action_name(pointer, &name), FAILED);
-        EXPECT_EQ(device.logTexts(DLOG_ERROR).back(),
-                  "E getActionName: In getActionName, entry not found");
-    }
-    EXPECT_EQ(otherKind.complete(callback.last(), "x"), FAILED);
-    EXPECT_THAT(device.takeWarnings(), ElementsAre(testing::EndsWith("of the other kind")));
-    EXPECT_EQ(complete(), NONE);
-    device.advance();
-    EXPECT_EQ(answerCount(), 1);
-}
-
 TEST_P(RequestTest, IsToldByTheKitWhenItIsCompletedTooLate) {
     const char *const stopped = "the library had been stopped since";
     const char *const overtaken = "a newer request had overtaken it";
@@ -163,29 +136,6 @@ TEST_P(RequestTest, IsToldByTheKitWhenItIsCompletedTooLate) {
 }
 
 class ActionRequestTest : public DrivenApplication {};
-
-TEST_F(ActionRequestTest, KeepsStringsAndBytesOfAWaitingRequest) {
-    const client::BundlePtr request = client::makeRequest({"late", 9, {}, "p"});
-    const char *array[] = {"a", "b"};
-    const unsigned char bytes[] = {1, 0, 3};
-    bundle_add_str_array(request.get(), "array", array, 2);
-    bundle_add_byte(request.get(), "bytes", bytes, sizeof(bytes));
-    int entries = 0;
-    callback.then = [&](void *, bundle *copy) {
-        void *kept = nullptr;
-        std::size_t size = 0;
-        entries = bundle_get_count(copy);
-        ASSERT_EQ(bundle_get_byte(copy, "bytes", &kept, &size), BUNDLE_ERROR_NONE);
-        ASSERT_EQ(size, sizeof(bytes));
-        EXPECT_EQ(std::memcmp(kept, bytes, size), 0);
-    };
-    client.send(request.get());
-    EXPECT_EQ(device.countLog(DLOG_ERROR, "_bundleDataCb", "key value is array type"), 1);
-    ASSERT_EQ(callback.registerAction("late"), NONE);
-    device.advance(0.02);
-    EXPECT_EQ(callback.params, std::vector<std::string>{"p"});
-    EXPECT_EQ(entries, 4); // all but the array
-}
 
 // Ticks that the platform should not make, at the moments at which they find something missing.
 TEST_F(ActionRequestTest, GivesTheWaitUpWhenSomethingIsMissing) {
@@ -238,17 +188,6 @@ TEST_F(ActionRequestTest, StartsNoSecondWait) {
     EXPECT_THAT(device.logTexts(DLOG_ERROR),
                 ElementsAre("E _actionExecutionFireCb: ActionRequest bundle data is null"));
     EXPECT_EQ(answerCount(), 0);
-}
-
-TEST_F(ActionRequestTest, NumbersHandlersInTurnAcrossBothKinds) {
-    ASSERT_EQ(callback.registerAction("play"), NONE);
-    ASSERT_EQ(callback.registerState(), NONE);
-    const int first = 2;
-    for (int i = 0; i < 205; ++i) {
-        client.request(i % 3 == 0 ? "getAppContext" : "play", 1);
-        ASSERT_EQ(numberOf(callback.last()), (first + i) % 100) << i;
-        ASSERT_EQ(callback.last(), callback.handlers[static_cast<std::size_t>(i % 100)]) << i;
-    }
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <utility>
 
 #include <host/sim.h>
@@ -24,10 +25,12 @@ constexpr double TICK = 0.02;
 constexpr double WAIT_SECONDS = 6 * TICK;
 constexpr double WATCH_SECONDS = 30;
 constexpr double ROUNDING = 1e-6;
+constexpr const char *CLIENT_IDS[] = {"demo.client", "other.client"};
 constexpr const char *STATE = "getAppContext";
 constexpr int ALWAYS = INT_MAX;
 constexpr const char *SUCCESS = "ACTION_EXECUTION_SUCCESS";
 constexpr const char *FAILURE = "ACTION_EXECUTION_FAILURE";
+const std::string OPENING = "{[<(", CLOSING = "}]>)"; // in the order of BRACKETS
 const std::map<int, std::string> CODES = {{NELVO_ERROR_NONE, "NONE"},
                                           {NELVO_ERROR_OUT_OF_MEMORY, "OUT_OF_MEMORY"},
                                           {NELVO_ERROR_INVALID_PARAMETER, "INVALID_PARAMETER"},
@@ -39,6 +42,16 @@ template <typename Function, typename... Arguments>
 int library(Function function, Arguments... arguments) {
     const FaultScope scope(true);
     return function(arguments...);
+}
+
+// What a request holds besides the ids.
+void showEntry(const char *key, const int, const bundle_keyval_t *entry, void *shown) {
+    void *value = nullptr;
+    std::size_t size = 0;
+    bundle_keyval_get_basic_val(const_cast<bundle_keyval_t *>(entry), &value, &size);
+    if (key != std::string("actionId") && key != std::string("requestId"))
+        *static_cast<std::string *>(shown) +=
+            " " + std::string(key) + "=" + std::string(static_cast<char *>(value), size).c_str();
 }
 
 std::string describe(const Answer &answer) {
@@ -80,11 +93,14 @@ const Play::Step Play::STEPS[] = {
     {'R', "request play", [](Play &play) { play.request("play"); }},
     {'W', "request late", [](Play &play) { play.request("late"); }},
     {'T', "request the state", [](Play &play) { play.request(STATE); }},
-    {'B', "send a malformed request", [](Play &play) { play.sendMalformed(); }},
+    {'H', "complete what is no handler", [](Play &play) { play.completeForeign(); }},
     {'.', "0.02 s pass", [](Play &play) { play.pass("... 0.02 s", TICK); }},
     {'-', "0.2 s pass", [](Play &play) { play.pass("... 0.2 s", 0.2); }},
     {'_', "31 s pass", [](Play &play) { play.pass("... 31 s", 31); }},
 };
+
+void (Play::*const Play::BRACKETS[])(const std::string &) = {
+    &Play::setDeed, &Play::sendParcel, &Play::sendEntries, &Play::setAllowList};
 
 std::string Play::letters() {
     std::string letters;
@@ -94,19 +110,18 @@ std::string Play::letters() {
 }
 
 Play::Play(Simulation &device, Check check)
-    : _device(device), _check(check), _clients{Client("demo.client"), Client("other.client")} {}
+    : _device(device), _check(check), _clients{Client(CLIENT_IDS[0]), Client(CLIENT_IDS[1])} {}
 
 void Play::play(const std::string &script) {
     const FaultScope scope(false);
     for (std::size_t i = 0; i < script.size(); ++i) {
-        const bool isDeed = script[i] == '{', isParcel = script[i] == '[';
+        const std::size_t kind = OPENING.find(script[i]);
+        const bool isBracket = kind != OPENING.npos, isDeed = script[i] == '{';
         const std::size_t end =
-            isDeed || isParcel ? std::min(script.find(isDeed ? '}' : ']', i), script.size()) : i;
+            isBracket ? std::min(script.find(CLOSING[kind], i), script.size()) : i;
         _script += script.substr(i, end - i + 1);
-        if (isDeed)
-            _inside = script.substr(i + 1, end - i - 1);
-        else if (isParcel)
-            sendParcel(script.substr(i + 1, end - i - 1));
+        if (isBracket)
+            (this->*BRACKETS[kind])(script.substr(i + 1, end - i - 1));
         else
             step(script[i]);
         if (_depth == 0 && !isDeed) {
@@ -118,6 +133,8 @@ void Play::play(const std::string &script) {
 }
 
 void Play::step(char letter) {
+    if (letter == ' ')
+        return;
     const auto step = std::find_if(std::begin(STEPS), std::end(STEPS),
                                    [&](const Step &each) { return each.letter == letter; });
     if (step == std::end(STEPS))
@@ -181,19 +198,24 @@ void Play::connect(bool registers) {
     const int who = _who;
     if (_clients[who].connected())
         _uses[who] = 0;
+    _lists[who].clear();
     expect("connect", _clients[who].connect() ? 1 : 0, _initialized ? 1 : 0);
     if (!registers || !_clients[who].connected())
         return;
-    expect("SetCB", _clients[who].setCb(), 0);
-    _uses[who] = ALWAYS;
+    const bool isAdmitted = admits(who);
+    expect("SetCB", _clients[who].setCb(), isAdmitted ? 0 : -1);
+    if (isAdmitted)
+        _uses[who] = ALWAYS;
 }
 
 void Play::unregister() {
     const int who = _who;
     if (!client().connected())
         return;
-    expect("UnsetCB", client().unsetCb(), 0);
-    _uses[who] = 0;
+    const bool isAdmitted = admits(who);
+    expect("UnsetCB", client().unsetCb(), isAdmitted ? 0 : -1);
+    if (isAdmitted)
+        _uses[who] = 0;
 }
 
 void Play::disconnect() {
@@ -202,12 +224,37 @@ void Play::disconnect() {
     _uses[who] = 0;
 }
 
-void Play::sendMalformed() {
-    const client::BundlePtr request(bundle_create());
-    bundle_add_byte(request.get(), "requestId", "1234567", 7);
-    bundle_add_str(request.get(), "actionId", "play");
-    if (client().connected())
-        client().send(request.get());
+void Play::setDeed(const std::string &script) {
+    _inside = script;
+}
+
+void Play::setAllowList(const std::string &text) {
+    _allowList.reset();
+    _device.removeAllowList();
+    if (text == "none")
+        return;
+    std::string content;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool isByte = text[i] == '\\';
+        content +=
+            isByte ? static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)) : text[i];
+        i += isByte ? 2 : 0;
+    }
+    _device.setAllowList(content);
+    _allowList.emplace();
+    std::istringstream lines(content);
+    for (std::string line; std::getline(lines, line);)
+        _allowList->push_back(line);
+}
+
+// A connection reads the list until there is a line in it, and keeps to that.
+bool Play::admits(int who) {
+    std::vector<std::string> &list = _lists[who];
+    if (list.empty() && !_allowList)
+        return true;
+    if (list.empty())
+        list = *_allowList;
+    return std::find(list.begin(), list.end(), CLIENT_IDS[who]) != list.end();
 }
 
 void Play::request(const char *actionId) {
@@ -215,11 +262,53 @@ void Play::request(const char *actionId) {
         return;
     const std::uint64_t id = _nextId++;
     Client &from = client();
-    expectRequest(actionId, id);
+    if (admits(_who))
+        expectRequest(actionId, id);
     from.request(actionId, id);
+    expectNoCallback(actionId);
+}
+
+// An entry is KEY=KIND:VALUE, its kind s(tring), b(ytes) or a(rray of one string).
+void Play::sendEntries(const std::string &text) {
+    const client::BundlePtr content(bundle_create());
+    std::istringstream entries(text);
+    for (std::string entry; std::getline(entries, entry, ',');) {
+        const std::string key = entry.substr(0, entry.find('='));
+        const std::string value = entry.substr(std::min(entry.size(), key.size() + 3));
+        const char *array[] = {value.c_str()};
+        const char kind = entry[std::min(entry.size(), key.size() + 1)];
+        kind == 'b'   ? bundle_add_byte(content.get(), key.c_str(), value.data(), value.size())
+        : kind == 'a' ? bundle_add_str_array(content.get(), key.c_str(), array, 1)
+                      : bundle_add_str(content.get(), key.c_str(), value.c_str());
+    }
+    Client &from = client();
+    if (!from.connected())
+        return;
+    expectBundle(content.get());
+    _who = 0;
+    from.send(content.get());
+    expectNoCallback("entries");
+}
+
+void Play::expectNoCallback(const std::string &what) {
     if (checksModel() && _callExpected)
-        complain(std::string("no callback for ") + actionId);
+        complain("no callback for " + what);
     _callExpected = false;
+}
+
+// The library gets a bundle from the client of this step.
+void Play::expectBundle(bundle *content) {
+    char *actionId = nullptr;
+    void *bytes = nullptr;
+    std::size_t size = 0;
+    std::uint64_t id = 0;
+    const int error = bundle_get_byte(content, "requestId", &bytes, &size);
+    const bool hasId = error == BUNDLE_ERROR_NONE && size == sizeof id;
+    if (hasId)
+        std::memcpy(&id, bytes, size);
+    if (bundle_get_str(content, "actionId", &actionId) == BUNDLE_ERROR_NONE &&
+        (hasId || error == BUNDLE_ERROR_KEY_NOT_AVAILABLE) && admits(_who))
+        expectRequest(actionId, id);
 }
 
 // The library gets a request from the client of this step.
@@ -255,7 +344,7 @@ void Play::sendParcel(const std::string &numbers) {
     rpc_port_parcel_create(&copy);
     write(copy);
     int method = -1, field = 0;
-    bool once = false;
+    bool once = false, isAdmitted = true;
     if (rpc_port_parcel_read_int32(copy, &method) != RPC_PORT_ERROR_NONE)
         method = -1;
     if (method == 4) {
@@ -263,20 +352,11 @@ void Play::sendParcel(const std::string &numbers) {
         if (rpc_port_parcel_read_bundle(copy, &content) != RPC_PORT_ERROR_NONE)
             content = nullptr;
         const client::BundlePtr owner(content);
-        char *actionId = nullptr;
-        void *bytes = nullptr;
-        std::size_t size = 0;
-        std::uint64_t id = 0;
-        const int error = bundle_get_byte(content, "requestId", &bytes, &size);
-        if (error == BUNDLE_ERROR_NONE && size == sizeof id)
-            std::memcpy(&id, bytes, size);
         _who = who;
-        if (bundle_get_str(content, "actionId", &actionId) == BUNDLE_ERROR_NONE &&
-            (error == BUNDLE_ERROR_NONE ? size == sizeof id
-                                        : error == BUNDLE_ERROR_KEY_NOT_AVAILABLE))
-            expectRequest(actionId, id);
+        expectBundle(content);
         _who = 0;
-    } else if (method == 2) {
+    } else if (method == 2 || method == 3) {
+        isAdmitted = admits(who);
         rpc_port_parcel_read_int32(copy, &field);
         rpc_port_parcel_read_int32(copy, &field);
         if (rpc_port_parcel_read_bool(copy, &once) != RPC_PORT_ERROR_NONE)
@@ -284,10 +364,8 @@ void Play::sendParcel(const std::string &numbers) {
     }
     rpc_port_parcel_destroy(copy);
     testkit::sendParcel(from, write);
-    if (checksModel() && _callExpected)
-        complain("no callback for a parcel");
-    _callExpected = false;
-    if (method != 4)
+    expectNoCallback("a parcel");
+    if (method != 4 && isAdmitted)
         _uses[who] = method != 2 ? 0 : once ? 1 : ALWAYS;
     if (checksModel() && method != 4 && from.connected() != (method == 2 || method == 3))
         complain("the connection after a parcel");
@@ -301,7 +379,7 @@ void Play::pass(const char *note, double seconds) {
 
 void Play::actionCb(void *handler, bundle *request, void *data) {
     auto *self = static_cast<Play *>(data);
-    self->called(Kind::ACTION, handler);
+    self->called(Kind::ACTION, handler, request);
     const FaultScope scope(false);
     char *actionId = nullptr;
     if (bundle_get_str(request, "actionId", &actionId) != BUNDLE_ERROR_NONE)
@@ -309,15 +387,17 @@ void Play::actionCb(void *handler, bundle *request, void *data) {
 }
 
 void Play::stateCb(void *handler, void *data) {
-    static_cast<Play *>(data)->called(Kind::STATE, handler);
+    static_cast<Play *>(data)->called(Kind::STATE, handler, nullptr);
 }
 
 // The application is called: at once, or on a tick of the wait for the registration.
-void Play::called(Kind kind, void *handler) {
+void Play::called(Kind kind, void *handler, bundle *request) {
     const FaultScope scope(false);
     _former = std::exchange(_latest, {handler, kind});
     const int number = *static_cast<int *>(handler);
-    _device.note((kind == Kind::STATE ? "* state " : "* action ") + std::to_string(number));
+    std::string shown = (kind == Kind::STATE ? "* state " : "* action ") + std::to_string(number);
+    bundle_foreach(request, showEntry, &shown);
+    _device.note(shown);
     if (checksModel()) {
         const double now = host_sim_now();
         if (_pending == Kind::WAITING && !_callExpected) {
@@ -400,6 +480,28 @@ void Play::complete(const Called &request, bool asOther) {
            wanted);
 }
 
+void Play::completeForeign() {
+    auto *number = static_cast<int *>(_latest.handler);
+    int foreign = 2;
+    if (!number)
+        return;
+    void *const pointers[] = {nullptr,
+                              &foreign,
+                              number - *number - 1,
+                              number - *number + 100,
+                              reinterpret_cast<void *>(8),
+                              reinterpret_cast<char *>(number) + 1};
+    for (void *pointer : pointers) {
+        char *name = nullptr;
+        const int wanted = _initialized && _everRequested ? NELVO_ERROR_INVALID_PARAMETER
+                                                          : NELVO_ERROR_OPERATION_FAILED;
+        expect("complete", library(nelvo_complete_action_execution, pointer, "x"), wanted);
+        expect("complete", library(nelvo_complete_app_state_request, pointer, "x"), wanted);
+        expect("get_action_name", library(nelvo_get_action_name, pointer, &name),
+               NELVO_ERROR_OPERATION_FAILED);
+    }
+}
+
 void Play::askName() {
     char *name = nullptr;
     if (!_latest.handler)
@@ -453,6 +555,7 @@ void Play::compareAnswers() {
 
 void Play::finishHealthily() {
     _inside.clear();
+    setAllowList("none");
     _who = 0;
     const std::size_t before = _answered.size();
     play("DX2XIJAS{F}R{F}T");

@@ -14,15 +14,17 @@
 namespace nelvo::testkit {
 
 // Plays a script: what the application and two clients do, one letter a step; the table STEPS in
-// play.cpp says what each letter means. Besides, "{...}" is what the next callback does, steps that
-// are played inside it, and "[2,1,1,0]" a parcel of these numbers, four bytes each, that the client
-// sends.
+// play.cpp says what each letter means. Besides:
 //
-// Beside the script runs a model of what must come of it. Checked against the model, after every
-// step: each return code, each callback with its moment and handler number, each answer, what the
-// library holds. With faults about, the model is of no use; then only what must hold whatever fails
-// is checked: return codes are documented ones, nobody is answered twice, or with an id that was
-// never sent.
+//   {...}                what the next callback does, steps that are played inside it
+//   [2,1,1,0]            the client sends a parcel of these numbers, four bytes each
+//   <actionId=s:play>    the client sends a request of these entries, see sendEntries()
+//   (demo.client\0a)     the allow list becomes this text, "\0a" stands for a byte; (none): no file
+//
+// A model runs beside the script. Checked against the model, after every step: each return code, each
+// callback with its moment and handler number, each answer, and what the library holds. While calls are
+// made to fail, only what must hold in any case is checked: return codes are documented ones, and no
+// request is answered twice or under an id that was never sent.
 class Play {
 public:
     enum class Check { MODEL, INVARIANTS };
@@ -43,6 +45,7 @@ private:
     enum class Kind { NONE, WAITING, ACTION, STATE };
     struct Step;
     static const Step STEPS[];
+    static void (Play::*const BRACKETS[])(const std::string &);
     struct Called {
         void *handler = nullptr; // null: the application has not been called so often
         Kind kind = Kind::NONE;
@@ -64,16 +67,22 @@ private:
     void unsetState();
     void registered(const std::string &id, bool isAdded, int result);
     void complete(const Called &request, bool asOther);
+    void completeForeign();
     void askName();
     void connect(bool registers);
     void unregister();
     void disconnect();
     void request(const char *actionId);
-    void sendMalformed();
+    void setDeed(const std::string &script);
     void sendParcel(const std::string &numbers);
+    void sendEntries(const std::string &text);
+    void setAllowList(const std::string &text);
     void pass(const char *note, double seconds);
 
-    void called(Kind kind, void *handler);
+    void called(Kind kind, void *handler, bundle *request);
+    bool admits(int who);
+    void expectBundle(bundle *content);
+    void expectNoCallback(const std::string &what);
     void expectRequest(const std::string &actionId, std::uint64_t id);
     void settle();
     void answer(const char *status);
@@ -103,7 +112,9 @@ private:
     // The model.
     bool _initialized = false;
     bool _everRequested = false;
-    std::set<std::string> _registered; // action ids
+    std::set<std::string> _registered;                  // action ids
+    std::optional<std::vector<std::string>> _allowList; // its lines; no file unless set
+    std::vector<std::string> _lists[2];                 // what each connection has read
     int _uses[2] = {0, 0}; // how often the response callback of each client may be called
     Kind _pending = Kind::NONE;
     std::uint64_t _pendingId = 0;

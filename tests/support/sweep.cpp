@@ -30,11 +30,11 @@ std::vector<std::string> playHere(const Point &point, const std::vector<std::str
                                   bool &reached) {
     Simulation device;
     Play play(device, point.check);
-    const std::size_t bar = point.script.find('|');
-    const std::string behind = point.script.substr(bar + 1);
+    const std::size_t bar = std::min(point.script.find('|'), point.script.size());
     play.play(point.script.substr(0, bar));
     point.arm();
-    play.play(behind);
+    if (bar < point.script.size())
+        play.play(point.script.substr(bar + 1));
     reached = point.disarm();
 
     // A singleton that there was no memory for is missing for good.

@@ -24,5 +24,8 @@ host=$(dirname "$(find "$work/deb" -name libnelvo-host.so.1)")
 cc -o "$work/hello" "$example/main.c" -I"$work/rpm/usr/include" -I"$work/deb/usr/include/nelvo-host" \
     -L"$library" -lnelvo -L"$host" -lnelvo-host
 export LD_LIBRARY_PATH=$library:$host
-"$here/../tests/programs/outside/drive.sh" "$work/deb/usr/bin/nelvoctl" "$example/tizen-manifest.xml" demo.hello \
-    "$work/hello"
+NELVO_HOST_RUNTIME_DIR=$(mktemp -d)
+export NELVO_HOST_RUNTIME_DIR NELVO_HOST_MANIFEST=$example/tizen-manifest.xml
+trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$NELVO_HOST_RUNTIME_DIR"' EXIT
+"$work/hello" &
+"$work/deb/usr/bin/nelvoctl" call demo.hello greet Ann --wait 20

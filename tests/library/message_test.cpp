@@ -82,8 +82,6 @@ protected:
         message->Listen(std::make_shared<RecorderFactory>(*this));
     }
 
-    static bundle *newBundle() { return bundle_create(); }
-
     testkit::Simulation device;
     std::vector<std::string> events;
     Recorder *latest = nullptr;
@@ -134,7 +132,7 @@ TEST_F(MessageStubTest, ServesAClientWithoutCallbackPortButCannotAnswerIt) {
     EXPECT_EQ(client.setCb(), 17);
     EXPECT_EQ(testkit::stopFailing(), 1);
     EXPECT_THAT(stubErrors(device), ElementsAre("OnReceivedCB: Failed to get callback port"));
-    EXPECT_THROW(latest->kept->Invoke("app.id", Bundle(newBundle())),
+    EXPECT_THROW(latest->kept->Invoke("app.id", Bundle(bundle_create())),
                  stub::NotConnectedSocketException);
 }
 

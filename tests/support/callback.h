@@ -42,8 +42,4 @@ struct Callback {
     int registerState() { return nelvo_set_app_state_request_cb(state, this); }
 };
 
-inline int numberOf(void *handler) {
-    return *static_cast<int *>(handler);
-}
-
 } // namespace nelvo::testkit

@@ -94,15 +94,6 @@ int Child::wait(std::chrono::milliseconds limit) {
     return WIFEXITED(_status) ? WEXITSTATUS(_status) : -WTERMSIG(_status);
 }
 
-bool Child::waitForErr(const std::string &text) {
-    const auto isWritten = [&] { return err().find(text) != std::string::npos; };
-    const auto deadline = Clock::now() + PATIENCE;
-    while (!isWritten())
-        if (Clock::now() > deadline || ends(std::chrono::milliseconds(1)))
-            return isWritten();
-    return true;
-}
-
 std::string Child::textOf(int file) {
     struct stat state {};
     fstat(file, &state);

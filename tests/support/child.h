@@ -35,8 +35,6 @@ public:
     // Waits for the end. Returns the exit code, or -N if signal N ended the child; a child that
     // does not end in time is killed.
     int wait(std::chrono::milliseconds limit = PATIENCE);
-    // False when the child ended or PATIENCE was over before it wrote the text to stderr.
-    bool waitForErr(const std::string &text);
 
 private:
     void start(const std::function<int()> &work, Output output);

@@ -22,7 +22,6 @@ using testing::IsEmpty;
 using testkit::Callback;
 using testkit::Client;
 using testkit::failure;
-using testkit::numberOf;
 using testkit::success;
 
 // An application on a simulated device, initialised, with one client that waits for its answers.

@@ -40,10 +40,12 @@ stands_alone "$work/player/player-nelvo_static"
 ctest --test-dir "$work/player/player_tests" --output-on-failure --no-tests=error
 
 nelvoctl=$(cat "$work/player/nelvoctl")
-for program in hello hello-static; do
-    "$here/drive.sh" "$nelvoctl" "$examples/hello/tizen-manifest.xml" demo.hello "$work/$program"
-done
-for program in player-nelvo player-nelvo_static; do
-    ACTION=set_volume PARAMS='{"volume": 30}' "$here/drive.sh" "$nelvoctl" \
-        "$examples/player/tizen-manifest.xml" demo.player "$work/player/$program"
+NELVO_HOST_RUNTIME_DIR=$(mktemp -d)
+export NELVO_HOST_RUNTIME_DIR
+trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$NELVO_HOST_RUNTIME_DIR"' EXIT
+for program in hello hello-static player/player-nelvo player/player-nelvo_static; do
+    app=$(sed -E 's/.*(hello|player).*/\1/' <<<"${program##*/}")
+    NELVO_HOST_MANIFEST=$examples/$app/tizen-manifest.xml "$work/$program" &
+    "$nelvoctl" state "demo.$app" --wait 20 --json || (($? == 1)) # hello has no state
+    kill $! && { wait $! || true; }
 done

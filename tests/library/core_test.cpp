@@ -1,107 +1,123 @@
 // SPDX-License-Identifier: Apache-2.0
-// The core: the version gate, start and stop, dispatch, the shared request data, exceptions.
+// The core: SDK versions, start and stop, arguments, dispatch, answers, exceptions.
 #include "driven_application.h"
 
-#include <cstdlib>
 #include <stdexcept>
 
-#include "action_request_impl.h"
+#include "allocation_faults.h"
 #include "log.h"
+#include "message_service.h"
 #include "nelvo_common_data.h"
+#include "nelvo_impl.h"
 #include "response.h"
-#include "state_request_impl.h"
 
 namespace nelvo {
 namespace {
 
 constexpr int NONE = NELVO_ERROR_NONE;
 constexpr int FAILED = NELVO_ERROR_OPERATION_FAILED;
+constexpr int OOM = NELVO_ERROR_OUT_OF_MEMORY;
+constexpr int INVALID = NELVO_ERROR_INVALID_PARAMETER;
 const std::string KEY = "http://developer.tizen.org/tizen/metadata/nelvo/sdk/version";
 
 std::string metadata(const std::string &key, const std::string &value) {
     return "<metadata key=\"" + key + "\" value=\"" + value + "\"/>";
 }
 
-TEST(VersionGateTest, LogsEveryMetadataEntryWithThePrefix) {
-    testkit::Simulation device;
-    device.setManifest("<manifest><ui-application appid=\"demo.app\">" + metadata("a", "b") +
-                       metadata(KEY, "1.0") + "</ui-application></manifest>");
-    nelvo_deinitialize();
-    EXPECT_THAT(device.logTexts(),
-                ElementsAre("D getAppSdkVersion: AppId = demo.app",
-                            "D _nelvo_metadata_cb: metadata_key[a] metadata_value[b]",
-                            "D _nelvo_metadata_cb: metadata_key[" + KEY + "] metadata_value[1.0]",
-                            "D getAppSdkVersion: AppSdkVersion 1.0",
-                            "E deinitialize: NelvoImpl is not initialized. Please initialize at "
-                            "first."));
-    EXPECT_THAT(device.log().front().text,
-                testing::MatchesRegex("v1\\.0-beta\\.1\\.4 :  [0-9]+ getAppSdkVersion\\(\\): AppId "
-                                      "= demo\\.app"));
+TEST(SdkVersionTest, DecidesForTheLifeOfTheProcess) {
+    const int REFUSED = NELVO_ERROR_NOT_SUPPORTED;
+    const std::string old = metadata(KEY, "x1.0-alphay");
+    const std::pair<std::string, int> rows[] = {
+        {"", REFUSED},
+        {metadata("HTTP" + KEY.substr(4), "1.0") + metadata(KEY + "s", "1.0"), REFUSED},
+        {metadata(KEY, "1.0") + old, REFUSED},
+        {old + metadata(KEY, "") + metadata("a", "1.0-alpha"), NONE},
+    };
+    for (const auto &[entries, wanted] : rows)
+        inFreshProcess([&, &entries = entries, wanted = wanted] {
+            SCOPED_TRACE(entries);
+            testkit::Simulation device;
+            device.setManifest("<manifest><ui-application appid=\"demo.app\">" + entries +
+                               "</ui-application></manifest>");
+            EXPECT_EQ(nelvo_initialize(), wanted);
+            const std::string refusal = "D initialize: App SDK Nelvo Init Failed. App SDK version "
+                                        "doesn't support TIDL.";
+            EXPECT_EQ(device.logTexts().back() == refusal, wanted == REFUSED);
+            nelvo_deinitialize();
+            device.setSdkVersion("1.0");
+            EXPECT_EQ(nelvo_initialize(), wanted) << "the second time";
+            nelvo_deinitialize();
+            EXPECT_EQ(device.countLog(DLOG_DEBUG, "_nelvo_metadata_cb",
+                                      "metadata_key[a] metadata_value[1.0-alpha]"),
+                      wanted == NONE ? 1 : 0);
+            EXPECT_THAT(device.log().front().text,
+                        testing::MatchesRegex("v1\\.0-beta\\.1\\.4 :  [0-9]+ "
+                                              "getAppSdkVersion\\(\\): AppId = demo\\.app"));
+        });
 }
 
-TEST(CoreTest, RefusesEverythingWhileNotInitialised) {
+TEST(CoreTest, ReportsEachCallWithoutMemory) {
+    inFreshProcess([] {
+        testkit::Simulation device;
+        testkit::failAllocation(1, true);
+        EXPECT_EQ(nelvo_initialize(), OOM);
+        testkit::stopFailingAllocations();
+        EXPECT_EQ(nelvo_deinitialize(), OOM);
+        EXPECT_EQ(nelvo_set_action_execution_cb(nullptr, nullptr, nullptr), OOM)
+            << "the core is checked before the arguments";
+        messageService service("demo.client", "1");
+        EXPECT_EQ(service.SetCB(nullptr), -1);
+        EXPECT_EQ(service.UnsetCB(), -1);
+        service.Send(rpc_port::message::Bundle(nullptr));
+        EXPECT_EQ(sendResponse(createSuccessResponse("result", "x")), OOM);
+        const std::string null = "NelvoImpl instance is null";
+        EXPECT_THAT(device.logTexts(DLOG_ERROR),
+                    ElementsAre("E nelvo_initialize: " + null,
+                                "E nelvo_deinitialize: " + null + ". Not initialized",
+                                "E nelvo_set_action_execution_cb: " + null, "E SetCB: " + null,
+                                "E UnsetCB: " + null, "E Send: " + null,
+                                "E sendResponse: " + null));
+    });
+}
+
+TEST(CoreTest, ChecksArgumentsAndWhetherThereWasARequest) {
     testkit::Simulation device;
-    Callback callback;
     int slot = 0;
     char *name = reinterpret_cast<char *>(&slot);
-    const std::pair<const char *, int> rows[] = {
-        {"setAppStateRequestCb", callback.registerState()},
-        {"unsetAppStateRequestCb", nelvo_unset_app_state_request_cb()},
-        {"completeAppStateRequest", nelvo_complete_app_state_request(&slot, "x")},
-        {"setActionExcutionCb", callback.registerAction("play")},
-        {"unsetExecuteActionCb", nelvo_unset_action_execution_cb("play")},
-        {"completeActionExecution", nelvo_complete_action_execution(&slot, "x")}};
-    for (const auto &[function, returned] : rows) {
-        EXPECT_EQ(returned, FAILED) << function;
-        EXPECT_EQ(device.countLog(DLOG_ERROR, function, "Nelvo is not initialized"), 1) << function;
-    }
-    EXPECT_EQ(nelvo_set_action_execution_cb(nullptr, Callback::action, nullptr),
-              NELVO_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(nelvo_unset_action_execution_cb(nullptr), NELVO_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(nelvo_get_action_name(&slot, nullptr), NELVO_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(device.countLog(DLOG_ERROR, "nelvo_get_action_name", "action_id is null"), 1);
+    EXPECT_EQ(nelvo_set_action_execution_cb(nullptr, Callback::action, nullptr), INVALID);
+    EXPECT_EQ(nelvo_unset_action_execution_cb(nullptr), INVALID);
+    EXPECT_EQ(nelvo_get_action_name(&slot, nullptr), INVALID);
     EXPECT_EQ(nelvo_get_action_name(&slot, &name), FAILED);
     EXPECT_EQ(name, nullptr);
-
-    ASSERT_EQ(nelvo_initialize(), NONE);
+    EXPECT_EQ(nelvo_initialize(), NONE);
     EXPECT_EQ(nelvo_complete_action_execution(&slot, "x"), FAILED);
     EXPECT_EQ(nelvo_complete_app_state_request(&slot, "x"), FAILED);
-    EXPECT_EQ(nelvo_complete_app_state_request(nullptr, "x"), NELVO_ERROR_INVALID_PARAMETER);
-    for (const char *function : {"completeActionExecution", "completeAppStateRequest"})
-        EXPECT_EQ(device.countLog(DLOG_ERROR, function, "Nelvo Client is not connected"), 1);
+    EXPECT_EQ(nelvo_complete_app_state_request(nullptr, "x"), INVALID);
     EXPECT_EQ(sendResponse(createSuccessResponse("result", "x")), FAILED);
-    EXPECT_EQ(device.countLog(DLOG_ERROR, "sendResponse", "Nelvo Client is not connected"), 1);
-    EXPECT_EQ(device.takeWarnings().size(), 2u); // of the two completions before the start
+    EXPECT_THAT(device.logTexts(DLOG_ERROR),
+                ElementsAre("E nelvo_get_action_name: action_id is null",
+                            "E getActionName: In getActionName, entry not found",
+                            "E completeActionExecution: Nelvo Client is not connected",
+                            "E completeAppStateRequest: Nelvo Client is not connected",
+                            "E completeAppStateRequest: StateRequestInfo is null",
+                            "E sendResponse: Nelvo Client is not connected"));
     nelvo_deinitialize();
     EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);
 }
 
-TEST(CoreTest, BeginsItsSharedDataAnewWithEachStart) {
+TEST(CoreTest, ResetsTheSharedDataAtEachStartAndStop) {
     testkit::Simulation device;
     NelvoCommonData &data = *NelvoCommonData::getInstance();
-    EXPECT_EQ(data._currentActionHandler, 0);
-    EXPECT_EQ(data._requestId, 0u);
-    for (int round = 0; round < 2; ++round) {
-        nelvo_initialize();
-        EXPECT_EQ(data._currentActionHandler, 1);
-        EXPECT_EQ(data._requestId, ~0ull);
-        data._requestIdMap[2] = {"old", 1};
-        EXPECT_EQ(data.takeActionHandler("new"), 2);
-        EXPECT_EQ(data._requestIdMap[2].first, "new");
+    const std::pair<int (*)(), int> rows[] = {{nelvo_initialize, 1}, {nelvo_deinitialize, 0}};
+    for (const auto &[call, handler] : rows) {
         data._requestId = 5;
-        nelvo_deinitialize();
-        EXPECT_EQ(data._currentActionHandler, 0);
+        call();
+        EXPECT_EQ(data._currentActionHandler, handler);
         EXPECT_EQ(data._requestId, ~0ull);
-        data._requestId = 5;
     }
-    EXPECT_EQ(data.initialize(), 0);
-    EXPECT_EQ(data.deinitialize(), 0);
-    EXPECT_EQ(ActionRequestImpl::getInstance()->deinitialize(), NONE);
-    EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NONE);
-    EXPECT_EQ(StateRequestImpl::getInstance()->deinitialize(), NONE);
 }
 
-TEST(ResponseTest, AddsItsEntriesInTheirOrder) {
+TEST(ResponseTest, AddsTheEntriesInTheDocumentedOrder) {
     const std::pair<bundle *, const char *> rows[] = {
         {createSuccessResponse("result", "x"), "requestId result status_code "},
         {createFailureResponse("appContext", "x"), "requestId status_msg status_code appContext "}};
@@ -118,27 +134,43 @@ TEST(ResponseTest, AddsItsEntriesInTheirOrder) {
 
 class DispatchTest : public DrivenApplication {};
 
-TEST_F(DispatchTest, OutlivesACallbackThatThrows) {
-    const std::pair<std::function<void()>, const char *> rows[] = {
-        {[] { throw std::runtime_error("why"); }, "unexpected exception: why"},
-        {[] { throw std::bad_alloc(); }, "out of memory"},
-        {[] { throw 1; }, "unexpected exception"}};
-    int answers = 0;
+TEST_F(DispatchTest, KeepsThePendingRequestWithoutMemoryForTheNextOne) {
     ASSERT_EQ(callback.registerAction("play"), NONE);
-    for (const auto &[raise, logged] : rows) {
-        callback.then = [&, &raise = raise](void *, bundle *) { raise(); };
+    const std::string name(50, 'x'); // too long to be copied without an allocation
+    const client::BundlePtr dropped = client::makeRequest({name, 1, {}, {}});
+    for (int nth = 1; nth <= 3; ++nth) { // copies of the client id and of the action id, the member
+        client.request("play");
+        testkit::failAllocation(nth);
+        EXPECT_THROW(NelvoImpl::getInstance()->executeRequest(name.c_str(), dropped.get()),
+                     std::bad_alloc);
+        EXPECT_EQ(testkit::stopFailingAllocations(), 1);
+        EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NONE);
+        device.advance();
+        EXPECT_EQ(answerCount(), nth);
+    }
+}
+
+TEST_F(DispatchTest, SurvivesACallbackThatThrows) {
+    ASSERT_EQ(callback.registerAction("play"), NONE);
+    const struct {
+        std::function<void()> raise;
+        const char *logged;
+        int code;
+    } rows[] = {{[] { throw std::runtime_error("why"); }, "unexpected exception: why", FAILED},
+                {[] { throw std::bad_alloc(); }, "out of memory", OOM},
+                {[] { throw 1; }, "unexpected exception", FAILED}};
+    for (const auto &row : rows) {
+        callback.then = [&](void *, bundle *) { row.raise(); };
         client.request("play", 5);
-        EXPECT_EQ(device.countLog(DLOG_ERROR, "Send", logged), 1);
+        EXPECT_EQ(device.countLog(DLOG_ERROR, "Send", row.logged), 1);
         EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "x"), NONE);
         device.advance();
-        EXPECT_EQ(answerCount(), ++answers);
+        EXPECT_EQ(answerCount(), callback.count());
         try {
-            raise();
+            row.raise();
         } catch (...) {
-            EXPECT_EQ(logException("f"),
-                      logged == std::string("out of memory") ? NELVO_ERROR_OUT_OF_MEMORY : FAILED);
+            EXPECT_EQ(logException("f"), row.code);
         }
-        EXPECT_EQ(device.countLog(DLOG_ERROR, "f", logged), 1);
     }
 }
 

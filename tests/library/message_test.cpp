@@ -1,226 +1,159 @@
 // SPDX-License-Identifier: Apache-2.0
-// The "message" interface: its stub, the service behind it, and its clients among each other.
+// The "message" interface: its stub, its callbacks, the allow list, and clients side by side.
+#include "driven_application.h"
+
 #include <cstdio>
 #include <cstring>
-#include <functional>
 
 #include <dlfcn.h>
 
-#include "driven_application.h"
-
+#include "allocation_faults.h"
 #include "client_wire.h"
-#include "message/message.h"
+#include "message_service.h"
 
 namespace nelvo {
 namespace {
 
 namespace stub = rpc_port::message::stub;
-using rpc_port::message::Bundle;
-using ResponseCB = stub::message::ResponseCB;
 using ServiceBase = stub::message::ServiceBase;
 
-std::vector<std::string> stubErrors(const testkit::Simulation &device) {
-    std::vector<std::string> errors;
-    for (const auto &line : device.log())
-        if (line.tag == "RPC_PORT_STUB") {
-            EXPECT_EQ(line.priority, DLOG_ERROR);
-            EXPECT_EQ(line.text.rfind("message.cpp: ", 0), 0u) << line.text;
-            errors.push_back(line.function + ": " + line.message);
-        }
-    return errors;
-}
+using Note = std::function<void(const std::string &)>;
 
-// A service that writes down what happens to it.
-struct Recorder : ServiceBase {
-    Recorder(std::string sender, std::string instance, std::vector<std::string> &events)
-        : ServiceBase(std::move(sender), std::move(instance)), _events(events) {}
-    ~Recorder() override { note("destroyed"); }
+// A service that says when it ends.
+struct Service final : messageService {
+    Service(std::string sender, std::string instance, Note to)
+        : messageService(std::move(sender), std::move(instance)), note(std::move(to)) {}
+    ~Service() override { note(GetSender() + " destroyed"); }
+    void OnTerminate() override { note(GetSender() + " terminated"); }
 
-    void OnCreate() override { note("created"); }
-    void OnTerminate() override {
-        note("terminated");
-        onTerminate();
-    }
-    int SetCB(std::unique_ptr<ResponseCB> callback) override {
-        note("set " + callback->GetTag());
-        kept = std::move(callback);
-        return 17;
-    }
-    int UnsetCB() override {
-        note("unset");
-        return -5;
-    }
-    void Send(Bundle request) override { note(request.GetHandle() ? "bundle" : "no bundle"); }
-    void note(const std::string &what) { _events.push_back(GetSender() + " " + what); }
-
-    std::unique_ptr<ResponseCB> kept;
-    std::function<void()> onTerminate = [] {};
-
-private:
-    std::vector<std::string> &_events;
+    Note note;
 };
 
-class MessageStubTest : public testing::Test {
-protected:
-    struct RecorderFactory final : ServiceBase::Factory {
-        explicit RecorderFactory(MessageStubTest &owner) : test(owner) {}
-        std::unique_ptr<ServiceBase> CreateService(std::string sender,
-                                                   std::string instance) override {
-            if (sender == "client.unlucky")
-                throw std::bad_alloc();
-            if (test.refuse)
-                return nullptr;
-            auto service = std::make_unique<Recorder>(sender, instance, test.events);
-            test.latest = service.get();
-            return service;
-        }
-        MessageStubTest &test;
-    };
-
-    void SetUp() override {
-        message = std::make_unique<stub::message>();
-        message->Listen(std::make_shared<RecorderFactory>(*this));
+struct Factory final : ServiceBase::Factory {
+    explicit Factory(Note to) : note(std::move(to)) {}
+    std::unique_ptr<ServiceBase> CreateService(std::string sender, std::string instance) override {
+        if (sender == "refused")
+            return nullptr;
+        return std::make_unique<Service>(std::move(sender), std::move(instance), note);
     }
 
+    Note note;
+};
+
+TEST(MessageStubTest, EndsEachServiceOnceAndInTheOrderOfTheConnections) {
     testkit::Simulation device;
+    Client a("a"), b("b");
     std::vector<std::string> events;
-    Recorder *latest = nullptr;
-    bool refuse = false;
-    std::unique_ptr<stub::message> message;
-};
-
-TEST_F(MessageStubTest, RoutesEachConnectionToItsOwnService) {
-    Client a("client.a"), b("client.b");
-    ASSERT_TRUE(a.connect());
-    ASSERT_TRUE(b.connect());
-    EXPECT_EQ(testkit::setCb(a, {1, 42, false}), 17);
-    EXPECT_EQ(b.unsetCb(), -5);
-    a.disconnect();
-    EXPECT_EQ(b.unsetCb(), -5);
-    latest->onTerminate = [&] { // b leaves meanwhile, and the stub is still there
-        b.disconnect();
+    auto message = std::make_unique<stub::message>();
+    message->Listen(std::make_shared<Factory>([&](const std::string &event) {
+        events.push_back(event);
+        if (event != "b terminated")
+            return;
+        a.disconnect(); // while the stub ends its services; the stub is not destroyed yet
         device.advance();
         EXPECT_EQ(testkit::liveHandles(), "0 bundles, 0 parcels, 1 stubs, 0 app infos, 0 timers");
-    };
+    }));
+    ASSERT_TRUE(b.connect());
+    ASSERT_TRUE(a.connect());
     message.reset();
-    EXPECT_THAT(events, ElementsAre("client.a created", "client.b created", "client.a set 1::42",
-                                    "client.b unset", "client.a terminated", "client.a destroyed",
-                                    "client.b unset", "client.b terminated", "client.b destroyed"));
+    EXPECT_THAT(events, ElementsAre("b terminated", "a terminated", "b destroyed", "a destroyed"));
 }
 
-TEST_F(MessageStubTest, DropsAClientWhoseParcelIsUnknown) {
-    for (const int method : {0, 1, 5, -1, 1 << 30}) {
-        SCOPED_TRACE(method);
-        Client client;
-        ASSERT_TRUE(client.connect());
+TEST(MessageStubTest, DropsAClientWhoseServiceWasRefused) {
+    testkit::Simulation device;
+    stub::message message;
+    message.Listen(std::make_shared<Factory>([](const std::string &) {}));
+    Client refused("refused"), served("served"); // in the order of their instances
+    for (int round = 0; round < 2; ++round) {
         device.clearLog();
-        int returned = 0;
-        testkit::hooks().received = [&](int result) { returned = result; };
-        sendParcel(client, [&](auto parcel) { rpc_port_parcel_write_int32(parcel, method); });
+        ASSERT_TRUE(refused.connect());
+        testkit::hooks().received = [](int result) { EXPECT_EQ(result, -1); };
+        EXPECT_EQ(refused.setCb(), -100);
         testkit::hooks() = {};
-        EXPECT_EQ(returned, -1);
-        EXPECT_FALSE(client.connected());
-        EXPECT_THAT(stubErrors(device),
-                    ElementsAre("OnReceivedCB: Unknown command(" + std::to_string(method) + ")"));
+        EXPECT_FALSE(refused.connected());
+        EXPECT_THAT(
+            device.transcript(),
+            ElementsAre("E OnConnectedCB: Failed to create service for refused, connection ignored",
+                        testing::StartsWith("E OnReceivedCB: Failed to find $$ context(refused")));
+        EXPECT_THAT(device.log().back().text, testing::StartsWith("message.cpp: "));
+        ASSERT_TRUE(served.connect());
     }
 }
 
-TEST_F(MessageStubTest, ServesAClientWithoutCallbackPortButCannotAnswerIt) {
-    Client client;
-    ASSERT_TRUE(client.connect());
-    testkit::failPlatformCall("rpc_port_stub_get_port");
-    EXPECT_EQ(client.setCb(), 17);
-    EXPECT_EQ(testkit::stopFailing(), 1);
-    EXPECT_THAT(stubErrors(device), ElementsAre("OnReceivedCB: Failed to get callback port"));
-    EXPECT_THROW(latest->kept->Invoke("app.id", Bundle(bundle_create())),
-                 stub::NotConnectedSocketException);
-}
+class ResponseCallbackTest : public DrivenApplication {};
 
-TEST_F(MessageStubTest, IgnoresAConnectionThatTheFactoryRefuses) {
-    Client client, unlucky("client.unlucky"), later("later"); // in the order of their instances
-    refuse = true;
-    ASSERT_TRUE(client.connect());
-    refuse = false;
-    ASSERT_TRUE(unlucky.connect());
-    ASSERT_TRUE(later.connect());
-    EXPECT_THAT(stubErrors(device),
-                ElementsAre("OnConnectedCB: Failed to create service for "
-                            "demo.client, connection ignored",
-                            "OnConnectedCB: Failed to create service for "
-                            "client.unlucky, connection ignored: std::bad_alloc"));
-    EXPECT_EQ(later.setCb(), 17);
-    device.clearLog();
-    int returned = 0;
-    testkit::hooks().received = [&](int result) { returned = result; };
-    EXPECT_LT(client.setCb(), -1);
-    testkit::hooks() = {};
-    EXPECT_EQ(returned, -1);
-    EXPECT_FALSE(client.connected());
-    ASSERT_EQ(stubErrors(device).size(), 1u);
-    EXPECT_THAT(stubErrors(device)[0],
-                testing::StartsWith("OnReceivedCB: Failed to find $$ context("));
-    Client last("the.last");
-    refuse = true;
-    ASSERT_TRUE(last.connect());
-    EXPECT_LT(last.setCb(), -1);
-}
-
-TEST(CallbackBaseTest, NumbersCallbacksFromZero) {
-    testkit::Simulation device;
-    const ResponseCB first(nullptr, {});
-    const ResponseCB second(nullptr, {});
-    EXPECT_EQ(first.GetTag(), "1::0");
-    EXPECT_EQ(second.GetTag(), "1::1");
-    EXPECT_FALSE(second.IsOnce());
+TEST_F(ResponseCallbackTest, SendsTheFieldsThatTheClientRegistered) {
+    const stub::message::CallbackBase latest(1, false);
+    const int number = latest.GetSeqId();
+    EXPECT_EQ(latest.GetTag(), "1::" + std::to_string(number));
+    const struct {
+        std::vector<int> sent;
+        int id, seq;
+    } rows[] = {{{}, 1, number + 1}, {{8}, 8, number + 2}, {{3, 42}, 3, 42}};
+    ASSERT_EQ(callback.registerAction("play"), NELVO_ERROR_NONE);
+    client::CallbackFields received;
+    client.wire().proxy->events.answered = [&](const auto &answer) { received = answer.callback; };
+    for (const auto &row : rows) {
+        testkit::sendParcel(client, [&](rpc_port_parcel_h parcel) {
+            rpc_port_parcel_write_int32(parcel, 2);
+            for (const int field : row.sent)
+                rpc_port_parcel_write_int32(parcel, field);
+        });
+        client.request("play");
+        EXPECT_EQ(nelvo_complete_action_execution(callback.last(), "done"), NELVO_ERROR_NONE);
+        device.advance();
+        EXPECT_EQ(received.id, row.id);
+        EXPECT_EQ(received.seq, row.seq);
+        EXPECT_FALSE(received.once);
+    }
 }
 
 bool failsDisk = false;
 
-// Holds a line and, where a disk fails, half of the next one, which is a client's id.
+// Returns a file with a line and half of the next one, behind which a read error comes.
 FILE *openFailing() {
     cookie_io_functions_t calls{};
     calls.read = [](void *, char *buffer, std::size_t) -> ssize_t {
-        static bool isRead = false;
-        isRead = !isRead;
-        return isRead ? static_cast<ssize_t>(stpcpy(buffer, "other.client\ndemo.client") - buffer)
-                      : -1;
+        if (!std::exchange(failsDisk, false))
+            return -1;
+        return stpcpy(buffer, "other.client\ndemo.client") - buffer;
     };
     return fopencookie(nullptr, "r", calls);
 }
 
-class MessageServiceTest : public testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(nelvo_initialize(), NELVO_ERROR_NONE); }
-    void TearDown() override { nelvo_deinitialize(); }
+class AllowListTest : public DrivenApplication {};
 
-    testkit::Simulation device;
-};
-
-TEST_F(MessageServiceTest, AdmitsNobodyByTheFirstHalfOfALine) {
-    Client client;
+TEST_F(AllowListTest, AdmitsNobodyByHalfALineBeforeAReadError) {
     ASSERT_TRUE(client.connect());
     failsDisk = true;
     EXPECT_EQ(client.setCb(), -1);
-    failsDisk = false;
     device.setAllowList("demo.client\n");
-    EXPECT_EQ(client.setCb(), -1) << "what was read before is the list";
+    EXPECT_EQ(client.setCb(), -1) << "the lines before the error are the list";
 }
 
-// A client that connects twice is answered on the connection that registered last.
-TEST(IsolationTest, GivesTheAnswersOfAnIdToItsLatestCallback) {
-    testkit::Simulation device;
-    ASSERT_EQ(nelvo_initialize(), NELVO_ERROR_NONE);
-    Callback callback;
+TEST_F(AllowListTest, IsNotKeptInPartWithoutMemory) {
+    device.setAllowList("first.client\n" + std::string(300, 'x') + "\ndemo.client\n");
+    for (int nth = 1, failed = 1; failed > 0; ++nth) {
+        ASSERT_TRUE(client.connect());
+        testkit::failAllocation(nth);
+        client.setCb();
+        failed = testkit::stopFailingAllocations();
+        EXPECT_TRUE(client.connected() ? client.setCb() == 0 : client.join()) << nth;
+    }
+}
+
+class IsolationTest : public DrivenApplication {};
+
+TEST_F(IsolationTest, SendsAnswersToTheLatestConnectionOfTheSameClient) {
     callback.then = [](void *handler, bundle *) { nelvo_complete_action_execution(handler, "x"); };
     ASSERT_EQ(callback.registerAction("play"), NELVO_ERROR_NONE);
-    Client first("client.a"), again("client.a"), other("client.b");
-    ASSERT_TRUE(first.join() && again.join() && other.join());
-    for (Client *client : {&first, &again, &other})
-        client->request("play");
-    EXPECT_EQ(first.answers.size(), 0u);
+    Client again, other("other.client");
+    ASSERT_TRUE(again.join() && other.join());
+    for (Client *each : {&client, &again, &other})
+        each->request("play");
+    EXPECT_EQ(answerCount(), 0);
     EXPECT_EQ(again.answers.size(), 2u);
     EXPECT_EQ(other.answers.size(), 1u);
-    nelvo_deinitialize();
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 #include <nelvo/testkit.h>
 
 #include "callback.h"
+#include "child.h"
 #include "client/envelope.h"
 #include "platform_faults.h"
 
@@ -23,6 +24,14 @@ using testkit::Callback;
 using testkit::Client;
 using testkit::failure;
 using testkit::success;
+
+// Runs a test in a child process: what the first call of the library decides, it decides for the life
+// of its process.
+template <typename Work>
+void inFreshProcess(Work work) {
+    const auto test = [&] { return work(), testing::Test::HasFailure() ? 1 : 0; };
+    EXPECT_EQ(testkit::Child(test, testkit::Child::INHERITED).wait(), 0);
+}
 
 // An application on a simulated device, initialised, with one client that waits for its answers.
 class DrivenApplication : public testing::Test {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Plays each script of transcripts.txt, with its fault if it has one, and compares all that happens.
+// Plays each script of transcripts.txt, with its fault if it has one, and compares what happens.
 #include "driven_application.h"
 
 #include <csignal>
@@ -37,7 +37,7 @@ Transcript readTitle(const std::string &title) {
     return transcript;
 }
 
-// The file itself says how it is to be read.
+// The head of the file describes its format.
 std::vector<Transcript> readTranscripts() {
     std::vector<Transcript> transcripts;
     std::map<std::string, std::vector<std::string>> named;
@@ -65,8 +65,8 @@ class TranscriptTest : public testing::TestWithParam<Transcript> {};
 
 INSTANTIATE_TEST_SUITE_P(Of, TranscriptTest, testing::ValuesIn(readTranscripts()));
 
-// Plays a script and returns what happened behind the bar; the nth allocation there fails if the
-// function is "new".
+// Plays a script and returns what happened behind the bar. There the nth call of the row's function
+// fails, or the nth allocation if the function is "new".
 std::vector<std::string> playRow(const Transcript &row, int nth) {
     const bool whole = row.function.empty(), failsNew = row.function == "new";
     testkit::Simulation device(failsNew ? "application.with.a.long.id" : "demo.app");
@@ -83,11 +83,11 @@ std::vector<std::string> playRow(const Transcript &row, int nth) {
     play.play(watched);
     EXPECT_EQ(failsNew ? testkit::stopFailingAllocations() : testkit::stopFailing(), whole ? 0 : 1);
     const std::vector<std::string> lines = device.transcript();
-    const bool canStart = !failsNew || nelvo_initialize() == NELVO_ERROR_NONE;
-    if (canStart)
+    // A singleton that could not be allocated is missing for the life of the process.
+    if (!failsNew || nelvo_initialize() == NELVO_ERROR_NONE)
         play.finishHealthily();
     EXPECT_THAT(play.complaints(), IsEmpty());
-    device.takeWarnings(); // the late completions of the scripts are meant
+    device.takeWarnings(); // scripts complete requests too late on purpose
     EXPECT_EQ(host_sim_timer_count(), 0);
     EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);
     return lines;
@@ -106,11 +106,11 @@ TEST_P(TranscriptTest, IsKeptToTheLetter) {
             [&] { return playRow(row, nth) == row.lines && !HasFailure() ? 0 : 1; });
         isFound = child.wait() == 0;
     }
-    EXPECT_TRUE(isFound) << "no failing allocation leads to these lines";
+    EXPECT_TRUE(isFound) << "these lines do not follow from the failure of any allocation";
 }
 
-// What an application may do inside each callback, and the scenarios without their faults.
-TEST(ModelTest, ForetellsEveryScenario) {
+// Each step of an application inside each callback, the scenarios without faults, and model.txt.
+TEST(ModelTest, AgreesWithTheLibraryOnEveryScript) {
     const auto logPatterns = testkit::readTable(TABLES "/faults/log_lines.txt");
     auto scripts = testkit::readScripts(TABLES "/faults");
     for (const std::string &script : testkit::readTable(TABLES "/library/model.txt"))
@@ -121,7 +121,7 @@ TEST(ModelTest, ForetellsEveryScenario) {
             << script;
 }
 
-// What the scripts are checked with must notice what goes wrong behind their back.
+// The checks of a script must notice damage that is not done by the script.
 TEST(HarnessTest, NoticesAWrongAnswerALeakAHangAndACrash) {
     using testkit::Outcome;
     const auto never = [](void *) -> Eina_Bool { return ECORE_CALLBACK_CANCEL; };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What may happen on any thread: the creation of the singletons and of callback objects.
+// What may run on any thread: creating the singletons and callback objects.
 
 #include <atomic>
 #include <cstring>
@@ -20,13 +20,13 @@
 
 namespace {
 
-std::atomic<int> decisions(0); // on the SDK version
+std::atomic<int> decisions(0); // how often the SDK version was read
 
 void countDecisions(log_priority, const char *, const char *text, void *) {
     decisions += std::strstr(text, "AppId = demo.app") != nullptr;
 }
 
-// Runs work(0) to work(count - 1) at the same moment, as near as can be.
+// Runs work(0) to work(count - 1) on threads of their own that begin together.
 void together(std::size_t count, const std::function<void(std::size_t)> &work) {
     std::atomic<std::size_t> missing(count);
     std::vector<std::thread> threads;
@@ -42,7 +42,7 @@ void together(std::size_t count, const std::function<void(std::size_t)> &work) {
 
 TEST(ThreadsTest, EveryFunctionMayBeTheFirstToBeCalled) {
     host_log_set_sink(countDecisions, nullptr);
-    host_sim_set_manifest( // of an application whose calls change nothing
+    host_sim_set_manifest( // with an SDK version that makes every call fail
         "<manifest><ui-application appid='demo.app'><metadata value='1.0-alpha' "
         "key='http://developer.tizen.org/tizen/metadata/nelvo/sdk/version'/></ui-application>"
         "</manifest>");

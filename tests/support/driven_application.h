@@ -25,8 +25,8 @@ using testkit::Client;
 using testkit::failure;
 using testkit::success;
 
-// Runs a test in a child process: what the first call of the library decides, it decides for the life
-// of its process.
+// Runs a test in a child process: what the first call of the library decides stays decided for the
+// life of its process.
 template <typename Work>
 void inFreshProcess(Work work) {
     const auto test = [&] { return work(), testing::Test::HasFailure() ? 1 : 0; };

@@ -28,6 +28,7 @@ TEST(DlogTest, LetsNothingThroughThatIsLongOrNotPlainText) {
         {"surrogate \xed\xa0\x80", "surrogate \\xed\\xa0\\x80"},
         {"beyond Unicode \xf4\x90\x80\x80", "beyond Unicode \\xf4\\x90\\x80\\x80"},
         {"cut short \xe2\x82", "cut short \\xe2\\x82"},
+        {std::string(512, 'x'), std::string(512, 'x')},
         {most, most},
         {most + "y", most + " [cut]"},
         {lessOne + "\u20ac", lessOne + " [cut]"},

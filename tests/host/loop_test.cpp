@@ -160,12 +160,13 @@ TEST(LoopTest, RunsUntilItIsToldToQuitOrNothingIsLeftOrTheLastShutdown) {
         EXPECT_EQ(calls, expected);
     }
     ecore_timer_add(1, quit, &calls);
-    Ecore_Fd_Handler *const handler = watch(eventfd(0, 0));
+    Actor watched;
+    watched.handler = watch(watched.fd, &watched);
     for (const int left : {1, 0, 0}) {
         EXPECT_EQ(ecore_shutdown(), left);
         EXPECT_EQ(host_sim_timer_count(), left);
     }
-    EXPECT_EQ(ecore_main_fd_handler_del(handler), nullptr);
+    EXPECT_EQ(remove(watched), nullptr) << "the handler is gone";
 }
 
 TEST(LoopTest, RefusesWhatItCannotWatchOrTime) {

@@ -28,9 +28,13 @@ cc -Wall -o "$work/hello" "$examples/hello/main.c" "${shared[@]}" -Wl,-rpath,"$l
 cc -Wall -o "$work/hello-static" "$examples/hello/main.c" -Wl,-Bstatic "${static[@]}" \
     -Wl,-Bdynamic
 stands_alone "$work/hello-static"
-c++ -std=c++17 -Wall -o "$work/greet_test" "$here/greet_test.cpp" "${testkit[@]}" \
-    -Wl,-rpath,"$lib"
-"$work/greet_test"
+
+# The guide's complete test.
+sed -n '/^```cpp$/,/^```$/ { /^```/!p }' "$here/../../../docs/testing-applications.md" \
+    >"$work/guide_test.cpp"
+c++ -std=c++17 -Wall -o "$work/guide_test" "$work/guide_test.cpp" "${testkit[@]}" \
+    -lgtest_main -lgtest -Wl,-rpath,"$lib"
+"$work/guide_test"
 
 # C++ with CMake.
 cmake -S "$here" -B "$work/player" -DCMAKE_PREFIX_PATH="$prefix" \

@@ -80,6 +80,18 @@ TEST(CoreTest, ReportsEachCallWithoutMemory) {
     });
 }
 
+TEST(CoreTest, NamesNoActionWithoutMemoryForTheSharedData) {
+    inFreshProcess([] {
+        testkit::Simulation device;
+        NelvoImpl::getInstance();
+        char *name = nullptr;
+        testkit::failAllocation(1, true);
+        EXPECT_EQ(nelvo_get_action_name(&name, &name), FAILED);
+        testkit::stopFailingAllocations();
+        EXPECT_EQ(device.logTexts().back(), "E getActionName: NelvoCommonData instance is null");
+    });
+}
+
 TEST(CoreTest, ChecksArgumentsAndWhetherThereWasARequest) {
     testkit::Simulation device;
     int slot = 0;
@@ -134,11 +146,11 @@ TEST(ResponseTest, AddsTheEntriesInTheDocumentedOrder) {
 
 class DispatchTest : public DrivenApplication {};
 
-TEST_F(DispatchTest, KeepsThePendingRequestWithoutMemoryForTheNextOne) {
+TEST_F(DispatchTest, KeepsThePendingRequestIfTheNextOneRunsOutOfMemory) {
     ASSERT_EQ(callback.registerAction("play"), NONE);
     const std::string name(50, 'x'); // too long to be copied without an allocation
     const client::BundlePtr dropped = client::makeRequest({name, 1, {}, {}});
-    for (int nth = 1; nth <= 3; ++nth) { // copies of the client id and of the action id, the member
+    for (int nth = 1; nth <= 3; ++nth) { // client id, action id, room for the client id
         client.request("play");
         testkit::failAllocation(nth);
         EXPECT_THROW(NelvoImpl::getInstance()->executeRequest(name.c_str(), dropped.get()),

@@ -4,12 +4,14 @@
 
 #include <stdexcept>
 
+#include "action_request_impl.h"
 #include "allocation_faults.h"
 #include "log.h"
 #include "message_service.h"
 #include "nelvo_common_data.h"
 #include "nelvo_impl.h"
 #include "response.h"
+#include "state_request_impl.h"
 
 namespace nelvo {
 namespace {
@@ -127,6 +129,13 @@ TEST(CoreTest, ResetsTheSharedDataAtEachStartAndStop) {
         EXPECT_EQ(data._currentActionHandler, handler);
         EXPECT_EQ(data._requestId, ~0ull);
     }
+    data._requestIdMap[data._currentActionHandler + 1] = {"old", 1};
+    EXPECT_EQ(data._requestIdMap[data.takeActionHandler("new")].first, "new");
+    EXPECT_EQ(data.initialize(), 0);
+    EXPECT_EQ(data.deinitialize(), 0);
+    EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NONE);
+    EXPECT_EQ(StateRequestImpl::getInstance()->deinitialize(), NONE);
+    EXPECT_EQ(ActionRequestImpl::getInstance()->deinitialize(), NONE);
 }
 
 TEST(ResponseTest, AddsTheEntriesInTheDocumentedOrder) {

@@ -213,6 +213,7 @@ TEST_F(HostileTest, MayBreakTheHandshake) {
         {"halves of two senders", hello(CALLBACK, "", "other"), main, 1, 0},
         {"halves that do not belong together", hello(CALLBACK, "x", "mallory"), main, 2, 0},
         {"a callback channel that goes on", main, callback + "x", 0, 0},
+        {"a third channel", hello(2, "", "mallory"), hello(2, "x", "mallory"), 0, 0},
         {"frames that are no hello", frame("hello"), frame(""), 0, 0},
         {"frames longer than any hello", number(FRAME_LIMIT), number(~0U), 0, 0},
         {"the longest name", hello(MAIN, "", most), hello(CALLBACK, "", most), 2, 2},
@@ -224,6 +225,11 @@ TEST_F(HostileTest, MayBreakTheHandshake) {
     for (const std::string &name : {std::string(), std::string("../a"), std::string("a\nb"),
                                     std::string("\xff"), std::string("a\0b", 3), most + "a"})
         play({"named \"" + name + "\"", hello(MAIN, "", name), hello(CALLBACK, "", name), 0, 0});
+    play("a callback channel that goes on later", [&] {
+        connect();
+        say(sockets.front(), frame(""));
+        EXPECT_TRUE(sockets.back().hasEnded());
+    });
 }
 
 TEST_F(HostileTest, MayBeMany) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <deque>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
@@ -45,6 +46,12 @@ rlim_t firstFreeDescriptor() {
     const int fd = dup(0);
     close(fd);
     return static_cast<rlim_t>(fd);
+}
+
+long pagesOfMemory() {
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages;
 }
 
 // Serves on a real socket as long as the process lives: virtual time cannot be left again.
@@ -225,6 +232,12 @@ TEST_F(HostileTest, MayBreakTheHandshake) {
     for (const std::string &name : {std::string(), std::string("../a"), std::string("a\nb"),
                                     std::string("\xff"), std::string("a\0b", 3), most + "a"})
         play({"named \"" + name + "\"", hello(MAIN, "", name), hello(CALLBACK, "", name), 0, 0});
+    play("memory for frames that do not come", [&] {
+        const long before = pagesOfMemory();
+        for (int i = 0; i < 40; ++i)
+            say(connect(), number(FRAME_LIMIT) + "only this");
+        EXPECT_LT((pagesOfMemory() - before) * sysconf(_SC_PAGESIZE), 100 << 20);
+    });
     play("a callback channel that goes on later", [&] {
         connect();
         say(sockets.front(), frame(""));

@@ -26,6 +26,29 @@ std::string metadata(const std::string &key, const std::string &value) {
     return "<metadata key=\"" + key + "\" value=\"" + value + "\"/>";
 }
 
+TEST(SharedDataTest, IsResetAtEachStartAndStop) {
+    inFreshProcess([] {
+        testkit::Simulation device;
+        NelvoCommonData &data = *NelvoCommonData::getInstance();
+        EXPECT_EQ(data._currentActionHandler, 0);
+        EXPECT_EQ(data._requestId, 0u);
+        const std::pair<int (*)(), int> rows[] = {{nelvo_initialize, 1}, {nelvo_deinitialize, 0}};
+        for (const auto &[call, handler] : rows) {
+            data._requestId = 5;
+            call();
+            EXPECT_EQ(data._currentActionHandler, handler);
+            EXPECT_EQ(data._requestId, ~0ull);
+        }
+        data._requestIdMap[data._currentActionHandler + 1] = {"old", 1};
+        EXPECT_EQ(data._requestIdMap[data.takeActionHandler("new")].first, "new");
+        EXPECT_EQ(data.initialize(), 0);
+        EXPECT_EQ(data.deinitialize(), 0);
+        EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NONE);
+        EXPECT_EQ(StateRequestImpl::getInstance()->deinitialize(), NONE);
+        EXPECT_EQ(ActionRequestImpl::getInstance()->deinitialize(), NONE);
+    });
+}
+
 TEST(SdkVersionTest, DecidesForTheLifeOfTheProcess) {
     const int REFUSED = NELVO_ERROR_NOT_SUPPORTED;
     const std::string old = metadata(KEY, "x1.0-alphay");
@@ -117,25 +140,6 @@ TEST(CoreTest, ChecksArgumentsAndWhetherThereWasARequest) {
                             "E sendResponse: Nelvo Client is not connected"));
     nelvo_deinitialize();
     EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);
-}
-
-TEST(CoreTest, ResetsTheSharedDataAtEachStartAndStop) {
-    testkit::Simulation device;
-    NelvoCommonData &data = *NelvoCommonData::getInstance();
-    const std::pair<int (*)(), int> rows[] = {{nelvo_initialize, 1}, {nelvo_deinitialize, 0}};
-    for (const auto &[call, handler] : rows) {
-        data._requestId = 5;
-        call();
-        EXPECT_EQ(data._currentActionHandler, handler);
-        EXPECT_EQ(data._requestId, ~0ull);
-    }
-    data._requestIdMap[data._currentActionHandler + 1] = {"old", 1};
-    EXPECT_EQ(data._requestIdMap[data.takeActionHandler("new")].first, "new");
-    EXPECT_EQ(data.initialize(), 0);
-    EXPECT_EQ(data.deinitialize(), 0);
-    EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NONE);
-    EXPECT_EQ(StateRequestImpl::getInstance()->deinitialize(), NONE);
-    EXPECT_EQ(ActionRequestImpl::getInstance()->deinitialize(), NONE);
 }
 
 TEST(ResponseTest, AddsTheEntriesInTheDocumentedOrder) {

@@ -31,7 +31,7 @@ TEST(SdkVersionTest, DecidesForTheLifeOfTheProcess) {
         {"", REFUSED},
         {metadata("HTTP" + KEY.substr(4), "1.0") + metadata(KEY + "s", "1.0"), REFUSED},
         {metadata(KEY, "1.0") + old, REFUSED},
-        {old + metadata(KEY, "") + metadata("a", "1.0-alpha"), NONE},
+        {metadata("a", "1.0-alpha") + old + metadata(KEY, ""), NONE},
     };
     for (const auto &[entries, wanted] : rows)
         inFreshProcess([&, &entries = entries, wanted = wanted] {

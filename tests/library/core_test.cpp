@@ -4,12 +4,14 @@
 
 #include <stdexcept>
 
+#include "action_request_impl.h"
 #include "allocation_faults.h"
 #include "log.h"
 #include "message_service.h"
 #include "nelvo_common_data.h"
 #include "nelvo_impl.h"
 #include "response.h"
+#include "state_request_impl.h"
 
 namespace nelvo {
 namespace {
@@ -22,6 +24,29 @@ const std::string KEY = "http://developer.tizen.org/tizen/metadata/nelvo/sdk/ver
 
 std::string metadata(const std::string &key, const std::string &value) {
     return "<metadata key=\"" + key + "\" value=\"" + value + "\"/>";
+}
+
+TEST(SharedDataTest, IsResetAtEachStartAndStop) {
+    inFreshProcess([] {
+        testkit::Simulation device;
+        NelvoCommonData &data = *NelvoCommonData::getInstance();
+        EXPECT_EQ(data._currentActionHandler, 0);
+        EXPECT_EQ(data._requestId, 0u);
+        const std::pair<int (*)(), int> rows[] = {{nelvo_initialize, 1}, {nelvo_deinitialize, 0}};
+        for (const auto &[call, handler] : rows) {
+            data._requestId = 5;
+            call();
+            EXPECT_EQ(data._currentActionHandler, handler);
+            EXPECT_EQ(data._requestId, ~0ull);
+        }
+        data._requestIdMap[data._currentActionHandler + 1] = {"old", 1};
+        EXPECT_EQ(data._requestIdMap[data.takeActionHandler("new")].first, "new");
+        EXPECT_EQ(data.initialize(), 0);
+        EXPECT_EQ(data.deinitialize(), 0);
+        EXPECT_EQ(StateRequestImpl::getInstance()->initialize(), NONE);
+        EXPECT_EQ(StateRequestImpl::getInstance()->deinitialize(), NONE);
+        EXPECT_EQ(ActionRequestImpl::getInstance()->deinitialize(), NONE);
+    });
 }
 
 TEST(SdkVersionTest, DecidesForTheLifeOfTheProcess) {
@@ -80,6 +105,18 @@ TEST(CoreTest, ReportsEachCallWithoutMemory) {
     });
 }
 
+TEST(CoreTest, NamesNoActionWithoutMemoryForTheSharedData) {
+    inFreshProcess([] {
+        testkit::Simulation device;
+        NelvoImpl::getInstance();
+        char *name = nullptr;
+        testkit::failAllocation(1, true);
+        EXPECT_EQ(nelvo_get_action_name(&name, &name), FAILED);
+        testkit::stopFailingAllocations();
+        EXPECT_EQ(device.logTexts().back(), "E getActionName: NelvoCommonData instance is null");
+    });
+}
+
 TEST(CoreTest, ChecksArgumentsAndWhetherThereWasARequest) {
     testkit::Simulation device;
     int slot = 0;
@@ -105,18 +142,6 @@ TEST(CoreTest, ChecksArgumentsAndWhetherThereWasARequest) {
     EXPECT_EQ(testkit::liveHandles(), testkit::NO_HANDLES);
 }
 
-TEST(CoreTest, ResetsTheSharedDataAtEachStartAndStop) {
-    testkit::Simulation device;
-    NelvoCommonData &data = *NelvoCommonData::getInstance();
-    const std::pair<int (*)(), int> rows[] = {{nelvo_initialize, 1}, {nelvo_deinitialize, 0}};
-    for (const auto &[call, handler] : rows) {
-        data._requestId = 5;
-        call();
-        EXPECT_EQ(data._currentActionHandler, handler);
-        EXPECT_EQ(data._requestId, ~0ull);
-    }
-}
-
 TEST(ResponseTest, AddsTheEntriesInTheDocumentedOrder) {
     const std::pair<bundle *, const char *> rows[] = {
         {createSuccessResponse("result", "x"), "requestId result status_code "},
@@ -134,11 +159,11 @@ TEST(ResponseTest, AddsTheEntriesInTheDocumentedOrder) {
 
 class DispatchTest : public DrivenApplication {};
 
-TEST_F(DispatchTest, KeepsThePendingRequestWithoutMemoryForTheNextOne) {
+TEST_F(DispatchTest, KeepsThePendingRequestIfTheNextOneRunsOutOfMemory) {
     ASSERT_EQ(callback.registerAction("play"), NONE);
     const std::string name(50, 'x'); // too long to be copied without an allocation
     const client::BundlePtr dropped = client::makeRequest({name, 1, {}, {}});
-    for (int nth = 1; nth <= 3; ++nth) { // copies of the client id and of the action id, the member
+    for (int nth = 1; nth <= 3; ++nth) { // client id, action id, room for the client id
         client.request("play");
         testkit::failAllocation(nth);
         EXPECT_THROW(NelvoImpl::getInstance()->executeRequest(name.c_str(), dropped.get()),

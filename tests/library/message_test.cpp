@@ -59,7 +59,7 @@ TEST(MessageStubTest, EndsEachServiceOnceAndInTheOrderOfTheConnections) {
     EXPECT_THAT(events, ElementsAre("b terminated", "a terminated", "b destroyed", "a destroyed"));
 }
 
-TEST(MessageStubTest, DropsAClientWhoseServiceWasRefused) {
+TEST(MessageStubTest, DropsAClientWithoutServiceOrOfAnUnknownParcel) {
     testkit::Simulation device;
     stub::message message;
     message.Listen(std::make_shared<Factory>([](const std::string &) {}));
@@ -78,6 +78,10 @@ TEST(MessageStubTest, DropsAClientWhoseServiceWasRefused) {
         EXPECT_THAT(device.log().back().text, testing::StartsWith("message.cpp: "));
         ASSERT_TRUE(served.connect());
     }
+    testkit::hooks().received = [](int result) { EXPECT_EQ(result, -1); };
+    testkit::sendParcel(served, [](auto parcel) { rpc_port_parcel_write_int32(parcel, 5); });
+    testkit::hooks() = {};
+    EXPECT_FALSE(served.connected());
 }
 
 class ResponseCallbackTest : public DrivenApplication {};

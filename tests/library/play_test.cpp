@@ -16,6 +16,11 @@ namespace nelvo {
 namespace {
 
 constexpr int MOST_ALLOCATIONS = 100; // of a script of transcripts.txt
+constexpr const char *TWO_VERSIONS =  // of which the last counts
+    R"(<manifest><ui-application appid="application.with.a.long.id">
+    <metadata key="http://developer.tizen.org/tizen/metadata/nelvo/sdk/version" value="1.0-alpha"/>
+    <metadata key="http://developer.tizen.org/tizen/metadata/nelvo/sdk/version" value="1.0"/>
+    </ui-application></manifest>)";
 
 std::string *leaked = nullptr;
 
@@ -72,6 +77,8 @@ std::vector<std::string> playRow(const Transcript &row, int nth) {
     testkit::Simulation device(failsNew ? "application.with.a.long.id" : "demo.app");
     testkit::Play play(device,
                        whole ? testkit::Play::Check::MODEL : testkit::Play::Check::INVARIANTS);
+    if (failsNew)
+        device.setManifest(TWO_VERSIONS);
     const std::size_t bar = row.script.find('|');
     const std::string watched = row.script.substr(bar + 1);
     play.play(row.script.substr(0, bar));

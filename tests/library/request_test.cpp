@@ -15,16 +15,14 @@ struct Kind {
     const char *actionId;
     const char *resultKey;
     int (*complete)(void *, const char *);
-    const char *noData;      // what the time-out logs when it gets no data
-    std::size_t keptRecords; // after a completion for another request id
-
-    bool isState() const { return keptRecords == 1; }
+    const char *noData; // what the time-out logs if it gets no data
+    bool isState;
 };
 
 const Kind KINDS[] = {{"play", "result", nelvo_complete_action_execution,
-                       "E _completeActionExecutionCheckCb: Action Request Pointer is null", 0},
+                       "E _completeActionExecutionCheckCb: Action Request Pointer is null", false},
                       {"getAppContext", "appContext", nelvo_complete_app_state_request,
-                       "E _appStateRequestCompleteCheckCb: State Request is null", 1}};
+                       "E _appStateRequestCompleteCheckCb: State Request is null", true}};
 
 void PrintTo(const Kind &kind, std::ostream *out) {
     *out << kind.actionId;
@@ -33,13 +31,13 @@ void PrintTo(const Kind &kind, std::ostream *out) {
 class RequestTest : public DrivenApplication, public testing::WithParamInterface<Kind> {
 protected:
     void request(Callback &to, std::uint64_t id = 7) {
-        ASSERT_EQ(kind.isState() ? to.registerState() : to.registerAction("play"), NONE);
+        ASSERT_EQ(kind.isState ? to.registerState() : to.registerAction("play"), NONE);
         client.request(kind.actionId, id);
     }
     int complete(const char *text = "done") { return kind.complete(callback.last(), text); }
 
     const Kind &kind = GetParam();
-    const Kind &otherKind = KINDS[kind.isState() ? 0 : 1];
+    const Kind &otherKind = KINDS[kind.isState ? 0 : 1];
 };
 
 INSTANTIATE_TEST_SUITE_P(Of, RequestTest, testing::ValuesIn(KINDS));
@@ -82,12 +80,12 @@ TEST_P(RequestTest, IsNotAnsweredUnderAnotherId) {
     EXPECT_EQ(complete(), NONE);
     EXPECT_THAT(device.logTexts().back(),
                 testing::EndsWith(": Discarding response recieved for old requestId 7"));
-    EXPECT_EQ(common._requestIdMap.size(), kind.keptRecords);
+    EXPECT_EQ(common._requestIdMap.size(), kind.isState ? 1u : 0u) << "a state keeps its record";
     EXPECT_EQ(host_sim_timer_count(), timers + 1) << "the time-out stays set";
     EXPECT_EQ(answerCount(), 0);
 }
 
-TEST_P(RequestTest, MakesTheKitWarnOfALateCompletion) {
+TEST_P(RequestTest, MakesTheKitWarnOfACompletionThatIsLateOrOfTheOtherKind) {
     const char *const stopped = "the library had been stopped since";
     const char *const overtaken = "a newer request had overtaken it";
     const std::pair<std::string, std::function<void()>> rows[] = {
@@ -106,6 +104,8 @@ TEST_P(RequestTest, MakesTheKitWarnOfALateCompletion) {
         client.request(otherKind.actionId, 6); // nobody registers it: it takes no handler
         request(callback);
         void *const handler = callback.last();
+        EXPECT_EQ(otherKind.complete(handler, "x"), NELVO_ERROR_OPERATION_FAILED);
+        EXPECT_THAT(device.takeWarnings(), ElementsAre(testing::EndsWith("of the other kind")));
         before();
         device.takeWarnings();
         kind.complete(handler, "done");
@@ -133,7 +133,7 @@ TEST_F(ActionRequestTest, StopsWaitingWhenATickFindsSomethingMissing) {
 
     std::string &clientId = NelvoCommonData::getInstance()->_nelvoClientAppId;
     const std::pair<const char *, std::function<void *()>> rows[] = {
-        // error; returns tick's data
+        // the error that is logged, and what returns the data of the tick
         {"actionPtr is null", [] { return nullptr; }},
         {"Nelvo Client app id is null", [&] { return clientId.clear(), self; }},
         {"ActionRequest _actionExecutionFireTimer is null",

@@ -8,5 +8,5 @@ add_library(nelvo::platform_static ALIAS PkgConfig::NELVO_DEVICE)
 if(NELVO_TESTS) # they need a simulated one
     pkg_check_modules(NELVO_HOST REQUIRED IMPORTED_TARGET GLOBAL nelvo-host)
     add_library(nelvo::host ALIAS PkgConfig::NELVO_HOST)
-    add_subdirectory(host EXCLUDE_FROM_ALL)
+    add_subdirectory(host)
 endif()

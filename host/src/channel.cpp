@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -26,6 +28,13 @@ constexpr char FRAME_TOO_LONG[] = "a frame is longer than is allowed";
 constexpr char SPOKE_UNASKED[] = "it sent something on the callback channel";
 
 using Ports = Handles<Channel *>;
+
+int deliveries = 0; // calls of onFrame() in progress, for all channels
+
+std::vector<std::weak_ptr<Channel>> &heldChannels() {
+    static auto &channels = *new std::vector<std::weak_ptr<Channel>>;
+    return channels;
+}
 
 bool isTemporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -104,6 +113,8 @@ void Channel::fail(const char *reason) {
 Eina_Bool Channel::onReadyCb(void *data, Ecore_Fd_Handler *handler) {
     const auto self = static_cast<Channel *>(data)->shared_from_this();
     const unsigned active = Loop::instance().active(handler);
+    if (self->_held)
+        return ECORE_CALLBACK_RENEW;
     if ((active & ECORE_FD_ERROR) && !self->isReading()) {
         self->end();
         return ECORE_CALLBACK_RENEW;
@@ -124,6 +135,8 @@ Eina_Bool Channel::onMoreCb(void *data) {
 }
 
 void Channel::turn(bool readable) {
+    if (mustHold())
+        return hold();
     const auto owner = _owner.lock();
     if (!owner || !fill(readable)) {
         end();
@@ -134,7 +147,53 @@ void Channel::turn(bool readable) {
     }
 }
 
+// An event in progress. Its end lets the channels go on that were held back.
+class Channel::Delivery {
+public:
+    explicit Delivery(Channel &channel) : _channel(channel) {
+        ++_channel._deliveries;
+        ++deliveries;
+    }
+    Delivery(const Delivery &) = delete;
+    Delivery &operator=(const Delivery &) = delete;
+    ~Delivery() {
+        --_channel._deliveries;
+        --deliveries;
+        for (const auto &held : std::exchange(heldChannels(), {})) {
+            if (const auto channel = held.lock())
+                channel->release();
+        }
+    }
+
+private:
+    Channel &_channel;
+};
+
+bool Channel::mustHold() const {
+    return deliveries >= MAX_NESTED_EVENTS || (_deliveries > 0 && !Loop::instance().mayNest());
+}
+
+void Channel::hold() {
+    try {
+        heldChannels().push_back(weak_from_this());
+        _held = true;
+        watch();
+    } catch (const std::bad_alloc &) {
+        fail(OUT_OF_MEMORY);
+    }
+}
+
+void Channel::release() {
+    _held = false;
+    if (!isOpen())
+        return;
+    watch();
+    if (_reader.hasMore())
+        wantTurn();
+}
+
 void Channel::offerFrame(ChannelOwner &owner) {
+    const Delivery delivery(*this);
     Bytes frame = _reader.take();
     Bytes *const outer = std::exchange(_offer, &frame);
     if (_reader.hasMore())
@@ -207,7 +266,7 @@ int Channel::take(Bytes &payload) {
 bool Channel::awaitFrame() {
     Loop &loop = Loop::instance();
     if (loop.isSimulated()) {
-        while (isOpen() && !_reader.isWhole() && loop.runOnce(false)) {
+        while (isOpen() && !_reader.isWhole() && loop.runOnceForClient()) {
         }
         return _reader.isWhole();
     }

@@ -22,6 +22,8 @@ namespace host {
 constexpr std::size_t MAX_FRAME_BYTES = std::size_t{16} << 20;
 constexpr std::size_t MAX_QUEUE_BYTES = std::size_t{32} << 20;
 constexpr double REPLY_SECONDS = 10.0;
+// How many received events, each inside a callback of the one before, may be in progress.
+constexpr int MAX_NESTED_EVENTS = 16;
 
 class Channel;
 
@@ -44,7 +46,8 @@ public:
 // In one round of the loop a channel reads at most once and delivers at most one frame. For frames
 // that have been read but not delivered it asks for another round with a zero-second timer. The
 // owner may run the loop from inside a callback, so a channel updates its state before it calls its
-// owner.
+// owner. In such an inner loop a channel is held back, neither read nor delivered, while its own event
+// is in progress or MAX_NESTED_EVENTS are; it goes on when an event has ended.
 //
 // An error that cannot be returned to a caller (a failed send, for example) shuts the socket down.
 // The loop then reports the socket as ready, and the channel ends.
@@ -94,7 +97,12 @@ private:
     void watch();
     void wantTurn();
 
-    bool isReading() const { return !_keeping || !_reader.isWhole(); }
+    class Delivery;
+    bool mustHold() const;
+    void hold();
+    void release();
+
+    bool isReading() const { return !_held && (!_keeping || !_reader.isWhole()); }
     bool fill(bool readable);
     bool receive();
     bool awaitFrame();
@@ -114,6 +122,8 @@ private:
     std::size_t _frameLimit = 0; // 0: the other side must not send
     bool _keeping = false;
     bool _failed = false;
+    bool _held = false;
+    int _deliveries = 0;    // calls of onFrame() in progress
     bool _deserted = false; // the other side has closed; sending is impossible
 
     FrameReader _reader;

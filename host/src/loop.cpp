@@ -38,10 +38,28 @@ double toSeconds(std::int64_t nanoseconds) {
     return static_cast<double>(nanoseconds) / static_cast<double>(NANOSECONDS);
 }
 
+// Without flags epoll still reports that the other side has closed the socket, but only once.
 std::uint32_t toEpoll(unsigned flags) {
+    if (flags == 0)
+        return EPOLLET;
     return ((flags & ECORE_FD_READ) ? std::uint32_t{EPOLLIN} : 0) |
            ((flags & ECORE_FD_WRITE) ? std::uint32_t{EPOLLOUT} : 0);
 }
+
+// Sets a variable, and sets it back at the end of the scope.
+class Restored {
+public:
+    Restored(bool &variable, bool value) : _variable(variable), _before(variable) {
+        _variable = value;
+    }
+    Restored(const Restored &) = delete;
+    Restored &operator=(const Restored &) = delete;
+    ~Restored() { _variable = _before; }
+
+private:
+    bool &_variable;
+    const bool _before;
+};
 
 // A failed descriptor is reported as ready for all that it is watched for, so that a read or write
 // returns the error.
@@ -98,6 +116,16 @@ void Loop::run() {
 }
 
 bool Loop::runOnce(bool wait) {
+    const Restored mayNest(_mayNest, false);
+    return runRound(wait);
+}
+
+bool Loop::runOnceForClient() {
+    const Restored mayNest(_mayNest, true);
+    return runRound(false);
+}
+
+bool Loop::runRound(bool wait) {
     const bool buffered = deliverBuffered();
     const bool ready = deliverReady(wait && !buffered ? waitMilliseconds() : 0);
     const bool due = deliverTimers();
@@ -105,9 +133,10 @@ bool Loop::runOnce(bool wait) {
 }
 
 void Loop::advance(std::int64_t nanoseconds) {
+    const Restored mayNest(_mayNest, true);
     const std::int64_t target = std::min(_virtualNow + nanoseconds, FOREVER);
     do {
-        while (runOnce(false)) {
+        while (runRound(false)) {
         }
     } while (jump(target));
     _virtualNow = std::max(_virtualNow, target); // a callback may have moved it further

@@ -37,8 +37,15 @@ public:
     // Runs one round, and waits for an event first if asked to. Returns false if nothing was
     // delivered.
     bool runOnce(bool wait);
+    // The same for a simulated client that waits for a reply of the application in this process.
+    bool runOnceForClient();
     // Moves the virtual clock and delivers what becomes due.
     void advance(std::int64_t nanoseconds);
+    // Whether a connection's frames may be delivered inside that connection's own event. Only while a
+    // test moves the clock or a simulated client waits: a platform may do so, and the library must bear
+    // it. A loop that the application runs inside a callback must not, or a client that sends many
+    // requests could exhaust the stack.
+    bool mayNest() const { return _mayNest; }
 
     // Returns null if memory ran out or an argument is not valid. countTimers() does not count
     // internal timers, which are those of the platform itself.
@@ -79,6 +86,7 @@ private:
         void *bufData = nullptr;
     };
 
+    bool runRound(bool wait);
     bool openPoll();
     bool jump(std::int64_t latest);
     int waitMilliseconds();
@@ -98,6 +106,7 @@ private:
     std::int64_t _virtualNow = 0;
     int _users = 0;
     bool _quit = false;
+    bool _mayNest = false;
 
     Handles<Timer> _timers;
     // A heap with the earliest deadline in front, and with capacity for the timers that are being

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <rpc-port.h>
 
+#include <algorithm>
 #include <memory>
+#include <vector>
 
 #include <unistd.h>
 
@@ -62,6 +64,12 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
         EXPECT_EQ(sendText(port, "late"), RPC_PORT_ERROR_IO_ERROR);
         return take(port), 1; // its own parcel; and the connection has ended already
     };
+    const auto loopInside = [&](rpc_port_h port) {
+        take(port);
+        for (int i = 0; i < 9; ++i)
+            ecore_main_loop_iterate();
+        return server->note("end"), 0;
+    };
     const struct {
         const char *what;
         std::function<int(rpc_port_h)> onReceived;
@@ -80,6 +88,7 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
         {"calls", answer, "1T2T3.TT", "+c ", "connected now re:1 now re:2 now re:3 (none) "},
         {"an answer left behind", answer, "1.S.", "+c ", "connected now disconnected "},
         {"rounds inside", waitInside, "123C.", "+c -c 3 2 1 ", "connected "},
+        {"a loop inside", loopInside, "123C.", "+c 1 end 2 end 3 end -c ", "connected "},
         {"destroyed", take, "1.", "+c ", "rejected rejected ", "+c"},
         {"destroyed", take, "12.", "+c +c 1 ", "connected connected disconnected disconnected ",
          "1"},
@@ -118,6 +127,33 @@ TEST_F(RpcPortTest, DeliversWhatIsSentAndOneEndOfTheConnection) {
     server = nullptr;
     client = nullptr;
     EXPECT_EQ(host_sim_timer_count(), 0);
+}
+
+TEST_F(RpcPortTest, NestsTheEventsOfManyConnectionsOnlySoDeep) {
+    start();
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 40; ++i) {
+        clients.push_back(connecting("c"));
+        news(*server);
+    }
+    int depth = 0, deepest = 0, calls = 0;
+    server->onReceived = [&](rpc_port_h port) {
+        deepest = std::max(deepest, ++depth);
+        for (int i = 0; i < 9; ++i)
+            ecore_main_loop_iterate();
+        --depth;
+        return ++calls, takeText(port) == "x" ? 0 : -1;
+    };
+    for (int round = 1; round <= 2; ++round) {
+        for (const auto &each : clients)
+            EXPECT_EQ(sendText(each->port(), "x") + sendText(each->port(), "x"), 0);
+        host_sim_advance(0);
+        EXPECT_EQ(deepest, 16);
+        EXPECT_EQ(calls, round * 80);
+    }
+    clients.clear();
+    host_sim_advance(1); // would never return if a closed socket kept the loop busy
+    EXPECT_EQ(server->port(), nullptr);
 }
 
 TEST_F(RpcPortTest, DeliversFramesOfAnySizeUpToTheLimitWholeAndInOrder) {

@@ -296,11 +296,6 @@ int Channel::send(const Parcel &parcel) {
     if (!isOpen() || _failed || _deserted)
         return RPC_PORT_ERROR_IO_ERROR;
     const std::size_t size = parcel.size();
-    if (size > MAX_FRAME_BYTES) {
-        dlog_print(DLOG_ERROR, LOG_TAG, "a parcel of %zu bytes is not sent: the limit is %zu", size,
-                   MAX_FRAME_BYTES);
-        return RPC_PORT_ERROR_INVALID_PARAMETER;
-    }
     std::uint8_t header[HEADER_BYTES];
     for (std::size_t i = 0; i < HEADER_BYTES; ++i)
         header[i] = static_cast<std::uint8_t>(size >> (8 * i));

@@ -19,7 +19,6 @@ struct iovec;
 
 namespace host {
 
-constexpr std::size_t MAX_FRAME_BYTES = std::size_t{16} << 20;
 constexpr std::size_t MAX_QUEUE_BYTES = std::size_t{32} << 20;
 constexpr double REPLY_SECONDS = 10.0;
 // How many received events, each inside a callback of the one before, may be in progress.
@@ -114,7 +113,7 @@ private:
     int enqueue(const void *header, const Parcel &parcel, std::size_t sent);
     void flush();
 
-    UniqueFd _socket;
+    ParentsFd _socket;
     void *_handler = nullptr;
     void *_moreTimer = nullptr; // null: no further turn is needed
     rpc_port_h _port = nullptr;

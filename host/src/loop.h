@@ -117,7 +117,7 @@ private:
     std::uint64_t _round = 0;
     int _countedTimers = 0;
 
-    UniqueFd _poll;
+    ParentsFd _poll;
     Handles<Handler> _handlers;
     std::vector<void *> _buffered; // the handlers with a bufFunc, in ascending order
     std::uint64_t _polls = 0;

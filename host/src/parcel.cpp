@@ -7,9 +7,11 @@
 #include <new>
 #include <string_view>
 
+#include <dlog.h>
 #include <rpc-port-parcel.h>
 
 #include "bundle_impl.h"
+#include "log_tag.h"
 
 // The encoding of values. They follow each other without tags or padding, and numbers are in the
 // machine's own byte order.
@@ -183,10 +185,22 @@ std::uint8_t *extend(Parcel &parcel, std::size_t size) {
     return parcel.bytes.extend(size);
 }
 
+// Refuses what could not be sent, so that whoever writes learns of it. Returns false and logs then.
+bool hasRoom(const Parcel &parcel, std::size_t size) {
+    const std::size_t written = parcel.size();
+    if (size <= MAX_FRAME_BYTES - written)
+        return true;
+    dlog_print(DLOG_ERROR, LOG_TAG,
+               "a value of %zu bytes is not written: a parcel of %zu bytes holds at most %zu; send "
+               "less at a time",
+               size, written, MAX_FRAME_BYTES);
+    return false;
+}
+
 // Writes a value that is always copied.
 template <typename Encode>
 int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
-    if (!h || size > NUMBER + MAX_SIZE)
+    if (!h || !hasRoom(*static_cast<Parcel *>(h), size))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
         encode(Writer(extend(*static_cast<Parcel *>(h), size)));
@@ -205,7 +219,7 @@ int writeBundle(Parcel &parcel, const bundle::Entries &entries) {
             ++inserts;
         }
     }
-    if (size > MAX_SIZE)
+    if (!hasRoom(parcel, NUMBER + size))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     std::uint8_t *to = nullptr;
     try {

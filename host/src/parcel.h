@@ -11,6 +11,9 @@
 
 namespace host {
 
+// The largest payload of a frame.
+constexpr std::size_t MAX_FRAME_BYTES = std::size_t{16} << 20;
+
 // Bytes, and the memory that they are part of.
 struct Piece {
     Memory memory;

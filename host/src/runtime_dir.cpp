@@ -146,20 +146,22 @@ bool ListenSocket::open(const std::string &appId, const std::string &port) {
         return refuseSecond(appId, port, connectTo(address));
     if (!clearPath(appId, port, address))
         return false;
-    _socket = openSocket();
+    _socket.reset(openSocket().release());
     if (!_socket || bind(_socket.get(), generic(address), sizeof(address)) != 0)
         return refuse(address);
     _path = std::move(path);
     return ::listen(_socket.get(), BACKLOG) == 0 || refuse(address);
 }
 
-// Releases the lock last, so that no other server creates its socket before ours is removed.
+// Releases the lock last, so that no other server creates its socket before ours is removed. Without
+// the lock this is a forked child, and the socket file is the parent's.
 void ListenSocket::close() {
-    if (!_path.empty()) {
+    if (_lock && !_path.empty())
         unlink(_path.c_str());
-        _path.clear();
-    }
+    _path.clear();
     _socket.reset();
+    if (_lock)
+        flock(_lock.get(), LOCK_UN); // for a child as well that has not closed its copy yet
     _lock.reset();
 }
 

@@ -27,8 +27,8 @@ public:
 
 private:
     std::string _path; // empty: no socket file has been created
-    UniqueFd _lock;
-    UniqueFd _socket;
+    ParentsFd _lock;
+    ParentsFd _socket;
 };
 
 // Connects to a served port. On failure returns no descriptor and sets errno: ECONNREFUSED or

@@ -127,6 +127,30 @@ TEST_F(RuntimeDirTest, TakesOverWhatADeadServerLeftAndNothingElse) {
     EXPECT_TRUE(exists());
 }
 
+// A forked child has its own copies of the stub and of the main loop.
+TEST_F(RuntimeDirTest, LeavesItsPortToTheParentAfterFork) {
+    Server server;
+    Client client;
+    const auto events = [&] {
+        for (int i = 0; i < 20; ++i)
+            ecore_main_loop_iterate();
+        return std::exchange(server.events, "");
+    };
+    EXPECT_EQ(client.connect(), RPC_PORT_ERROR_NONE);
+    EXPECT_EQ(events(), "+demo.app ");
+    Child ending([&] { return server.destroy() + client.destroy(); });
+    EXPECT_EQ(ending.wait(), 0);
+    EXPECT_EQ(access(path.c_str(), F_OK), 0);
+    sendText(client.port(), "still there");
+    EXPECT_EQ(Client().connect(), RPC_PORT_ERROR_NONE);
+    EXPECT_EQ(events(), "still there ");
+    const Child living([] { return pause(); });
+    server.destroy();
+    EXPECT_EQ(Server().listened, RPC_PORT_ERROR_NONE);
+    Child serving([] { return Server().listened; });
+    EXPECT_EQ(serving.wait(), 0);
+}
+
 TEST_F(RuntimeDirTest, ServesClientsOfOtherProcesses) {
     const std::string large(3'000'000, 'r');
     const Child child([&] {

@@ -25,8 +25,9 @@ inline std::string takeText(rpc_port_h port) {
 inline int sendText(rpc_port_h port, const std::string &text) {
     rpc_port_parcel_h parcel = nullptr;
     rpc_port_parcel_create(&parcel);
-    rpc_port_parcel_write_string(parcel, text.c_str());
-    const int result = rpc_port_parcel_send(parcel, port);
+    int result = rpc_port_parcel_write_string(parcel, text.c_str());
+    if (result == RPC_PORT_ERROR_NONE)
+        result = rpc_port_parcel_send(parcel, port);
     rpc_port_parcel_destroy(parcel);
     return result;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <regex>
@@ -63,6 +64,12 @@ void keepLine(log_priority priority, const char *tag, const char *text, void *) 
     device.log.push_back(std::move(line));
 }
 
+// No test passes with a mistake in the use of the platform.
+[[noreturn]] void abortWith(const char *sentence) {
+    std::fprintf(stderr, "nelvo test kit: %s; a device may crash here\n", sentence);
+    std::abort();
+}
+
 // Opens a new temporary file each time, since readers use its descriptor.
 FILE *openAllowList(const char *mode) {
     if (!device.allowList) {
@@ -106,6 +113,7 @@ Simulation::Simulation(const std::string &appId) {
     device = {appId, std::nullopt, {}, {}};
     host_sim_start();
     host_log_set_sink(keepLine, nullptr);
+    host_sim_on_misuse(abortWith);
     setSdkVersion("1.0");
 }
 
@@ -113,6 +121,7 @@ Simulation::~Simulation() {
     for (const std::string &warning : takeWarnings())
         std::fprintf(stderr, "warning: %s; nothing was sent\n", warning.c_str());
     host_log_set_sink(nullptr, nullptr);
+    host_sim_on_misuse(nullptr);
     host_sim_set_manifest(nullptr);
     device = {};
 }

@@ -11,10 +11,15 @@ namespace {
 
 constexpr std::size_t LARGEST_WITHOUT_INDEX = 16;
 
+// Whether the named function may use b. Logs the misuse of a bundle that has been freed.
+bool isUsable(const bundle *b, const char *function) {
+    return b && b->isAlive(function);
+}
+
 // Calls addTo(key) if the key can be added.
 template <typename AddTo>
-int add(bundle *b, const char *key, AddTo addTo) {
-    const std::string_view name = b && key ? key : "";
+int add(const char *function, bundle *b, const char *key, AddTo addTo) {
+    const std::string_view name = isUsable(b, function) && key ? key : "";
     if (name.empty() || name.size() >= MAX_SIZE)
         return BUNDLE_ERROR_INVALID_PARAMETER;
     if (b->find(name))
@@ -27,13 +32,15 @@ int add(bundle *b, const char *key, AddTo addTo) {
     }
 }
 
-const keyval_t *find(bundle *b, const char *key) {
-    return b && key ? b->find(key) : nullptr;
+const keyval_t *find(const char *function, bundle *b, const char *key) {
+    return isUsable(b, function) && key ? b->find(key) : nullptr;
 }
 
-int get(bundle *b, const char *key, int type, const keyval_t *&entry) {
-    entry = find(b, key);
-    if (!b || !key || (entry && entry->type != type))
+int get(const char *function, bundle *b, const char *key, int type, const keyval_t *&entry) {
+    if (!isUsable(b, function) || !key)
+        return BUNDLE_ERROR_INVALID_PARAMETER;
+    entry = b->find(key);
+    if (entry && entry->type != type)
         return BUNDLE_ERROR_INVALID_PARAMETER;
     return entry ? BUNDLE_ERROR_NONE : BUNDLE_ERROR_KEY_NOT_AVAILABLE;
 }
@@ -41,6 +48,18 @@ int get(bundle *b, const char *key, int type, const keyval_t *&entry) {
 } // namespace
 
 } // namespace host
+
+_bundle_t::_bundle_t(const _bundle_t &other) {
+    _entries.reserve(std::max(other._entries.size(), FEW));
+    for (const keyval_t &entry : other._entries) {
+        if (!host::isMemoryChecked())
+            append(entry.key, entry.value, entry.size, entry.type, entry.memory);
+        else if (entry.type == BUNDLE_TYPE_STR_ARRAY)
+            addArray(entry.key, {entry.texts(), entry.texts() + entry.size});
+        else
+            add(entry.type, entry.key, entry.value, entry.size);
+    }
+}
 
 const keyval_t *_bundle_t::find(std::string_view key) const {
     if (!_index.empty()) {
@@ -123,13 +142,20 @@ bundle *bundle_create(void) {
 }
 
 int bundle_free(bundle *b) {
+    if (!host::isUsable(b, __func__))
+        return BUNDLE_ERROR_INVALID_PARAMETER;
+    if (b->iterations > 0) {
+        host::misuse("bundle_free() is called inside bundle_foreach() of the same bundle and does "
+                     "nothing: free the bundle after bundle_foreach()");
+        return BUNDLE_ERROR_INVALID_PARAMETER;
+    }
     delete b;
-    return b ? BUNDLE_ERROR_NONE : BUNDLE_ERROR_INVALID_PARAMETER;
+    return BUNDLE_ERROR_NONE;
 }
 
 bundle *bundle_dup(bundle *b_from) {
     try {
-        return b_from ? new bundle(*b_from) : nullptr;
+        return host::isUsable(b_from, __func__) ? new bundle(*b_from) : nullptr;
     } catch (...) {
         return nullptr;
     }
@@ -139,14 +165,14 @@ int bundle_add_str(bundle *b, const char *key, const char *str) {
     const std::size_t size = str ? std::strlen(str) + 1 : 0;
     if (size == 0 || size > host::MAX_SIZE)
         return BUNDLE_ERROR_INVALID_PARAMETER;
-    return host::add(b, key,
+    return host::add(__func__, b, key,
                      [=](std::string_view name) { b->add(BUNDLE_TYPE_STR, name, str, size); });
 }
 
 int bundle_add_byte(bundle *b, const char *key, const void *byte, const size_t size) {
     if (!byte || size == 0 || size > host::MAX_SIZE)
         return BUNDLE_ERROR_INVALID_PARAMETER;
-    return host::add(b, key,
+    return host::add(__func__, b, key,
                      [=](std::string_view name) { b->add(BUNDLE_TYPE_BYTE, name, byte, size); });
 }
 
@@ -161,14 +187,14 @@ int bundle_add_str_array(bundle *b, const char *key, const char **str_array, con
             return BUNDLE_ERROR_INVALID_PARAMETER;
         left -= needed;
     }
-    return host::add(b, key, [=](std::string_view name) {
+    return host::add(__func__, b, key, [=](std::string_view name) {
         b->addArray(name, {str_array, str_array + len});
     });
 }
 
 int bundle_get_str(bundle *b, const char *key, char **str) {
     const keyval_t *entry = nullptr;
-    const int result = host::get(b, key, BUNDLE_TYPE_STR, entry);
+    const int result = host::get(__func__, b, key, BUNDLE_TYPE_STR, entry);
     if (!str)
         return BUNDLE_ERROR_INVALID_PARAMETER;
     if (result == BUNDLE_ERROR_NONE)
@@ -178,7 +204,7 @@ int bundle_get_str(bundle *b, const char *key, char **str) {
 
 int bundle_get_byte(bundle *b, const char *key, void **byte, size_t *size) {
     const keyval_t *entry = nullptr;
-    const int result = host::get(b, key, BUNDLE_TYPE_BYTE, entry);
+    const int result = host::get(__func__, b, key, BUNDLE_TYPE_BYTE, entry);
     if (!byte || !size)
         return BUNDLE_ERROR_INVALID_PARAMETER;
     return result == BUNDLE_ERROR_NONE
@@ -188,25 +214,25 @@ int bundle_get_byte(bundle *b, const char *key, void **byte, size_t *size) {
 
 const char **bundle_get_str_array(bundle *b, const char *key, int *len) {
     const keyval_t *entry = nullptr;
-    if (host::get(b, key, BUNDLE_TYPE_STR_ARRAY, entry) != BUNDLE_ERROR_NONE || !len)
+    if (host::get(__func__, b, key, BUNDLE_TYPE_STR_ARRAY, entry) != BUNDLE_ERROR_NONE || !len)
         return nullptr;
     *len = static_cast<int>(entry->size);
     return entry->texts();
 }
 
 int bundle_get_count(bundle *b) {
-    return b ? static_cast<int>(b->entries().size()) : 0;
+    return host::isUsable(b, __func__) ? static_cast<int>(b->entries().size()) : 0;
 }
 
 int bundle_get_type(bundle *b, const char *key) {
-    const keyval_t *entry = host::find(b, key);
+    const keyval_t *entry = host::find(__func__, b, key);
     return entry ? entry->type : BUNDLE_TYPE_NONE;
 }
 
 int bundle_del(bundle *b, const char *key) {
-    if (!b || !key)
+    if (!host::isUsable(b, __func__) || !key)
         return BUNDLE_ERROR_INVALID_PARAMETER;
-    const keyval_t *const entry = host::find(b, key);
+    const keyval_t *const entry = b->find(key);
     if (!entry)
         return BUNDLE_ERROR_KEY_NOT_AVAILABLE;
     b->remove(entry);
@@ -214,12 +240,14 @@ int bundle_del(bundle *b, const char *key) {
 }
 
 void bundle_foreach(bundle *b, bundle_iterator_t iter, void *user_data) {
-    if (!b || !iter)
+    if (!host::isUsable(b, __func__) || !iter)
         return;
+    ++b->iterations;
     for (std::size_t i = 0; i < b->entries().size(); ++i) {
         const keyval_t entry = b->entries()[i]; // stays valid if iter removes it from the bundle
         iter(entry.key.data(), entry.type, &entry, user_data);
     }
+    --b->iterations;
 }
 
 int bundle_keyval_get_type(bundle_keyval_t *kv) {

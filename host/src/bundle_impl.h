@@ -13,6 +13,7 @@
 #include <bundle.h>
 
 #include "memory.h"
+#include "misuse.h"
 
 // One entry. Copies of an entry share key and value, which never change.
 struct keyval_t {
@@ -66,10 +67,11 @@ struct _bundle_t {
     using Entries = std::vector<keyval_t, host::FewAllocator<keyval_t>>;
 
     _bundle_t() { _entries.reserve(FEW); }
-    _bundle_t(const _bundle_t &other) : _index(other._index) {
-        _entries.reserve(std::max(other._entries.size(), FEW));
-        _entries.insert(_entries.end(), other._entries.begin(), other._entries.end());
-    }
+    // The copy shares keys and values, unless the use of memory is checked.
+    _bundle_t(const _bundle_t &other);
+
+    // Logs the misuse, by the named function, of a bundle that has been freed.
+    bool isAlive(const char *function) const { return _life.isAlive(function, "bundle"); }
 
     const Entries &entries() const { return _entries; }
     // Null when the bundle has no such key.
@@ -87,6 +89,8 @@ struct _bundle_t {
             _entries.reserve(count);
     }
 
+    int iterations = 0; // calls of bundle_foreach() in progress
+
 private:
     static constexpr std::size_t FEW = host::FewAllocator<keyval_t>::FEW;
 
@@ -97,4 +101,5 @@ private:
     alignas(keyval_t) char _few[FEW * sizeof(keyval_t)];
     Entries _entries{host::FewAllocator<keyval_t>(_few)};
     std::map<std::string_view, std::size_t> _index; // of all entries; empty while they are few
+    host::LifeMark _life;
 };

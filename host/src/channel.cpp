@@ -376,8 +376,9 @@ void Channel::flush() {
 } // namespace host
 
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
-    host::Channel *const channel = host::Channel::find(port);
-    if (!h || !channel)
+    const bool valid = h && host::Loop::instance().isOwnThread(__func__);
+    host::Channel *const channel = valid ? host::Channel::find(port) : nullptr;
+    if (!channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     return host::guarded([&] {
         auto parcel = std::make_unique<host::Parcel>();
@@ -389,8 +390,8 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
 }
 
 int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
-    host::Channel *const channel = host::Channel::find(port);
-    if (!h || !channel)
-        return RPC_PORT_ERROR_INVALID_PARAMETER;
-    return channel->send(*static_cast<host::Parcel *>(h));
+    host::Parcel *const parcel = host::findParcel(h, __func__);
+    const bool valid = parcel && host::Loop::instance().isOwnThread(__func__);
+    host::Channel *const channel = valid ? host::Channel::find(port) : nullptr;
+    return channel ? channel->send(*parcel) : RPC_PORT_ERROR_INVALID_PARAMETER;
 }

@@ -73,14 +73,4 @@ int guarded(Work work) {
     }
 }
 
-// The same for a function of the object that the handle names. Keeps the object alive meanwhile.
-template <typename Object, typename Work>
-int guarded(void *handle, bool argumentsValid, Work work) {
-    auto *const entry = Handles<std::shared_ptr<Object>>::instance().find(handle);
-    if (!entry || !argumentsValid)
-        return RPC_PORT_ERROR_INVALID_PARAMETER;
-    const std::shared_ptr<Object> object = *entry;
-    return guarded([&] { return work(*object); });
-}
-
 } // namespace host

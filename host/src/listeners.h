@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "handles.h"
+#include "loop.h"
 
 namespace host {
 
@@ -34,10 +35,24 @@ private:
     std::vector<Entry> _entries;
 };
 
-// The body of the exported functions that register a callback.
+// Runs the body of the named exported function for the object of the handle, and turns exceptions into
+// error codes. The function must be called on the main loop's thread. Keeps the object alive meanwhile.
+template <typename Object, typename Work>
+int guarded(const char *function, void *handle, bool argumentsValid, Work work) {
+    if (!Loop::instance().isOwnThread(function))
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
+    auto *const entry = Handles<std::shared_ptr<Object>>::instance().find(handle);
+    if (!entry || !argumentsValid)
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
+    const std::shared_ptr<Object> object = *entry;
+    return guarded([&] { return work(*object); });
+}
+
+// The body of the named exported function, which registers a callback.
 template <typename Object, typename Cb>
-int addListener(void *handle, Listeners<Cb> Object::*listeners, Cb cb, void *data) {
-    return guarded<Object>(handle, cb, [&](Object &object) {
+int addListener(const char *function, void *handle, Listeners<Cb> Object::*listeners, Cb cb,
+                void *data) {
+    return guarded<Object>(function, handle, cb, [&](Object &object) {
         (object.*listeners).add(cb, data);
         return RPC_PORT_ERROR_NONE;
     });

@@ -17,6 +17,7 @@
 #include <host/sim.h>
 
 #include "log_tag.h"
+#include "misuse.h"
 
 namespace host {
 
@@ -92,7 +93,28 @@ std::int64_t Loop::now() const {
     return time.tv_sec * NANOSECONDS + time.tv_nsec;
 }
 
+bool Loop::refuseThread(const char *function) {
+    misuse("%s() is called on another thread than the main loop's and does nothing: pass the "
+           "result to "
+           "the main loop and call it there",
+           function);
+    return false;
+}
+
+void Loop::expectStarted(const char *function) {
+    if (_users == 0 && !_simulated && !std::exchange(_isLateLogged, true))
+        dlog_print(
+            DLOG_WARN, LOG_TAG,
+            "%s() is called before ecore_init(); a device would refuse that: call ecore_init() "
+            "first",
+            function);
+}
+
 int Loop::start() {
+    if (_users == 0)
+        _thread = pthread_self();
+    else if (!isOwnThread("ecore_init"))
+        return 0;
     return openPoll() ? ++_users : _users;
 }
 
@@ -102,16 +124,24 @@ int Loop::stop() {
     const auto any = [](const auto &) { return true; };
     while (void *const timer = _timers.findIf(any))
         deleteTimer(timer);
-    while (void *const handler = _handlers.findIf(any))
-        deleteHandler(handler);
+    while (void *const handle = _handlers.findIf(any)) {
+        const Handler handler = *_handlers.find(handle);
+        deleteHandler(handle);
+        if (handler.gone)
+            handler.gone(handler.data);
+    }
     _poll.reset();
     _quit = false;
     return 0;
 }
 
 void Loop::run() {
+    if (++_runs > 1)
+        misuse("ecore_main_loop_begin() is called inside itself, which the platform forbids: call "
+               "ecore_main_loop_iterate() instead");
     while (!_quit && openPoll() && (runOnce(!_simulated) || !_simulated || jump(FOREVER))) {
     }
+    --_runs;
     _quit = false;
 }
 
@@ -263,12 +293,12 @@ bool Loop::openPoll() {
 }
 
 void *Loop::addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Ecore_Fd_Cb bufFunc,
-                       void *bufData) {
+                       void *bufData, void (*gone)(void *data)) {
     if (!func || !openPoll())
         return nullptr;
     void *handle = nullptr;
     try {
-        handle = _handlers.add(Handler{fd, flags, 0, func, data, bufFunc, bufData});
+        handle = _handlers.add(Handler{fd, flags, 0, func, data, bufFunc, bufData, gone});
         if (bufFunc)
             _buffered.push_back(handle);
         if (control(EPOLL_CTL_ADD, handle))
@@ -366,19 +396,22 @@ int ecore_init(void) {
 }
 
 int ecore_shutdown(void) {
-    return Loop::instance().stop();
+    return Loop::instance().isOwnThread(__func__) ? Loop::instance().stop() : 0;
 }
 
 void ecore_main_loop_begin(void) {
-    Loop::instance().run();
+    if (Loop::instance().isOwnThread(__func__))
+        Loop::instance().run();
 }
 
 void ecore_main_loop_quit(void) {
-    Loop::instance().quit();
+    if (Loop::instance().isOwnThread(__func__))
+        Loop::instance().quit();
 }
 
 void ecore_main_loop_iterate(void) {
-    Loop::instance().runOnce(false);
+    if (Loop::instance().isOwnThread(__func__))
+        Loop::instance().runOnce(false);
 }
 
 double ecore_time_get(void) {
@@ -386,23 +419,38 @@ double ecore_time_get(void) {
 }
 
 Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func, const void *data) {
-    return static_cast<Ecore_Timer *>(
-        Loop::instance().addTimer(in, func, const_cast<void *>(data), false));
+    Loop &loop = Loop::instance();
+    if (!loop.isOwnThread(__func__))
+        return nullptr;
+    loop.expectStarted(__func__);
+    return static_cast<Ecore_Timer *>(loop.addTimer(in, func, const_cast<void *>(data), false));
 }
 
 void *ecore_timer_del(Ecore_Timer *timer) {
-    return Loop::instance().deleteTimer(timer);
+    Loop &loop = Loop::instance();
+    if (!loop.isOwnThread(__func__))
+        return nullptr;
+    if (!loop.hasTimer(timer))
+        host::misuse(
+            "ecore_timer_del(): there is no such timer; it has been deleted, or its callback "
+            "has returned ECORE_CALLBACK_CANCEL: forget a timer then");
+    return loop.deleteTimer(timer);
 }
 
 Ecore_Fd_Handler *ecore_main_fd_handler_add(int fd, Ecore_Fd_Handler_Flags flags, Ecore_Fd_Cb func,
                                             const void *data, Ecore_Fd_Cb buf_func,
                                             const void *buf_data) {
-    return static_cast<Ecore_Fd_Handler *>(Loop::instance().addHandler(
+    Loop &loop = Loop::instance();
+    if (!loop.isOwnThread(__func__))
+        return nullptr;
+    loop.expectStarted(__func__);
+    return static_cast<Ecore_Fd_Handler *>(loop.addHandler(
         fd, flags, func, const_cast<void *>(data), buf_func, const_cast<void *>(buf_data)));
 }
 
 void *ecore_main_fd_handler_del(Ecore_Fd_Handler *fd_handler) {
-    return Loop::instance().deleteHandler(fd_handler);
+    Loop &loop = Loop::instance();
+    return loop.isOwnThread(__func__) ? loop.deleteHandler(fd_handler) : nullptr;
 }
 
 Eina_Bool ecore_main_fd_handler_active_get(Ecore_Fd_Handler *fd_handler,
@@ -411,7 +459,8 @@ Eina_Bool ecore_main_fd_handler_active_get(Ecore_Fd_Handler *fd_handler,
 }
 
 void ecore_main_fd_handler_active_set(Ecore_Fd_Handler *fd_handler, Ecore_Fd_Handler_Flags flags) {
-    Loop::instance().setFlags(fd_handler, flags);
+    if (Loop::instance().isOwnThread(__func__))
+        Loop::instance().setFlags(fd_handler, flags);
 }
 
 void host_sim_start(void) {

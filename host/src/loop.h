@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include <pthread.h>
+
 #include <Ecore.h>
 
 #include "handles.h"
@@ -31,6 +33,13 @@ public:
 
     int start();
     int stop();
+    // Whether the named function is called on the loop's thread, which is that of the first
+    // ecore_init(). Logs the mistake if not; the caller then refuses, as the platform of a device does.
+    bool isOwnThread(const char *function) {
+        return pthread_equal(pthread_self(), _thread) || refuseThread(function);
+    }
+    // Logs, once, that the named function is called before ecore_init().
+    void expectStarted(const char *function);
     void run();
     void quit() { _quit = true; }
 
@@ -51,11 +60,13 @@ public:
     // internal timers, which are those of the platform itself.
     void *addTimer(double seconds, Ecore_Task_Cb func, void *data, bool internal);
     void *deleteTimer(void *timer);
+    bool hasTimer(void *timer) { return _timers.find(timer) != nullptr; }
     int countTimers() const { return _countedTimers; }
 
     // Returns null for the same reasons, and if the system cannot watch the descriptor.
+    // If the last ecore_shutdown() deletes the handler, gone(data) is called.
     void *addHandler(int fd, unsigned flags, Ecore_Fd_Cb func, void *data, Ecore_Fd_Cb bufFunc,
-                     void *bufData);
+                     void *bufData, void (*gone)(void *data) = nullptr);
     void *deleteHandler(void *handler);
     // The events that the handler is being called for; 0 outside its callback.
     unsigned active(void *handler);
@@ -84,8 +95,10 @@ private:
         void *data = nullptr;
         Ecore_Fd_Cb bufFunc = nullptr;
         void *bufData = nullptr;
+        void (*gone)(void *data) = nullptr;
     };
 
+    bool refuseThread(const char *function);
     bool runRound(bool wait);
     bool openPoll();
     bool jump(std::int64_t latest);
@@ -104,7 +117,10 @@ private:
 
     bool _simulated = false;
     std::int64_t _virtualNow = 0;
+    pthread_t _thread = pthread_self();
     int _users = 0;
+    int _runs = 0; // calls of run() in progress
+    bool _isLateLogged = false;
     bool _quit = false;
     bool _mayNest = false;
 

@@ -140,14 +140,16 @@ private:
     bool _isBroken = false;
 };
 
-// Texts are not copied; the entries refer to the given memory.
+// Texts are not copied; the entries refer to the given memory, unless the use of memory is checked.
 void decodeEntry(Reader &reader, bundle &to, const Memory &memory) {
     const auto type = reader.value<std::uint8_t>();
     const std::string_view key = reader.text();
     reader.require(!key.empty() && !to.find(key));
     if (type == ENCODED_STR) {
         const std::string_view text = reader.text();
-        if (!reader.isBroken())
+        if (!reader.isBroken() && isMemoryChecked())
+            to.add(BUNDLE_TYPE_STR, key, text.data(), text.size() + 1);
+        else if (!reader.isBroken())
             to.addText(key, text, memory);
     } else if (type == ENCODED_STR_ARRAY) {
         std::vector<std::string_view> texts;
@@ -199,11 +201,12 @@ bool hasRoom(const Parcel &parcel, std::size_t size) {
 
 // Writes a value that is always copied.
 template <typename Encode>
-int write(rpc_port_parcel_h h, std::size_t size, Encode encode) {
-    if (!h || !hasRoom(*static_cast<Parcel *>(h), size))
+int write(const char *function, rpc_port_parcel_h h, std::size_t size, Encode encode) {
+    Parcel *const parcel = findParcel(h, function);
+    if (!parcel || !hasRoom(*parcel, size))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
-        encode(Writer(extend(*static_cast<Parcel *>(h), size)));
+        encode(Writer(extend(*parcel, size)));
         return RPC_PORT_ERROR_NONE;
     } catch (...) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
@@ -253,10 +256,11 @@ void flatten(Parcel &parcel) {
 }
 
 template <typename Value, typename Decode>
-int read(rpc_port_parcel_h h, Value *out, Decode decode) {
-    if (!h || !out)
+int read(const char *function, rpc_port_parcel_h h, Value *out, Decode decode) {
+    Parcel *const found = findParcel(h, function);
+    if (!found || !out)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    auto &parcel = *static_cast<Parcel *>(h);
+    Parcel &parcel = *found;
     try {
         if (!parcel.inserts.empty())
             flatten(parcel);
@@ -290,19 +294,21 @@ int rpc_port_parcel_create(rpc_port_parcel_h *h) {
 }
 
 int rpc_port_parcel_destroy(rpc_port_parcel_h h) {
-    if (!h)
+    host::Parcel *const parcel = host::findParcel(h, __func__);
+    if (!parcel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    delete static_cast<host::Parcel *>(h);
+    delete parcel;
     return RPC_PORT_ERROR_NONE;
 }
 
 int rpc_port_parcel_write_int32(rpc_port_parcel_h h, int i) {
-    return host::write(h, sizeof i, [=](host::Writer writer) { writer.put(&i, sizeof i); });
+    return host::write(__func__, h, sizeof i,
+                       [=](host::Writer writer) { writer.put(&i, sizeof i); });
 }
 
 int rpc_port_parcel_write_bool(rpc_port_parcel_h h, bool b) {
     const std::uint8_t byte = b ? 1 : 0;
-    return host::write(h, sizeof byte,
+    return host::write(__func__, h, sizeof byte,
                        [=](host::Writer writer) { writer.put(&byte, sizeof byte); });
 }
 
@@ -310,22 +316,23 @@ int rpc_port_parcel_write_string(rpc_port_parcel_h h, const char *str) {
     if (!str)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::size_t size = std::strlen(str) + 1;
-    return host::write(h, host::NUMBER + size,
+    return host::write(__func__, h, host::NUMBER + size,
                        [=](host::Writer writer) { writer.sized(str, size); });
 }
 
 int rpc_port_parcel_write_bundle(rpc_port_parcel_h h, bundle *b) {
-    if (!h || !b)
+    host::Parcel *const parcel = host::findParcel(h, __func__);
+    if (!parcel || !b || !b->isAlive(__func__))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
-    return host::writeBundle(*static_cast<host::Parcel *>(h), b->entries());
+    return host::writeBundle(*parcel, b->entries());
 }
 
 int rpc_port_parcel_read_int32(rpc_port_parcel_h h, int *i) {
-    return host::read(h, i, [](host::Reader &reader) { return reader.value<int>(); });
+    return host::read(__func__, h, i, [](host::Reader &reader) { return reader.value<int>(); });
 }
 
 int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b) {
-    return host::read(h, b, [](host::Reader &reader) {
+    return host::read(__func__, h, b, [](host::Reader &reader) {
         const auto value = reader.value<std::uint8_t>();
         reader.require(value <= 1);
         return value == 1;
@@ -333,7 +340,7 @@ int rpc_port_parcel_read_bool(rpc_port_parcel_h h, bool *b) {
 }
 
 int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str) {
-    return host::read(h, str, [](host::Reader &reader) -> char * {
+    return host::read(__func__, h, str, [](host::Reader &reader) -> char * {
         const std::string_view text = reader.text();
         char *copy = reader.isBroken() ? nullptr : strdup(text.data());
         if (!copy && !reader.isBroken())
@@ -343,7 +350,7 @@ int rpc_port_parcel_read_string(rpc_port_parcel_h h, char **str) {
 }
 
 int rpc_port_parcel_read_bundle(rpc_port_parcel_h h, bundle **b) {
-    return host::read(h, b, [h](host::Reader &reader) {
+    return host::read(__func__, h, b, [h](host::Reader &reader) {
         return host::decodeBundle(reader, *static_cast<host::Parcel *>(h));
     });
 }

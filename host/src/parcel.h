@@ -7,7 +7,10 @@
 #include <utility>
 #include <vector>
 
+#include <rpc-port-parcel.h>
+
 #include "memory.h"
+#include "misuse.h"
 
 namespace host {
 
@@ -53,6 +56,14 @@ struct Parcel {
     Bytes bytes;
     std::vector<Insert> inserts;
     std::size_t readPosition = 0;
+    LifeMark life;
 };
+
+// The parcel of a handle. Null for a null handle, and for a parcel that has been destroyed: the misuse by
+// the named function is logged.
+inline Parcel *findParcel(rpc_port_parcel_h h, const char *function) {
+    auto *const parcel = static_cast<Parcel *>(h);
+    return parcel && parcel->life.isAlive(function, "parcel") ? parcel : nullptr;
+}
 
 } // namespace host

@@ -186,6 +186,8 @@ int rpc_port_proxy_create(rpc_port_proxy_h *h) {
 }
 
 int rpc_port_proxy_destroy(rpc_port_proxy_h h) {
+    if (!host::Loop::instance().isOwnThread(__func__))
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::shared_ptr<Proxy> proxy = Proxies::instance().remove(h);
     if (!proxy)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
@@ -194,33 +196,33 @@ int rpc_port_proxy_destroy(rpc_port_proxy_h h) {
 }
 
 int rpc_port_proxy_connect(rpc_port_proxy_h h, const char *appid, const char *port) {
-    return host::guarded<Proxy>(h, appid && port,
+    return host::guarded<Proxy>(__func__, h, appid && port,
                                 [&](Proxy &proxy) { return proxy.connect(appid, port); });
 }
 
 int rpc_port_proxy_add_connected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_connected_event_cb cb,
                                           void *data) {
-    return host::addListener(h, &Proxy::connectedCbs, cb, data);
+    return host::addListener(__func__, h, &Proxy::connectedCbs, cb, data);
 }
 
 int rpc_port_proxy_add_disconnected_event_cb(rpc_port_proxy_h h,
                                              rpc_port_proxy_disconnected_event_cb cb, void *data) {
-    return host::addListener(h, &Proxy::disconnectedCbs, cb, data);
+    return host::addListener(__func__, h, &Proxy::disconnectedCbs, cb, data);
 }
 
 int rpc_port_proxy_add_rejected_event_cb(rpc_port_proxy_h h, rpc_port_proxy_rejected_event_cb cb,
                                          void *data) {
-    return host::addListener(h, &Proxy::rejectedCbs, cb, data);
+    return host::addListener(__func__, h, &Proxy::rejectedCbs, cb, data);
 }
 
 int rpc_port_proxy_add_received_event_cb(rpc_port_proxy_h h, rpc_port_proxy_received_event_cb cb,
                                          void *data) {
-    return host::addListener(h, &Proxy::receivedCbs, cb, data);
+    return host::addListener(__func__, h, &Proxy::receivedCbs, cb, data);
 }
 
 int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_port_h *port) {
     const bool valid = port && (type == RPC_PORT_PORT_MAIN || type == RPC_PORT_PORT_CALLBACK);
-    return host::guarded<Proxy>(h, valid, [&](Proxy &proxy) -> int {
+    return host::guarded<Proxy>(__func__, h, valid, [&](Proxy &proxy) -> int {
         const host::Channel *const channel = proxy.channel(type);
         if (!channel)
             return RPC_PORT_ERROR_IO_ERROR;
@@ -230,7 +232,7 @@ int rpc_port_proxy_get_port(rpc_port_proxy_h h, rpc_port_port_type_e type, rpc_p
 }
 
 void host_sim_set_sender(rpc_port_proxy_h proxy, const char *app_id) {
-    host::guarded<Proxy>(proxy, true, [&](Proxy &self) {
+    host::guarded<Proxy>(__func__, proxy, true, [&](Proxy &self) {
         self.setSender(app_id);
         return RPC_PORT_ERROR_NONE;
     });

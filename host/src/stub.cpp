@@ -13,6 +13,7 @@
 #include "app_id.h"
 #include "log_tag.h"
 #include "loop.h"
+#include "misuse.h"
 #include "names.h"
 
 namespace host {
@@ -136,13 +137,25 @@ bool Stub::listenSimulated(const std::string &name) {
 }
 
 bool Stub::listenReal(const std::string &appId) {
+    Loop::instance().expectStarted("rpc_port_stub_listen");
     if (_listenSocket.open(appId, _portName)) {
         _acceptHandler = Loop::instance().addHandler(_listenSocket.fd(), ECORE_FD_READ, onAcceptCb,
-                                                     this, nullptr, nullptr);
+                                                     this, nullptr, nullptr, onLoopGone);
     }
     if (!_acceptHandler)
         _listenSocket.close();
     return _acceptHandler != nullptr;
+}
+
+// Clients then find that nobody listens, instead of waiting for ever.
+void Stub::onLoopGone(void *data) {
+    auto &self = *static_cast<Stub *>(data);
+    self._acceptHandler = nullptr;
+    self._listenSocket.close();
+    misuse(
+        "ecore_shutdown() has ended the main loop that serves port \"%s\", which nobody can reach "
+        "any more: call ecore_init() before everything else and ecore_shutdown() last",
+        self._portName.c_str());
 }
 
 void Stub::destroy() {
@@ -298,6 +311,8 @@ int rpc_port_stub_create(rpc_port_stub_h *h, const char *port_name) {
 }
 
 int rpc_port_stub_destroy(rpc_port_stub_h h) {
+    if (!host::Loop::instance().isOwnThread(__func__))
+        return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::shared_ptr<Stub> stub = Stubs::instance().remove(h);
     if (!stub)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
@@ -306,29 +321,30 @@ int rpc_port_stub_destroy(rpc_port_stub_h h) {
 }
 
 int rpc_port_stub_listen(rpc_port_stub_h h) {
-    return host::guarded<Stub>(h, true, [](Stub &stub) { return stub.listen(); });
+    return host::guarded<Stub>(__func__, h, true, [](Stub &stub) { return stub.listen(); });
 }
 
 int rpc_port_stub_add_connected_event_cb(rpc_port_stub_h h, rpc_port_stub_connected_event_cb cb,
                                          void *data) {
-    return host::addListener(h, &Stub::connectedCbs, cb, data);
+    return host::addListener(__func__, h, &Stub::connectedCbs, cb, data);
 }
 
 int rpc_port_stub_add_disconnected_event_cb(rpc_port_stub_h h,
                                             rpc_port_stub_disconnected_event_cb cb, void *data) {
-    return host::addListener(h, &Stub::disconnectedCbs, cb, data);
+    return host::addListener(__func__, h, &Stub::disconnectedCbs, cb, data);
 }
 
 int rpc_port_stub_add_received_event_cb(rpc_port_stub_h h, rpc_port_stub_received_event_cb cb,
                                         void *data) {
-    return host::addListener(h, &Stub::receivedCbs, cb, data);
+    return host::addListener(__func__, h, &Stub::receivedCbs, cb, data);
 }
 
 int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const char *instance,
                            rpc_port_h *port) {
     const bool valid =
         instance && port && (type == RPC_PORT_PORT_MAIN || type == RPC_PORT_PORT_CALLBACK);
-    const auto *const stub = Stubs::instance().find(h);
+    const bool isOwnThread = host::Loop::instance().isOwnThread(__func__);
+    const auto *const stub = isOwnThread ? Stubs::instance().find(h) : nullptr;
     host::Connection *const connection = stub && valid ? (*stub)->find(instance) : nullptr;
     if (!connection)
         return RPC_PORT_ERROR_INVALID_PARAMETER;

@@ -102,6 +102,7 @@ public:
 private:
     static Eina_Bool onAcceptCb(void *data, Ecore_Fd_Handler *handler);
     static Eina_Bool onResumeCb(void *data);
+    static void onLoopGone(void *data);
 
     bool listenSimulated(const std::string &name);
     bool listenReal(const std::string &appId);

@@ -97,6 +97,7 @@ int runSimulated(const Row &row, bool withJson) {
     Simulation simulation;
     device = &simulation;
     Callback now, never, stop;
+    ecore_init();
     nelvo_initialize();
     now.then = [](void *handler, bundle *request) {
         request ? nelvo_complete_action_execution(handler, "done")

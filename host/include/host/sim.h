@@ -40,6 +40,17 @@ HOST_API void host_sim_set_manifest(const char *xml);
 /** The app id that this proxy presents when it connects, instead of the process's own. Copied. */
 HOST_API void host_sim_set_sender(rpc_port_proxy_h proxy, const char *app_id);
 
+/** Receives the sentence of an error line about a mistake in the use of the platform. */
+typedef void (*host_misuse_cb)(const char *sentence);
+
+/**
+ * Tells cb of each mistake that the platform notices: a bundle that is used after it has been freed, a
+ * call from another thread than the main loop's, a timer that is deleted twice. NULL ends that.
+ *
+ * Meanwhile each bundle owns all of its memory, so that a memory checker notices more.
+ */
+HOST_API void host_sim_on_misuse(host_misuse_cb cb);
+
 #ifdef __cplusplus
 }
 #endif

@@ -31,9 +31,11 @@ struct RequestCopy {
 
 } // namespace
 
-ActionRequestImpl *ActionRequestImpl::_instance = nullptr;
+std::atomic<ActionRequestImpl *> ActionRequestImpl::_instance{nullptr};
 
 ActionRequestImpl *ActionRequestImpl::getInstance() {
+    if (ActionRequestImpl *const instance = _instance.load(std::memory_order_acquire))
+        return instance;
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, _initInstance);
     return _instance;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -76,7 +77,7 @@ private:
     // Answers the current request with a failure; false if the answer cannot be built.
     static bool sendFailure(const char *statusMessage, const char *function);
 
-    static ActionRequestImpl *_instance;
+    static std::atomic<ActionRequestImpl *> _instance;
 
     int _fireRetryCount = 0; // ticks of the registration wait so far
     Ecore_Timer *_completeActionExecutionTimer = nullptr;

@@ -16,9 +16,11 @@ constexpr auto NO_REQUEST = std::numeric_limits<unsigned long long>::max();
 
 } // namespace
 
-NelvoCommonData *NelvoCommonData::_instance = nullptr;
+std::atomic<NelvoCommonData *> NelvoCommonData::_instance{nullptr};
 
 NelvoCommonData *NelvoCommonData::getInstance() {
+    if (NelvoCommonData *const instance = _instance.load(std::memory_order_acquire))
+        return instance;
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, _initInstance);
     return _instance;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <string_view>
@@ -46,7 +47,7 @@ private:
     NelvoCommonData() = default;
     static void _initInstance();
 
-    static NelvoCommonData *_instance;
+    static std::atomic<NelvoCommonData *> _instance;
 };
 
 } // namespace nelvo

@@ -75,9 +75,11 @@ bool readEnvelope(bundle *request, Envelope &envelope, const char *function) {
 
 } // namespace
 
-NelvoImpl *NelvoImpl::_instance = nullptr;
+std::atomic<NelvoImpl *> NelvoImpl::_instance{nullptr};
 
 NelvoImpl *NelvoImpl::getInstance() {
+    if (NelvoImpl *const instance = _instance.load(std::memory_order_acquire))
+        return instance;
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, _initInstance);
     return _instance;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -55,7 +56,7 @@ private:
     static int getAppSdkVersion(std::string appId);
     bool checkInitialized(const char *function) const;
 
-    static NelvoImpl *_instance;
+    static std::atomic<NelvoImpl *> _instance;
 
     bool _isInitialized = false;
     std::unique_ptr<rpc_port::message::stub::message> _messageStub;

@@ -19,9 +19,11 @@ constexpr const char *TIMED_OUT = "App state request execution timed out";
 
 } // namespace
 
-StateRequestImpl *StateRequestImpl::_instance = nullptr;
+std::atomic<StateRequestImpl *> StateRequestImpl::_instance{nullptr};
 
 StateRequestImpl *StateRequestImpl::getInstance() {
+    if (StateRequestImpl *const instance = _instance.load(std::memory_order_acquire))
+        return instance;
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, _initInstance);
     return _instance;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -53,7 +54,7 @@ private:
     // name; false if the answer cannot be built.
     static bool sendTimeOut(const char *function);
 
-    static StateRequestImpl *_instance;
+    static std::atomic<StateRequestImpl *> _instance;
 
     std::unique_ptr<StateRequestInfo> _stateRequestInfo; // null: no callback is registered
     Ecore_Timer *_completeCheckTimer = nullptr;

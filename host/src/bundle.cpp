@@ -51,10 +51,14 @@ int get(const char *function, bundle *b, const char *key, int type, const keyval
 
 _bundle_t::_bundle_t(const _bundle_t &other) {
     _entries.reserve(std::max(other._entries.size(), FEW));
+    if (!host::isMemoryChecked()) {
+        _entries.insert(_entries.end(), other._entries.begin(), other._entries.end());
+        if (other._index)
+            _index = std::make_unique<Index>(*other._index);
+        return;
+    }
     for (const keyval_t &entry : other._entries) {
-        if (!host::isMemoryChecked())
-            append(entry.key, entry.value, entry.size, entry.type, entry.memory);
-        else if (entry.type == BUNDLE_TYPE_STR_ARRAY)
+        if (entry.type == BUNDLE_TYPE_STR_ARRAY)
             addArray(entry.key, {entry.texts(), entry.texts() + entry.size});
         else
             add(entry.type, entry.key, entry.value, entry.size);
@@ -62,9 +66,9 @@ _bundle_t::_bundle_t(const _bundle_t &other) {
 }
 
 const keyval_t *_bundle_t::find(std::string_view key) const {
-    if (!_index.empty()) {
-        const auto found = _index.find(key);
-        return found != _index.end() ? &_entries[found->second] : nullptr;
+    if (_index) {
+        const auto found = _index->find(key);
+        return found != _index->end() ? &_entries[found->second] : nullptr;
     }
     for (const keyval_t &entry : _entries)
         if (entry.key == key)
@@ -75,19 +79,21 @@ const keyval_t *_bundle_t::find(std::string_view key) const {
 void _bundle_t::append(std::string_view key, void *value, std::size_t size, int type,
                        host::Memory memory) {
     _entries.emplace_back(key, value, size, type, std::move(memory));
-    if (!_index.empty() || _entries.size() > host::LARGEST_WITHOUT_INDEX)
+    if (_index || _entries.size() > host::LARGEST_WITHOUT_INDEX)
         indexNewEntry();
 }
 
 // Removes the new entry again if memory runs out.
 void _bundle_t::indexNewEntry() {
     try {
-        for (std::size_t i = _index.size(); i < _entries.size(); ++i)
-            _index.emplace(_entries[i].key, i);
+        if (!_index)
+            _index = std::make_unique<Index>();
+        for (std::size_t i = _index->size(); i < _entries.size(); ++i)
+            _index->emplace(_entries[i].key, i);
     } catch (...) {
         _entries.pop_back();
-        if (_index.size() < _entries.size())
-            _index.clear();
+        if (_index && _index->size() < _entries.size())
+            _index.reset();
         throw;
     }
 }
@@ -129,9 +135,9 @@ void _bundle_t::addArray(std::string_view key, const std::vector<std::string_vie
 
 void _bundle_t::remove(const keyval_t *entry) noexcept {
     const auto at = static_cast<std::size_t>(entry - _entries.data());
-    if (!_index.empty()) {
-        _index.erase(entry->key);
-        for (auto &[key, position] : _index)
+    if (_index) {
+        _index->erase(entry->key);
+        for (auto &[key, position] : *_index)
             position -= position > at ? 1 : 0;
     }
     _entries.erase(_entries.begin() + (entry - _entries.data()));

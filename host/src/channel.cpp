@@ -31,10 +31,8 @@ using Ports = Handles<Channel *>;
 
 int deliveries = 0; // calls of onFrame() in progress, for all channels
 
-std::vector<std::weak_ptr<Channel>> &heldChannels() {
-    static auto &channels = *new std::vector<std::weak_ptr<Channel>>;
-    return channels;
-}
+// Never destroyed: applications release ports from static destructors.
+std::vector<std::weak_ptr<Channel>> &heldChannels = *new std::vector<std::weak_ptr<Channel>>;
 
 bool isTemporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -159,23 +157,29 @@ public:
     ~Delivery() {
         --_channel._deliveries;
         --deliveries;
-        for (const auto &held : std::exchange(heldChannels(), {})) {
+        if (!heldChannels.empty())
+            releaseAll();
+    }
+
+private:
+    static void releaseAll() {
+        for (const auto &held : std::exchange(heldChannels, {})) {
             if (const auto channel = held.lock())
                 channel->release();
         }
     }
 
-private:
     Channel &_channel;
 };
 
 bool Channel::mustHold() const {
-    return deliveries >= MAX_NESTED_EVENTS || (_deliveries > 0 && !Loop::instance().mayNest());
+    return deliveries > 0 &&
+           (deliveries >= MAX_NESTED_EVENTS || (_deliveries > 0 && !Loop::instance().mayNest()));
 }
 
 void Channel::hold() {
     try {
-        heldChannels().push_back(weak_from_this());
+        heldChannels.push_back(weak_from_this());
         _held = true;
         watch();
     } catch (const std::bad_alloc &) {
@@ -293,9 +297,9 @@ bool Channel::pollOnce(std::int64_t deadline) {
 }
 
 int Channel::send(const Parcel &parcel) {
-    if (!isOpen() || _failed || _deserted)
-        return RPC_PORT_ERROR_IO_ERROR;
     const std::size_t size = parcel.size();
+    if (!isOpen() || _failed || _deserted || size > MAX_FRAME_BYTES)
+        return RPC_PORT_ERROR_IO_ERROR;
     std::uint8_t header[HEADER_BYTES];
     for (std::size_t i = 0; i < HEADER_BYTES; ++i)
         header[i] = static_cast<std::uint8_t>(size >> (8 * i));
@@ -376,7 +380,7 @@ void Channel::flush() {
 } // namespace host
 
 int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
-    const bool valid = h && host::Loop::instance().isOwnThread(__func__);
+    const bool valid = h && host::Loop::isOwnThread(__func__);
     host::Channel *const channel = valid ? host::Channel::find(port) : nullptr;
     if (!channel)
         return RPC_PORT_ERROR_INVALID_PARAMETER;
@@ -391,7 +395,7 @@ int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port) {
 
 int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port) {
     host::Parcel *const parcel = host::findParcel(h, __func__);
-    const bool valid = parcel && host::Loop::instance().isOwnThread(__func__);
+    const bool valid = parcel && host::Loop::isOwnThread(__func__);
     host::Channel *const channel = valid ? host::Channel::find(port) : nullptr;
     return channel ? channel->send(*parcel) : RPC_PORT_ERROR_INVALID_PARAMETER;
 }

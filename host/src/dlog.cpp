@@ -221,10 +221,12 @@ int printTo(const Sink &sink, const Entry &entry, const char *fmt, va_list args)
 } // namespace
 
 int dlog_print(log_priority prio, const char *tag, const char *fmt, ...) {
-    if (prio < DLOG_VERBOSE || prio > DLOG_FATAL || !tag || !fmt)
+    if (prio < DLOG_VERBOSE || prio > DLOG_FATAL)
         return -EINVAL;
     if (prio < threshold.load(std::memory_order_relaxed))
         return 0;
+    if (!tag || !fmt)
+        return -EINVAL;
     va_list args;
     va_start(args, fmt);
     const int result = print({prio, tag}, fmt, args);

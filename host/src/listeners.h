@@ -39,7 +39,7 @@ private:
 // error codes. The function must be called on the main loop's thread. Keeps the object alive meanwhile.
 template <typename Object, typename Work>
 int guarded(const char *function, void *handle, bool argumentsValid, Work work) {
-    if (!Loop::instance().isOwnThread(function))
+    if (!Loop::isOwnThread(function))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     auto *const entry = Handles<std::shared_ptr<Object>>::instance().find(handle);
     if (!entry || !argumentsValid)

@@ -73,9 +73,9 @@ unsigned fromEpoll(std::uint32_t events, unsigned watched) {
 
 } // namespace
 
-Loop &Loop::instance() {
-    static Loop &loop = *new Loop;
-    return loop;
+Loop &Loop::create() {
+    only = new Loop;
+    return *only;
 }
 
 // Keeps freed memory in the process: with the C library's defaults, each large block would be
@@ -101,8 +101,8 @@ bool Loop::refuseThread(const char *function) {
     return false;
 }
 
-void Loop::expectStarted(const char *function) {
-    if (_users == 0 && !_simulated && !std::exchange(_isLateLogged, true))
+void Loop::reportEarly(const char *function) {
+    if (!_simulated && !std::exchange(_isLateLogged, true))
         dlog_print(
             DLOG_WARN, LOG_TAG,
             "%s() is called before ecore_init(); a device would refuse that: call ecore_init() "
@@ -112,7 +112,7 @@ void Loop::expectStarted(const char *function) {
 
 int Loop::start() {
     if (_users == 0)
-        _thread = pthread_self();
+        thread = pthread_self();
     else if (!isOwnThread("ecore_init"))
         return 0;
     return openPoll() ? ++_users : _users;
@@ -200,8 +200,13 @@ void *Loop::addTimer(double seconds, Ecore_Task_Cb func, void *data, bool intern
 
 void *Loop::deleteTimer(void *handle) {
     const Timer timer = _timers.remove(handle);
-    if (!timer.func)
+    if (!timer.func) {
+        if (handle)
+            misuse("ecore_timer_del(): there is no such timer; it has been deleted, or its "
+                   "callback has "
+                   "returned ECORE_CALLBACK_CANCEL: forget a timer then");
         return nullptr;
+    }
     _countedTimers -= timer.internal ? 0 : 1;
     if (timer.isCalled)
         return timer.data;
@@ -272,7 +277,7 @@ void Loop::fire() {
     const bool again = called.func(called.data) != ECORE_CALLBACK_CANCEL;
     --_called;
     Timer *const timer = _timers.find(handle);
-    if (!again) {
+    if (timer && !again) {
         deleteTimer(handle);
     } else if (timer) {
         const std::int64_t interval = std::max(timer->interval, MIN_RENEWAL);
@@ -396,21 +401,21 @@ int ecore_init(void) {
 }
 
 int ecore_shutdown(void) {
-    return Loop::instance().isOwnThread(__func__) ? Loop::instance().stop() : 0;
+    return Loop::isOwnThread(__func__) ? Loop::instance().stop() : 0;
 }
 
 void ecore_main_loop_begin(void) {
-    if (Loop::instance().isOwnThread(__func__))
+    if (Loop::isOwnThread(__func__))
         Loop::instance().run();
 }
 
 void ecore_main_loop_quit(void) {
-    if (Loop::instance().isOwnThread(__func__))
+    if (Loop::isOwnThread(__func__))
         Loop::instance().quit();
 }
 
 void ecore_main_loop_iterate(void) {
-    if (Loop::instance().isOwnThread(__func__))
+    if (Loop::isOwnThread(__func__))
         Loop::instance().runOnce(false);
 }
 
@@ -420,7 +425,7 @@ double ecore_time_get(void) {
 
 Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func, const void *data) {
     Loop &loop = Loop::instance();
-    if (!loop.isOwnThread(__func__))
+    if (!Loop::isOwnThread(__func__))
         return nullptr;
     loop.expectStarted(__func__);
     return static_cast<Ecore_Timer *>(loop.addTimer(in, func, const_cast<void *>(data), false));
@@ -428,20 +433,14 @@ Ecore_Timer *ecore_timer_add(double in, Ecore_Task_Cb func, const void *data) {
 
 void *ecore_timer_del(Ecore_Timer *timer) {
     Loop &loop = Loop::instance();
-    if (!loop.isOwnThread(__func__))
-        return nullptr;
-    if (!loop.hasTimer(timer))
-        host::misuse(
-            "ecore_timer_del(): there is no such timer; it has been deleted, or its callback "
-            "has returned ECORE_CALLBACK_CANCEL: forget a timer then");
-    return loop.deleteTimer(timer);
+    return Loop::isOwnThread(__func__) ? loop.deleteTimer(timer) : nullptr;
 }
 
 Ecore_Fd_Handler *ecore_main_fd_handler_add(int fd, Ecore_Fd_Handler_Flags flags, Ecore_Fd_Cb func,
                                             const void *data, Ecore_Fd_Cb buf_func,
                                             const void *buf_data) {
     Loop &loop = Loop::instance();
-    if (!loop.isOwnThread(__func__))
+    if (!Loop::isOwnThread(__func__))
         return nullptr;
     loop.expectStarted(__func__);
     return static_cast<Ecore_Fd_Handler *>(loop.addHandler(
@@ -450,7 +449,7 @@ Ecore_Fd_Handler *ecore_main_fd_handler_add(int fd, Ecore_Fd_Handler_Flags flags
 
 void *ecore_main_fd_handler_del(Ecore_Fd_Handler *fd_handler) {
     Loop &loop = Loop::instance();
-    return loop.isOwnThread(__func__) ? loop.deleteHandler(fd_handler) : nullptr;
+    return Loop::isOwnThread(__func__) ? loop.deleteHandler(fd_handler) : nullptr;
 }
 
 Eina_Bool ecore_main_fd_handler_active_get(Ecore_Fd_Handler *fd_handler,
@@ -459,7 +458,7 @@ Eina_Bool ecore_main_fd_handler_active_get(Ecore_Fd_Handler *fd_handler,
 }
 
 void ecore_main_fd_handler_active_set(Ecore_Fd_Handler *fd_handler, Ecore_Fd_Handler_Flags flags) {
-    if (Loop::instance().isOwnThread(__func__))
+    if (Loop::isOwnThread(__func__))
         Loop::instance().setFlags(fd_handler, flags);
 }
 

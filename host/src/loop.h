@@ -25,7 +25,7 @@ namespace host {
 class Loop {
 public:
     // Created on first use and never destroyed: applications release ports from static destructors.
-    static Loop &instance();
+    static Loop &instance() { return only ? *only : create(); }
 
     bool isSimulated() const { return _simulated; }
     void simulate() { _simulated = true; }
@@ -35,11 +35,14 @@ public:
     int stop();
     // Whether the named function is called on the loop's thread, which is that of the first
     // ecore_init(). Logs the mistake if not; the caller then refuses, as the platform of a device does.
-    bool isOwnThread(const char *function) {
-        return pthread_equal(pthread_self(), _thread) || refuseThread(function);
+    static bool isOwnThread(const char *function) {
+        return pthread_equal(pthread_self(), thread) || refuseThread(function);
     }
     // Logs, once, that the named function is called before ecore_init().
-    void expectStarted(const char *function);
+    void expectStarted(const char *function) {
+        if (_users == 0)
+            reportEarly(function);
+    }
     void run();
     void quit() { _quit = true; }
 
@@ -60,7 +63,6 @@ public:
     // internal timers, which are those of the platform itself.
     void *addTimer(double seconds, Ecore_Task_Cb func, void *data, bool internal);
     void *deleteTimer(void *timer);
-    bool hasTimer(void *timer) { return _timers.find(timer) != nullptr; }
     int countTimers() const { return _countedTimers; }
 
     // Returns null for the same reasons, and if the system cannot watch the descriptor.
@@ -98,7 +100,12 @@ private:
         void (*gone)(void *data) = nullptr;
     };
 
-    bool refuseThread(const char *function);
+    static inline Loop *only = nullptr;
+    static inline pthread_t thread = pthread_self();
+
+    static Loop &create();
+    void reportEarly(const char *function);
+    static bool refuseThread(const char *function);
     bool runRound(bool wait);
     bool openPoll();
     bool jump(std::int64_t latest);
@@ -117,7 +124,6 @@ private:
 
     bool _simulated = false;
     std::int64_t _virtualNow = 0;
-    pthread_t _thread = pthread_self();
     int _users = 0;
     int _runs = 0; // calls of run() in progress
     bool _isLateLogged = false;

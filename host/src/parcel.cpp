@@ -203,7 +203,7 @@ bool hasRoom(const Parcel &parcel, std::size_t size) {
 template <typename Encode>
 int write(const char *function, rpc_port_parcel_h h, std::size_t size, Encode encode) {
     Parcel *const parcel = findParcel(h, function);
-    if (!parcel || !hasRoom(*parcel, size))
+    if (!parcel || (size > LARGE_SIZE && !hasRoom(*parcel, size)))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     try {
         encode(Writer(extend(*parcel, size)));

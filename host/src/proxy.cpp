@@ -186,7 +186,7 @@ int rpc_port_proxy_create(rpc_port_proxy_h *h) {
 }
 
 int rpc_port_proxy_destroy(rpc_port_proxy_h h) {
-    if (!host::Loop::instance().isOwnThread(__func__))
+    if (!host::Loop::isOwnThread(__func__))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::shared_ptr<Proxy> proxy = Proxies::instance().remove(h);
     if (!proxy)

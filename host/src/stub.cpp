@@ -311,7 +311,7 @@ int rpc_port_stub_create(rpc_port_stub_h *h, const char *port_name) {
 }
 
 int rpc_port_stub_destroy(rpc_port_stub_h h) {
-    if (!host::Loop::instance().isOwnThread(__func__))
+    if (!host::Loop::isOwnThread(__func__))
         return RPC_PORT_ERROR_INVALID_PARAMETER;
     const std::shared_ptr<Stub> stub = Stubs::instance().remove(h);
     if (!stub)
@@ -343,7 +343,7 @@ int rpc_port_stub_get_port(rpc_port_stub_h h, rpc_port_port_type_e type, const c
                            rpc_port_h *port) {
     const bool valid =
         instance && port && (type == RPC_PORT_PORT_MAIN || type == RPC_PORT_PORT_CALLBACK);
-    const bool isOwnThread = host::Loop::instance().isOwnThread(__func__);
+    const bool isOwnThread = host::Loop::isOwnThread(__func__);
     const auto *const stub = isOwnThread ? Stubs::instance().find(h) : nullptr;
     host::Connection *const connection = stub && valid ? (*stub)->find(instance) : nullptr;
     if (!connection)

@@ -16,7 +16,8 @@
  *
  * Everything happens on one thread, that of the application's Ecore main loop: the library calls
  * the callbacks there, and every function below must be called there. Each of them may be called
- * from inside a callback. None of them blocks. The first call in a process decides whether the
+ * from inside a callback. None of them blocks. A callback must neither throw, which becomes an error
+ * line in the log while the request stays pending, nor end its thread. The first call in a process decides whether the
  * application's SDK version is supported; it needs the application's id and manifest.
  */
 
@@ -43,7 +44,8 @@ typedef enum {
  * Report the outcome with nelvo_complete_action_execution(), now or within 30 seconds.
  *
  * @param action_handler  stands for this request; stays the library's, never to be freed. Handlers
- *                        are used again after 100 requests: forget it once the outcome is reported
+ *                        are used again after 100 requests, and from the first on after
+ *                        nelvo_deinitialize(): forget it once the outcome is reported, and at a stop
  * @param params          the request as the client sent it: "actionId", usually "actionParams", and
  *                        whatever else it holds; valid during this call only, not to be changed
  * @param user_data       what was given at registration

@@ -188,7 +188,7 @@ void ActionRequestImpl::callApplication(const ActionExecutionInfo &info, std::st
     void *actionHandler = beginWatch(_completeActionExecutionTimer, _completeActionExecutionCheckCb,
                                      this, actionId, function);
     if (actionHandler)
-        info.callback(actionHandler, request, info.userData);
+        nelvo::callApplication(function, info.callback, actionHandler, request, info.userData);
     else
         sendFailure(TIMED_OUT, function);
 }

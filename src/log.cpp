@@ -4,12 +4,16 @@
 #include <exception>
 #include <new>
 
+#include <cxxabi.h>
+
 #include <nelvo.h>
 
 namespace nelvo {
 
-int logException(const char *function) noexcept {
+int logException(const char *function) {
     try {
+        throw;
+    } catch (const abi::__forced_unwind &) {
         throw;
     } catch (const std::bad_alloc &) {
         NELVO_LOG(DLOG_ERROR, function, "out of memory");

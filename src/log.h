@@ -30,7 +30,19 @@ void logLine(log_priority priority, int line, const char *function, const char *
 }
 
 // To be called from a catch block: logs the exception as an error of the given function and gives
-// its error code, NELVO_ERROR_OUT_OF_MEMORY or NELVO_ERROR_OPERATION_FAILED.
-int logException(const char *function) noexcept;
+// its error code, NELVO_ERROR_OUT_OF_MEMORY or NELVO_ERROR_OPERATION_FAILED. Throws only what unwinds the
+// stack of a thread that ends, by pthread_exit() or cancellation; the process would be aborted otherwise.
+int logException(const char *function);
+
+// Calls the application on behalf of the given function. What the application throws ends here, in an
+// error line; the request stays pending.
+template <typename Callback, typename... Arguments>
+void callApplication(const char *function, Callback callback, Arguments... arguments) {
+    try {
+        callback(arguments...);
+    } catch (...) {
+        logException(function);
+    }
+}
 
 } // namespace nelvo

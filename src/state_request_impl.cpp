@@ -81,7 +81,8 @@ void StateRequestImpl::receiveRequest(const std::string &clientAppId, const std:
     void *actionHandler =
         beginWatch(_completeCheckTimer, _appStateRequestCompleteCheckCb, this, actionId, __func__);
     if (actionHandler)
-        _stateRequestInfo->callback(actionHandler, _stateRequestInfo->userData);
+        callApplication(__func__, _stateRequestInfo->callback, actionHandler,
+                        _stateRequestInfo->userData);
     else
         sendTimeOut(__func__);
 }

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include <cxxabi.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -206,6 +207,8 @@ void Channel::offerFrame(ChannelOwner &owner) {
         owner.onFrame(*this);
     } catch (const std::bad_alloc &) {
         fail(OUT_OF_MEMORY);
+    } catch (const abi::__forced_unwind &) { // the thread ends
+        throw;
     } catch (...) {
         fail("an exception has left a callback");
     }

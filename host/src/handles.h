@@ -8,6 +8,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include <cxxabi.h>
+
 #include <rpc-port-parcel.h>
 
 namespace host {
@@ -68,6 +70,8 @@ int guarded(Work work) {
         return work();
     } catch (const std::bad_alloc &) {
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
+    } catch (const abi::__forced_unwind &) { // the thread ends
+        throw;
     } catch (...) {
         return RPC_PORT_ERROR_IO_ERROR;
     }

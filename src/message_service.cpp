@@ -2,7 +2,12 @@
 #include "message_service.h"
 
 #include <cstdio>
+#include <optional>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "log.h"
 #include "nelvo_impl.h"
@@ -13,12 +18,13 @@ namespace {
 constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_PATH = "/usr/share/nelvo/";
 constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME = "allow_list.dat";
 
+using Lines = std::unordered_set<std::string>;
 using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
 
-// All lines of the file, or those before the first read error. Read by fopen(), not by
+// All lines of the file, or those before the first read error. Read by the C library, not by
 // std::ifstream, whose locales alone take more memory than the rest of this library.
-std::unordered_set<std::string> readLines(std::FILE *file) {
-    std::unordered_set<std::string> lines;
+Lines readLines(std::FILE *file) {
+    Lines lines;
     std::string line;
     int byte;
     while ((byte = std::getc(file)) != EOF) {
@@ -30,6 +36,22 @@ std::unordered_set<std::string> readLines(std::FILE *file) {
     if (!line.empty() && !std::ferror(file))
         lines.insert(std::move(line));
     return lines;
+}
+
+// Nothing if the file cannot be opened. What is no regular file has no lines: the main loop must not
+// wait for whoever writes to a pipe.
+std::optional<Lines> readLinesOf(const char *path) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return std::nullopt;
+    struct stat status {}; // of no kind if fstat() fails
+    fstat(fd, &status);
+    const File file(fdopen(fd, "r"), &std::fclose);
+    if (!file) {
+        close(fd);
+        return std::nullopt;
+    }
+    return S_ISREG(status.st_mode) ? readLines(file.get()) : Lines();
 }
 
 } // namespace
@@ -111,12 +133,12 @@ bool messageService::isPermittedSender() {
         const std::string path =
             std::string(NELVO_PROXY_ALLOW_APPID_LIST_PATH) + NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME;
         NELVO_LOGI("res_path : %s", path.c_str());
-        const File file(std::fopen(path.c_str(), "r"), &std::fclose);
-        if (!file) {
+        std::optional<Lines> lines = readLinesOf(path.c_str());
+        if (!lines) {
             NELVO_LOGD("allow_list.dat file not present, allowing all apps");
             return true;
         }
-        _allowedAppIds = readLines(file.get());
+        _allowedAppIds = std::move(*lines);
     }
     if (_allowedAppIds.count(GetSender()) != 0)
         return true;

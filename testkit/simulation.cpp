@@ -10,7 +10,6 @@
 #include <regex>
 #include <stdexcept>
 
-#include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -70,32 +69,6 @@ void keepLine(log_priority priority, const char *tag, const char *text, void *) 
     std::abort();
 }
 
-// Opens a new temporary file each time, since readers use its descriptor.
-FILE *openAllowList(const char *mode) {
-    if (!device.allowList) {
-        errno = ENOENT;
-        return nullptr;
-    }
-    const int fd = memfd_create("allow_list", MFD_CLOEXEC);
-    if (fd < 0)
-        return nullptr;
-    const std::string &content = *device.allowList;
-    FILE *file = nullptr;
-    if (write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
-        lseek(fd, 0, SEEK_SET) == 0)
-        file = fdopen(fd, mode);
-    if (!file)
-        close(fd);
-    return file;
-}
-
-FILE *openFile(const char *function, const char *path, const char *mode) {
-    if (!device.appId.empty() && std::strcmp(path, ALLOW_LIST_FILE) == 0)
-        return openAllowList(mode);
-    using Open = FILE *(*)(const char *, const char *);
-    return reinterpret_cast<Open>(dlsym(RTLD_NEXT, function))(path, mode);
-}
-
 } // namespace
 
 std::string LogLine::summary() const {
@@ -104,6 +77,24 @@ std::string LogLine::summary() const {
 
 std::string simulatedAppId() {
     return device.appId;
+}
+
+bool isAllowList(const char *path) {
+    return !device.appId.empty() && std::strcmp(path, ALLOW_LIST_FILE) == 0;
+}
+
+int openAllowList() {
+    if (!device.allowList) {
+        errno = ENOENT;
+        return -1;
+    }
+    const std::string &content = *device.allowList;
+    const int fd = memfd_create("allow_list", MFD_CLOEXEC);
+    if (fd < 0 ||
+        (pwrite(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size())))
+        return fd;
+    close(fd);
+    return -1;
 }
 
 Simulation::Simulation(const std::string &appId) {
@@ -191,12 +182,3 @@ std::vector<std::string> Simulation::takeWarnings() {
 }
 
 } // namespace nelvo::testkit
-
-// Replace the C library's functions, so that the allow list that is opened is the simulated one.
-extern "C" TESTKIT_API FILE *fopen(const char *path, const char *mode) {
-    return nelvo::testkit::openFile("fopen", path, mode);
-}
-
-extern "C" TESTKIT_API FILE *fopen64(const char *path, const char *mode) {
-    return nelvo::testkit::openFile("fopen64", path, mode);
-}

@@ -2,10 +2,15 @@
 // The "message" interface: its stub, its callbacks, the allow list, and clients side by side.
 #include "driven_application.h"
 
-#include <cstdio>
+#include <cstdarg>
 #include <cstring>
+#include <utility>
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "allocation_faults.h"
 #include "client_wire.h"
@@ -112,27 +117,50 @@ TEST_F(ResponseCallbackTest, SendsTheFieldsThatTheClientRegistered) {
     }
 }
 
-bool failsDisk = false;
+// What is opened next in place of the allow list, and where reading begins.
+const char *standIn = nullptr;
+off_t standInPosition = 0;
 
-// Returns a file with a line and half of the next one, behind which a read error comes.
-FILE *openFailing() {
-    cookie_io_functions_t calls{};
-    calls.read = [](void *, char *buffer, std::size_t) -> ssize_t {
-        if (!std::exchange(failsDisk, false))
-            return -1;
-        return stpcpy(buffer, "other.client\ndemo.client") - buffer;
-    };
-    return fopencookie(nullptr, "r", calls);
+// A line and half of the next one, behind which a read error comes: the memory of this process, and
+// behind it an address without memory.
+void standInFailing() {
+    constexpr char TEXT[] = "other.client\ndemo.client";
+    constexpr std::size_t SIZE = sizeof TEXT - 1;
+    const auto page = static_cast<std::size_t>(getpagesize());
+    void *const pages =
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    char *const end = static_cast<char *>(pages) + page;
+    std::memcpy(end - SIZE, TEXT, SIZE);
+    munmap(end, page);
+    standIn = "/proc/self/mem";
+    standInPosition = reinterpret_cast<off_t>(end - SIZE);
 }
 
 class AllowListTest : public DrivenApplication {};
 
 TEST_F(AllowListTest, AdmitsNobodyByHalfALineBeforeAReadError) {
     ASSERT_TRUE(client.connect());
-    failsDisk = true;
+    standInFailing();
     EXPECT_EQ(client.setCb(), -1);
     device.setAllowList("demo.client\n");
     EXPECT_EQ(client.setCb(), -1) << "the lines before the error are the list";
+}
+
+TEST_F(AllowListTest, HasNoLinesIfItIsAPipeAndDoesNotWaitForAWriter) {
+    unlink("pipe"); // of an aborted run
+    ASSERT_EQ(mkfifo("pipe", 0600), 0);
+    const auto expectNobody = [&](const char *path) {
+        standIn = path;
+        ASSERT_TRUE(client.connect());
+        EXPECT_EQ(client.setCb(), -1) << path;
+    };
+    expectNobody("/"); // a directory can be opened
+    expectNobody("pipe");
+    const int writer = open("pipe", O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(write(writer, "demo.client\n", 12), 12);
+    expectNobody("pipe");
+    close(writer);
+    unlink("pipe");
 }
 
 TEST_F(AllowListTest, IsNotKeptInPartWithoutMemory) {
@@ -164,8 +192,17 @@ TEST_F(IsolationTest, SendsAnswersToTheLatestConnectionOfTheSameClient) {
 } // namespace nelvo
 
 // Stands before the test kit's.
-extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
-    using Open = FILE *(*)(const char *, const char *);
-    static const auto next = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "fopen"));
-    return nelvo::failsDisk ? nelvo::openFailing() : next(path, mode);
+extern "C" __attribute__((visibility("default"))) int open(const char *path, int flags, ...) {
+    using Open = int (*)(const char *, int, ...);
+    static const auto next = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "open"));
+    if (nelvo::standIn && std::strstr(path, "allow_list")) {
+        const int fd = next(std::exchange(nelvo::standIn, nullptr), flags);
+        lseek(fd, std::exchange(nelvo::standInPosition, 0), SEEK_SET);
+        return fd;
+    }
+    std::va_list values;
+    va_start(values, flags);
+    const auto mode = va_arg(values, unsigned);
+    va_end(values);
+    return next(path, flags, mode);
 }

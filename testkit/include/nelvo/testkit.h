@@ -8,8 +8,8 @@
  * hand, with clients that send it requests.
  *
  * Link it beside the library, before the host platform: what the kit stands before is the
- * platform's functions and the C library's fopen(). It changes nothing about the library. Any test
- * framework will do.
+ * platform's functions and the C library's open() and fopen(). It changes nothing about the
+ * library. Any test framework will do.
  *
  * Everything here belongs to the thread of the test, which is the application's main-loop thread
  * too. Nothing waits for real time or reaches outside the process: no socket file, no allow list

@@ -15,6 +15,7 @@ The document is followed as a reader would, top to bottom, in one folder and one
 A comment before a block may change that:
 
     <!-- file: NAME -->      the block is also written to that file, for the commands that follow
+    <!-- for: a device -->   commands that are run with the host platform for pkg-config's modules
     <!-- in: PATH -->        the block stands in that file of the project, line by line
     <!-- not run: REASON --> nothing is checked; the only way for other kinds
 
@@ -32,7 +33,7 @@ from xml.parsers.expat import ExpatError
 
 from terminal import COLOUR, FOLDERS, ROOT, CommandFailed, Terminal
 
-BLOCK = re.compile(r"(?:<!-- (file|in|not run): ([^\n]+) -->\n+)?^```(\w*)\n(.*?)^```$", re.M | re.S)
+BLOCK = re.compile(r"(?:<!-- (file|in|for|not run): ([^\n]+) -->\n+)?^```(\w*)\n(.*?)^```$", re.M | re.S)
 WARNINGS = ("-Wall -Wextra -Wpedantic -Wshadow -Wconversion"
             + (" -Werror" if os.environ.get("NELVO_WERROR") == "ON" else ""))
 LIBRARIES = "-Iinclude -Ihost/include -Lbuild/release/src -Lbuild/release/host -lnelvo -lnelvo-host"
@@ -64,6 +65,12 @@ def check_stands_in(text, path):
     wanted = [line.strip() for line in text.splitlines()]
     check(any(lines[at:at + len(wanted)] == wanted for at in range(len(lines))),
           f"{path} does not have these lines, or not one after the other")
+
+
+def check_device_build(text, folder):
+    """Against the host platform in place of the device's."""
+    run(["bash", "-c", re.sub(r"\$\(pkg-config [^)]*\)",
+                              "-Ihost/include -Lbuild/release/host -lnelvo-host", text)], folder)
 
 
 def check_shell_text(text, folder):
@@ -120,6 +127,8 @@ def check_block(note, value, kind, text, terminal):
             check_program(text, {"c": "cc", "cpp": "c++"}[kind], terminal.folder)
     elif kind == "console":
         check_transcript(text, terminal)
+    elif kind == "sh" and note == "for":
+        check_device_build(text, terminal.folder)
     elif kind == "sh":
         check_shell_text(text, terminal.folder)
     elif kind == "json":

@@ -25,8 +25,8 @@ __attribute__((format(printf, 1, 2))) inline void checkLogFormat(const char *, .
 template <typename... Values>
 void logLine(log_priority priority, int line, const char *function, const char *format,
              Values... values) {
-    dlog_print(priority, "NELVO-APPSDK", format, NELVO_LOG_VERSION " : ", line, function,
-               values...);
+    // The version is that of the log's lines, which tools look for; it does not follow the project's.
+    dlog_print(priority, "NELVO-APPSDK", format, "v1.0-beta.1.4 : ", line, function, values...);
 }
 
 // To be called from a catch block: logs the exception as an error of the given function and gives

@@ -16,6 +16,7 @@ if (($#)); then
     mkdir -p abi
     abidw --no-corpus-path --no-comp-dir-path --no-show-locs --headers-dir include \
         --drop-private-types --exported-interfaces-only --out-file "$baseline" "$library"
+    sed -i "s|path='$PWD/|path='|" "$baseline"
 fi
 [[ -f $baseline ]] || die "there is no $baseline; a new major version begins with ./dev abi --update"
 abidiff --headers-dir2 include --drop-private-types "$baseline" "$library" ||

@@ -26,8 +26,11 @@ void CompletionWatch::heed(const LogLine &line) {
         _latest = 1;
         break;
     case LogEvent::STOPPED:
-        for (Request &request : _requests)
+        for (Request &request : _requests) {
+            if (request.end != COMPLETED)
+                request.keptSince = request.actionId;
             request.end = STOPPED;
+        }
         break;
     case LogEvent::STATE_REQUEST:
         end(OVERTAKEN);
@@ -56,7 +59,7 @@ void CompletionWatch::heed(const LogLine &line) {
         warn(line, latest());
         break;
     case LogEvent::NOT_INITIALIZED:
-        warn(line, {"", STOPPED});
+        warn(line, Request{"", STOPPED});
         break;
     default:
         break;
@@ -65,7 +68,7 @@ void CompletionWatch::heed(const LogLine &line) {
 
 void CompletionWatch::begin(const std::string &actionId) {
     _latest = (_latest + 1) % HANDLERS;
-    latest() = {actionId, nullptr};
+    latest() = {actionId, nullptr, std::move(latest().keptSince)};
 }
 
 void CompletionWatch::end(const char *how) {
@@ -80,6 +83,9 @@ void CompletionWatch::warn(const LogLine &line, const Request &request) {
     if (!request.actionId.empty())
         warning += " for \"" + request.actionId + "\"";
     warning += std::string(": ") + (request.end ? request.end : OF_OTHER_KIND);
+    if (request.end == COMPLETED && !request.keptSince.empty())
+        warning += ", perhaps with the handler of \"" + request.keptSince +
+                   "\", kept while the library was stopped and started again";
     if (std::find(_warnings.begin(), _warnings.end(), warning) == _warnings.end())
         _warnings.push_back(std::move(warning));
 }

@@ -26,6 +26,9 @@ private:
     struct Request {
         std::string actionId;
         const char *end = nullptr; // null: it is pending; otherwise what has become of it
+        // The action of the request that had the same handler when the library was stopped, and was not
+        // completed before: the application may have kept the handler.
+        std::string keptSince = {};
     };
 
     void begin(const std::string &actionId);

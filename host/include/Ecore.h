@@ -86,8 +86,7 @@ HOST_API void *ecore_timer_del(Ecore_Timer *timer);
  * @param buf_func  null, or asked before each wait whether the caller holds data that it has read
  *                  already; if it answers true, func is called as if the descriptor were readable
  * @return the handler, which stays the loop's; null when the descriptor cannot be watched (it is
- *         closed, has a handler already, or is a plain file), an argument is wrong or memory ran
- * out
+ *         closed, has a handler already, or is a plain file), an argument is wrong or memory ran out
  */
 HOST_API Ecore_Fd_Handler *ecore_main_fd_handler_add(int fd, Ecore_Fd_Handler_Flags flags,
                                                      Ecore_Fd_Cb func, const void *data,

@@ -39,8 +39,7 @@ HOST_API int rpc_port_parcel_create(rpc_port_parcel_h *h);
  *
  * @return RPC_PORT_ERROR_NONE
  *         RPC_PORT_ERROR_IO_ERROR           no whole parcel has arrived; *h is untouched
- *         RPC_PORT_ERROR_INVALID_PARAMETER  h is null, or port is null or its
- *                                           connection has ended
+ *         RPC_PORT_ERROR_INVALID_PARAMETER  h or port is null, or the port's connection has ended
  *         RPC_PORT_ERROR_OUT_OF_MEMORY      *h is untouched
  */
 HOST_API int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h port);
@@ -51,8 +50,7 @@ HOST_API int rpc_port_parcel_create_from_port(rpc_port_parcel_h *h, rpc_port_h p
  *
  * @return RPC_PORT_ERROR_NONE
  *         RPC_PORT_ERROR_IO_ERROR           the other side is gone or does not keep up
- *         RPC_PORT_ERROR_INVALID_PARAMETER  h is null, or port is null or its
- *                                           connection has ended
+ *         RPC_PORT_ERROR_INVALID_PARAMETER  h or port is null, or the port's connection has ended
  *         RPC_PORT_ERROR_OUT_OF_MEMORY      nothing was sent
  */
 HOST_API int rpc_port_parcel_send(rpc_port_parcel_h h, rpc_port_h port);

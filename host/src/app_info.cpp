@@ -133,6 +133,15 @@ std::string ownId() {
     return {};
 }
 
+void warnOfMissing(const Manifest &manifest, const char *id) {
+    if (manifest.applications.empty() && !manifest.isBroken)
+        dlog_print(
+            DLOG_WARN, LOG_TAG,
+            "There is no manifest for %s: %s. A device would not start an application without "
+            "one; put a %s beside the executable or name one in NELVO_HOST_MANIFEST.",
+            id, manifest.problem.c_str(), MANIFEST_NAME);
+}
+
 // Returns an application manager's error code.
 int findApplication(const SharedManifest &manifest, const char *id, app_info_h *info) {
     for (const Application &application : manifest->applications) {
@@ -192,7 +201,9 @@ int app_info_create(const char *app_id, app_info_h *app_info) {
     if (!app_id || !app_info)
         return APP_MANAGER_ERROR_INVALID_PARAMETER;
     try {
-        return host::findApplication(host::manifest(), app_id, app_info);
+        const host::SharedManifest known = host::manifest();
+        host::warnOfMissing(*known, app_id);
+        return host::findApplication(known, app_id, app_info);
     } catch (...) {
         return APP_MANAGER_ERROR_OUT_OF_MEMORY;
     }

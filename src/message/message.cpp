@@ -88,14 +88,15 @@ void *operator<<(void *parcel, const message::CallbackBase &callback) {
 }
 
 void *operator>>(void *parcel, message::CallbackBase &callback) {
-    int number = 0;
-    bool flag = false;
-    if (rpc_port_parcel_read_int32(parcel, &number) == RPC_PORT_ERROR_NONE)
-        callback._id = number;
-    if (rpc_port_parcel_read_int32(parcel, &number) == RPC_PORT_ERROR_NONE)
-        callback._seqId = number;
-    if (rpc_port_parcel_read_bool(parcel, &flag) == RPC_PORT_ERROR_NONE)
-        callback._once = flag;
+    // A field that cannot be read, or is not stored, stays as it is.
+    int id = callback._id, seqId = callback._seqId;
+    bool once = callback._once;
+    if (rpc_port_parcel_read_int32(parcel, &id) == RPC_PORT_ERROR_NONE)
+        callback._id = id;
+    if (rpc_port_parcel_read_int32(parcel, &seqId) == RPC_PORT_ERROR_NONE)
+        callback._seqId = seqId;
+    if (rpc_port_parcel_read_bool(parcel, &once) == RPC_PORT_ERROR_NONE)
+        callback._once = once;
     return parcel;
 }
 

@@ -117,6 +117,19 @@ TEST_F(ResponseCallbackTest, SendsTheFieldsThatTheClientRegistered) {
     }
 }
 
+TEST_F(ResponseCallbackTest, RefusesAnAnswerThatIsTooLargeToSend) {
+    ASSERT_EQ(callback.registerAction("play"), NELVO_ERROR_NONE);
+    for (const std::size_t size : {std::size_t{17} << 20, std::size_t{15} << 20}) {
+        client.request("play");
+        const bool isSent =
+            nelvo_complete_action_execution(callback.last(), std::string(size, 'x').c_str()) ==
+            NELVO_ERROR_NONE;
+        device.advance();
+        EXPECT_EQ(answerCount(), isSent ? 1 : 0);
+        EXPECT_EQ(isSent, size < std::size_t{16} << 20);
+    }
+}
+
 // What is opened next in place of the allow list, and where reading begins.
 const char *standIn = nullptr;
 off_t standInPosition = 0;

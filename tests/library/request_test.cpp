@@ -96,6 +96,13 @@ TEST_P(RequestTest, MakesTheKitWarnOfACompletionThatIsLateOrOfTheOtherKind) {
         {overtaken, [this] { client.request("getAppContext", 8); }},
         {stopped, [] { restart(); }},
         {stopped, [] { nelvo_deinitialize(); }},
+        {"kept while the library was stopped and started again",
+         [this] {
+             restart();
+             ASSERT_TRUE(client.join());
+             request(callback);
+             complete();
+         }},
     };
     for (const auto &[warning, before] : rows) {
         SCOPED_TRACE(warning);

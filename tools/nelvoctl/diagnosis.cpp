@@ -3,14 +3,15 @@
 
 #include <cstdio>
 #include <fstream>
+#include <utility>
 
 #include <sys/stat.h>
 
 #include <Ecore.h>
 
+#include "link.h"
 #include "processes.h"
 #include "runtime_dir.h"
-#include "session.h"
 
 namespace nelvoctl {
 
@@ -18,7 +19,6 @@ const char *const ALLOW_LIST_FILE = "/usr/share/nelvo/allow_list.dat";
 
 namespace {
 
-constexpr double PROBE_SECONDS = 4;
 constexpr double LIBRARY_SECONDS = 30; // the library has given up itself by then
 
 // Why a running process cannot be connected to.
@@ -50,23 +50,40 @@ Admission admissionOf(const std::string &clientId) {
     return Admission::NOT_LISTED;
 }
 
+void Prober::start(const std::string &appId, double patienceSeconds,
+                   std::function<void(const Probe &)> done) {
+    _done = std::move(done);
+    _proxy.events.connected = [this] {
+        _result.answers = true;
+        finish();
+    };
+    _proxy.events.rejected = [this] { finish(); };
+    _start = ecore_time_get();
+    _result.error = _proxy.connect(appId);
+    if (_result.error != RPC_PORT_ERROR_NONE ||
+        !_timer.start(patienceSeconds, [this] { finish(); }))
+        finish();
+}
+
+void Prober::finish() {
+    _timer.stop();
+    _result.seconds = ecore_time_get() - _start;
+    const Probe result = _result;
+    if (const auto done = std::exchange(_done, nullptr))
+        done(result);
+}
+
 Probe probe(const std::string &appId, double patienceSeconds) {
+    Prober prober;
+    bool isDone = false;
     Probe result;
-    bool ended = false;
-    nelvo::client::MessageProxy proxy;
-    proxy.events.connected = [&] {
-        result.answers = true;
+    prober.start(appId, patienceSeconds, [&](const Probe &now) {
+        result = now;
+        isDone = true;
         ecore_main_loop_quit();
-    };
-    proxy.events.rejected = [&] {
-        ended = true;
-        ecore_main_loop_quit();
-    };
-    const double start = ecore_time_get();
-    result.error = proxy.connect(appId);
-    if (result.error == RPC_PORT_ERROR_NONE)
-        runLoopUntil(patienceSeconds, [&] { return result.answers || ended; });
-    result.seconds = ecore_time_get() - start;
+    });
+    while (!isDone)
+        ecore_main_loop_begin();
     return result;
 }
 
@@ -97,24 +114,25 @@ Failure explainStuck(const std::string &appId, double seconds) {
     return {Cause::MAIN_LOOP_STUCK, message};
 }
 
-Failure explainRefusedCallback(const Target &target, bool withoutReply) {
+Failure explainRefusedCallback(const Target &target) {
     const std::string &app = target.appId;
-    if (withoutReply) {
-        const Probe now = probe(app, PROBE_SECONDS);
-        if (now.error != RPC_PORT_ERROR_NONE)
-            return {Cause::CONNECTION_LOST, "lost the connection to " + app};
-        if (!now.answers)
-            return explainStuck(app, PROBE_SECONDS);
-    } else if (admissionOf(target.clientId) == Admission::NOT_LISTED) {
+    if (admissionOf(target.clientId) == Admission::NOT_LISTED)
         return {Cause::NOT_ADMITTED, app + " does not admit " + target.clientId +
                                          ", which is not in " + ALLOW_LIST_FILE};
-    }
     return {Cause::CALLBACK_REFUSED, app + " refused the response callback of " + target.clientId};
 }
 
-Failure explainSilence(const Target &target) {
+Failure explainNoReply(const Target &target, const Probe &now) {
+    const std::string &app = target.appId;
+    if (now.error != RPC_PORT_ERROR_NONE)
+        return {Cause::CONNECTION_LOST, "lost the connection to " + app};
+    if (!now.answers)
+        return explainStuck(app, now.seconds);
+    return {Cause::CALLBACK_REFUSED, app + " refused the response callback of " + target.clientId};
+}
+
+Failure explainSilence(const Target &target, const Probe &now) {
     const std::string waited = "no answer within " + shown(target.timeoutSeconds);
-    const Probe now = probe(target.appId, PROBE_SECONDS);
     if (now.error != RPC_PORT_ERROR_NONE)
         return {Cause::CONNECTION_LOST, target.appId + " has ended"};
     if (!now.answers)

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "cause.h"
+#include "client/message_proxy.h"
+#include "timer.h"
 
 namespace nelvoctl {
 
@@ -22,13 +25,37 @@ struct Probe {
     int error = 0; // of the attempt to connect; not 0: nobody is there
     double seconds = 0;
 };
+
+// Finds that out without blocking the main loop.
+class Prober {
+public:
+    // Calls done once, possibly before start() returns; done may destroy the prober. A prober that
+    // is destroyed calls nothing any more.
+    void start(const std::string &appId, double patienceSeconds,
+               std::function<void(const Probe &)> done);
+
+private:
+    void finish();
+
+    std::function<void(const Probe &)> _done; // null unless a probe is under way
+    Probe _result;
+    double _start = 0;
+    nelvo::client::MessageProxy _proxy;
+    Timer _timer;
+};
+
+constexpr double PROBE_SECONDS = 4;
+
+// Runs the main loop meanwhile.
 Probe probe(const std::string &appId, double patienceSeconds);
 
-// Each finds out why a step failed, from what the system shows about the application's process.
+// Each finds out why a step failed, from what the system shows about the application's process. The
+// probe must have been made after the step.
 Failure explainUnreachable(const std::string &appId, int error);
 Failure explainStuck(const std::string &appId, double seconds);
-Failure explainRefusedCallback(const Target &target, bool withoutReply);
-Failure explainSilence(const Target &target);
+Failure explainRefusedCallback(const Target &target);
+Failure explainNoReply(const Target &target, const Probe &now); // to the response callback
+Failure explainSilence(const Target &target, const Probe &now);
 
 // Formats a number of seconds for messages.
 std::string shown(double seconds);

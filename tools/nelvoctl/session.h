@@ -5,30 +5,18 @@
 #include <optional>
 #include <string>
 
-#include "cause.h"
-#include "client/message_proxy.h"
+#include "link.h"
 
 namespace nelvoctl {
 
-// Runs the main loop until done() returns true or the time is over; returns done(). Whoever makes
-// done() true calls ecore_main_loop_quit().
-bool runLoopUntil(double seconds, const std::function<bool()> &done);
+// Runs the main loop for that long.
+void runLoopFor(double seconds);
 
-// Which application to ask, as which client, and how long to wait.
-struct Target {
-    std::string appId;
-    std::string clientId = "nelvo.client"; // who the process is; for messages here
-    // For connecting, and again for each answer. Longer than the library waits for the application,
-    // so that the library's time-out failure arrives first.
-    double timeoutSeconds = 35;
-    double waitSeconds = 0; // how long the application may take to come up
-};
-
-// One connection to an application. Call the steps in this order, ask() any number of times. Each
-// step throws Failure with its most likely cause; the session cannot be used afterwards.
+// One connection to an application for commands, which wait for each step: as Link, but each step
+// runs the main loop until it is done, and throws Failure.
 class Session {
 public:
-    explicit Session(const Target &target);
+    explicit Session(const Target &target) : _link(target) {}
 
     void connect();
     void registerCallback();
@@ -36,23 +24,11 @@ public:
                                 const std::optional<std::string> &params = std::nullopt);
 
 private:
-    void reach();
-    void end(Cause cause, const std::string &message);
-    bool hasEnded() const { return _failure.has_value(); }
-
-    const Target _target;
-    nelvo::client::MessageProxy _proxy;
-    bool _connected = false;
-    nelvo::client::Request _request;
-    std::optional<nelvo::client::Response> _response;
-    std::optional<Failure> _failure; // why the connection has ended
+    Link _link;
 };
 
 // Connects, sends one request and returns the answer.
 nelvo::client::Response exchange(const Target &target, const std::string &actionId,
                                  const std::optional<std::string> &params = std::nullopt);
-
-// The failure that a response reports.
-std::optional<Failure> failureOf(const nelvo::client::Response &response, const std::string &appId);
 
 } // namespace nelvoctl

@@ -49,7 +49,7 @@ int runWatch(const Options &options) {
     json before;
     for (int polls = 0; options.count == 0 || polls < options.count; polls++) {
         if (polls > 0)
-            runLoopUntil(options.intervalSeconds, [] { return false; });
+            runLoopFor(options.intervalSeconds);
         const json now = ask(options);
         if (polls > 0 && now == before)
             continue;

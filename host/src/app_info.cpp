@@ -13,6 +13,7 @@
 
 #include <app_common.h>
 #include <dlog.h>
+#include <host/actions.h>
 #include <host/app_id.h>
 #include <host/manifest.h>
 #include <host/sim.h>
@@ -31,6 +32,7 @@ namespace host {
 namespace {
 
 constexpr const char *MANIFEST_NAME = "tizen-manifest.xml";
+constexpr const char *ACTIONS_NAME = "nelvo-actions.json";
 
 using SharedManifest = std::shared_ptr<const Manifest>;
 
@@ -43,6 +45,24 @@ std::string manifestPath() {
     std::string path(executable, length > 0 ? static_cast<std::size_t>(length) : 0);
     path.resize(path.rfind('/') + 1); // without /proc it is empty: the working directory
     return path + MANIFEST_NAME;
+}
+
+const char *ownVariable(const char *name, void *) {
+    return std::getenv(name);
+}
+
+// The value of the variable; empty if it is not set.
+std::string valueOf(const char *name, host_environment lookup, void *data) {
+    const char *const value = (lookup ? lookup : ownVariable)(name, data);
+    return value ? value : "";
+}
+
+std::string actionsPath(const char *program, host_environment lookup, void *data) {
+    if (const std::string named = valueOf("NELVO_HOST_ACTIONS", lookup, data); !named.empty())
+        return named;
+    const std::string manifest = valueOf("NELVO_HOST_MANIFEST", lookup, data);
+    const std::string beside = manifest.empty() ? program : manifest;
+    return beside.substr(0, beside.rfind('/') + 1) + ACTIONS_NAME;
 }
 
 // What this process knows about itself. Never destroyed: applications ask from static destructors.
@@ -217,6 +237,14 @@ int host_manifest_find_app(const char *path, const char *app_id, app_info_h *app
         return host::findApplication(read, app_id, app_info);
     } catch (...) {
         return APP_MANAGER_ERROR_OUT_OF_MEMORY;
+    }
+}
+
+char *host_actions_path(const char *program, host_environment lookup, void *data) {
+    try {
+        return program ? strdup(host::actionsPath(program, lookup, data).c_str()) : nullptr;
+    } catch (...) {
+        return nullptr;
     }
 }
 

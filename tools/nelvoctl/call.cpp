@@ -2,6 +2,7 @@
 // call and state: one request, one answer.
 #include <nlohmann/json.hpp>
 
+#include "catalogue.h"
 #include "commands.h"
 #include "output.h"
 
@@ -48,7 +49,9 @@ int runState(const Options &options) {
 
 int printAnswer(const Options &options, const std::string &request,
                 const nelvo::client::Response &response) {
-    const auto failure = failureOf(response, options.target.appId);
+    auto failure = failureOf(response, options.target.appId);
+    if (failure && failure->cause == Cause::NO_CALLBACK && request != "state")
+        failure->message += suggestion(catalogueOf(options.target.appId), request);
     if (isTerminal() && !options.json) {
         for (const char *key : {"result", "appContext"})
             if (!response.field(key).empty())

@@ -22,6 +22,7 @@ enum class Cause {
     NO_CALLBACK,
     APP_TIMEOUT,
     OUTPUT,
+    CATALOGUE,
     USAGE,
     NOT_STARTED,
     NOBODY_LISTENS,

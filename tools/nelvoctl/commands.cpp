@@ -17,7 +17,8 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&LIST, &CALL, &STATE, &WATCH, &SHELL, &BENCH, &DOCTOR, &TRACE};
+const Command *const COMMANDS[] = {&LIST,  &ACTIONS, &CALL,   &STATE, &WATCH,
+                                   &SHELL, &BENCH,   &DOCTOR, &TRACE};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;
@@ -92,11 +93,14 @@ CLI::Option *addSeconds(CLI::App &arguments, const char *name, double &seconds, 
         ->check(CLI::Validator(checkSeconds, ""));
 }
 
+CLI::Option *addAppId(CLI::App &arguments, std::string &appId) {
+    return arguments.add_option("APP_ID", appId, "The application to drive")
+        ->check(CLI::Validator(checkId, ""));
+}
+
 void addTarget(CLI::App &arguments, Options &options) {
     Target &target = options.target;
-    arguments.add_option("APP_ID", target.appId, "The application to drive")
-        ->required()
-        ->check(CLI::Validator(checkId, ""));
+    addAppId(arguments, target.appId)->required();
     addSeconds(arguments, "--timeout", target.timeoutSeconds, "How long to wait for the answer")
         ->capture_default_str();
     addSeconds(arguments, "--wait", target.waitSeconds,

@@ -32,9 +32,10 @@ struct Command {
     int (*run)(const Options &options);
 };
 
-extern const Command LIST, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE;
+extern const Command LIST, ACTIONS, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE;
 
 // Declare arguments that several commands share.
+CLI::Option *addAppId(CLI::App &arguments, std::string &appId);
 void addTarget(CLI::App &arguments, Options &options);
 void addAction(CLI::App &arguments, Options &options);
 CLI::Option *addSeconds(CLI::App &arguments, const char *name, double &seconds, const char *help);

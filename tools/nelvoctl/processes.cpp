@@ -57,9 +57,13 @@ AppProcess describe(const fs::path &folder, const std::string &environment) {
     const std::string named = lookUp(environment, "NELVO_HOST_MANIFEST");
     const fs::path manifest =
         named.empty() ? program.parent_path() / "tizen-manifest.xml" : cwd / named;
-    const fs::path dir =
-        cwd / runtimeDir([&](const char *name) { return lookUp(environment, name); });
-    return {std::stoi(folder.filename()), program, manifest, dir, stateOf(folder)};
+    const auto look = [&](const char *name) { return lookUp(environment, name); };
+    return {std::stoi(folder.filename()),
+            program,
+            manifest,
+            cwd / actionsPath(program, look),
+            cwd / nelvoctl::runtimeDir(look),
+            stateOf(folder)};
 }
 
 } // namespace

@@ -13,6 +13,7 @@ struct AppProcess {
     pid_t pid = 0;
     std::string program;    // path
     std::string manifest;   // path; the file need not be there
+    std::string actions;    // path of its catalogue of actions; the file need not be there
     std::string runtimeDir; // path
     char state = '?';       // as in /proc/PID/stat
 

@@ -7,10 +7,12 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <host/actions.h>
 #include <host/runtime_dir.h>
 
 namespace nelvoctl {
@@ -19,22 +21,37 @@ namespace {
 
 const std::string SOCKET_ENDING = ":message";
 
+struct Environment {
+    std::function<std::string(const char *)> lookup;
+    std::string value; // of the latest variable that was looked up
+};
+
+const char *lookUpCb(const char *name, void *data) {
+    Environment &environment = *static_cast<Environment *>(data);
+    return (environment.value = environment.lookup(name)).c_str();
+}
+
+// A path that the platform has allocated; empty if memory is short.
+std::string take(char *path) {
+    const std::unique_ptr<char, void (*)(void *)> owned(path, std::free);
+    return path ? path : "";
+}
+
 } // namespace
 
 std::string runtimeDir() {
-    const std::unique_ptr<char, void (*)(void *)> dir(host_runtime_dir(nullptr, nullptr),
-                                                      std::free);
-    return dir ? dir.get() : "";
+    return take(host_runtime_dir(nullptr, nullptr));
 }
 
 std::string runtimeDir(std::function<std::string(const char *)> lookup) {
-    std::string value; // of the latest variable that was looked up
-    auto look = [&](const char *name) { return (value = lookup(name)).c_str(); };
-    const auto call = [](const char *name, void *data) {
-        return (*static_cast<decltype(look) *>(data))(name);
-    };
-    const std::unique_ptr<char, void (*)(void *)> dir(host_runtime_dir(call, &look), std::free);
-    return dir ? dir.get() : "";
+    Environment environment{std::move(lookup), ""};
+    return take(host_runtime_dir(lookUpCb, &environment));
+}
+
+std::string actionsPath(const std::string &program,
+                        std::function<std::string(const char *)> lookup) {
+    Environment environment{std::move(lookup), ""};
+    return take(host_actions_path(program.c_str(), lookUpCb, &environment));
 }
 
 bool isRuntimeDir(const std::string &path) {

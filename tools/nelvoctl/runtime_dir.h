@@ -12,6 +12,11 @@ namespace nelvoctl {
 std::string runtimeDir();
 std::string runtimeDir(std::function<std::string(const char *name)> lookup);
 
+// The catalogue of actions of a process with that program and environment, as the host platform
+// finds it. The file need not exist.
+std::string actionsPath(const std::string &program,
+                        std::function<std::string(const char *name)> lookup);
+
 // Whether the other path leads to our runtime directory.
 bool isRuntimeDir(const std::string &path);
 

@@ -18,7 +18,7 @@ namespace nelvoctl {
 namespace {
 
 const Command *const COMMANDS[] = {&LIST,  &ACTIONS, &CALL,   &STATE, &WATCH,
-                                   &SHELL, &BENCH,   &DOCTOR, &TRACE};
+                                   &SHELL, &BENCH,   &DOCTOR, &TRACE, &MCP};
 
 std::string checkSeconds(const std::string &text) {
     double seconds = 0;
@@ -101,10 +101,19 @@ CLI::Option *addAppId(CLI::App &arguments, std::string &appId) {
 void addTarget(CLI::App &arguments, Options &options) {
     Target &target = options.target;
     addAppId(arguments, target.appId)->required();
-    addSeconds(arguments, "--timeout", target.timeoutSeconds, "How long to wait for the answer")
-        ->capture_default_str();
+    addRequest(arguments, target);
     addSeconds(arguments, "--wait", target.waitSeconds,
                "How long the application may take to start");
+}
+
+void addAppIds(CLI::App &arguments, std::vector<std::string> &appIds) {
+    arguments.add_option("APP_ID", appIds, "The applications to drive; all that run if not given")
+        ->check(CLI::Validator(checkId, ""));
+}
+
+void addRequest(CLI::App &arguments, Target &target) {
+    addSeconds(arguments, "--timeout", target.timeoutSeconds, "How long to wait for the answer")
+        ->capture_default_str();
     arguments.add_option("--as", target.clientId, "The application id to present")
         ->type_name("CLIENT_ID")
         ->capture_default_str();

@@ -21,6 +21,9 @@ struct Options {
     double intervalSeconds = 1;
     std::string file;                 // to read or to write, by the command
     std::vector<std::string> program; // and its arguments
+    std::vector<std::string> appIds;
+    std::vector<std::string> catalogues; // FILE or APP_ID=FILE
+    bool isReadOnly = false;
 };
 
 struct Command {
@@ -32,11 +35,13 @@ struct Command {
     int (*run)(const Options &options);
 };
 
-extern const Command LIST, ACTIONS, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE;
+extern const Command LIST, ACTIONS, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE, MCP;
 
 // Declare arguments that several commands share.
 CLI::Option *addAppId(CLI::App &arguments, std::string &appId);
 void addTarget(CLI::App &arguments, Options &options);
+void addAppIds(CLI::App &arguments, std::vector<std::string> &appIds);
+void addRequest(CLI::App &arguments, Target &target); // how to make it, not to whom
 void addAction(CLI::App &arguments, Options &options);
 CLI::Option *addSeconds(CLI::App &arguments, const char *name, double &seconds, const char *help);
 

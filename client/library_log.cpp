@@ -20,6 +20,8 @@ constexpr struct {
     {"isPermittedSender", "", " is not permitted app id", LogEvent::REFUSED},
     {"executeRequest", "App State request recieved", "", LogEvent::STATE_REQUEST},
     {"executeRequest", "Action Execution request recieved", "", LogEvent::ACTION_REQUEST},
+    {"", "'", "' Action Execution cb has been set", LogEvent::CALLBACK_SET},
+    {"", "'", "' Action Execution cb has been unset", LogEvent::CALLBACK_UNSET},
     {"", "Found execute action Id: ", "  Callback: ", LogEvent::CALLBACK_FOUND},
     {"", "There is no app state request callback.", "", LogEvent::NO_STATE_CALLBACK},
     {"", "There is no matching action execution callback.", "", LogEvent::NO_ACTION_CALLBACK},

@@ -16,6 +16,8 @@ enum class LogEvent {
     REFUSED,        // detail: a client that is not on the allow list
     STATE_REQUEST,  // overtakes the pending request
     ACTION_REQUEST, // overtakes the pending request
+    CALLBACK_SET,   // for an action; detail: its id
+    CALLBACK_UNSET, // for an action; detail: its id
     CALLBACK_FOUND, // detail: the action id
     NO_STATE_CALLBACK,
     NO_ACTION_CALLBACK,

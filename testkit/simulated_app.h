@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <set>
 #include <string>
 
 namespace nelvo::testkit {
@@ -12,5 +13,7 @@ std::string simulatedAppId();
 bool isAllowList(const char *path);
 // Returns a new descriptor each time, since readers move its position; -1 if there is no allow list.
 int openAllowList();
+// The actions for which that application has registered a callback.
+const std::set<std::string> &registeredActions();
 
 } // namespace nelvo::testkit

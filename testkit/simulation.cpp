@@ -19,6 +19,7 @@
 #include "completion_watch.h"
 #include "fault_scope.h"
 #include "platform_faults.h"
+#include "registrations.h"
 #include "simulated_app.h"
 #include "testkit_export.h"
 
@@ -36,6 +37,7 @@ struct Device {
     std::optional<std::string> allowList;
     std::vector<LogLine> log;
     CompletionWatch completions;
+    Registrations registrations;
 };
 
 Device device;
@@ -57,6 +59,7 @@ void keepLine(log_priority priority, const char *tag, const char *text, void *) 
     if (line.tag == LIBRARY) {
         takeApart(line, "(): ", ' ');
         device.completions.heed(line);
+        device.registrations.heed(line);
     } else if (line.tag == "RPC_PORT_STUB") {
         takeApart(line, ") > ", ' ');
     }
@@ -97,11 +100,15 @@ int openAllowList() {
     return -1;
 }
 
+const std::set<std::string> &registeredActions() {
+    return device.registrations.actionIds();
+}
+
 Simulation::Simulation(const std::string &appId) {
     if (!standsBeforePlatform())
         throw std::logic_error("the test kit has no hold of the platform: link nelvo-testkit "
                                "before nelvo-host, and preload neither");
-    device = {appId, std::nullopt, {}, {}};
+    device = {appId, std::nullopt, {}, {}, {}};
     host_sim_start();
     host_log_set_sink(keepLine, nullptr);
     host_sim_on_misuse(abortWith);

@@ -66,6 +66,24 @@ TEST_F(PlayerTest, AnswersEachActionWithWhatBecameOfIt) {
     EXPECT_EQ(device.takeWarnings(), std::vector<std::string>());
 }
 
+TEST_F(PlayerTest, DeclaresWhatItRegisters) {
+    using nelvo::testkit::compareCatalogue;
+    const std::vector<std::string> none, shuffle{"declared, not registered: shuffle"};
+    EXPECT_EQ(compareCatalogue(CATALOGUE), shuffle);
+    ask("load_playlist");
+    device.advance(0.08);
+    EXPECT_EQ(compareCatalogue(CATALOGUE), none);
+    nelvo_set_action_execution_cb("shuffle", nullptr, nullptr);
+    EXPECT_EQ(compareCatalogue(CATALOGUE), shuffle);
+    ask("load_playlist");
+    device.advance(0.08);
+    nelvo_set_action_execution_cb(
+        "dance", [](void *, bundle *, void *) {}, nullptr);
+    EXPECT_EQ(compareCatalogue(CATALOGUE),
+              std::vector<std::string>{"registered, not declared: dance"});
+    EXPECT_THROW(compareCatalogue("absent.json"), std::runtime_error);
+}
+
 TEST_F(PlayerTest, ShufflesTheLatestPlaylistOnly) {
     ask("load_playlist");
     device.advance(0.05);

@@ -295,6 +295,18 @@ NELVO_TESTKIT_API void failPlatformCall(const std::string &function, int error =
  */
 NELVO_TESTKIT_API int stopFailing();
 
+/**
+ * Compares the actions that the application declares with those that it has registered by now.
+ *
+ * @param file  its catalogue, nelvo-actions.json
+ *
+ * @return the differences, one a line: "declared, not registered: play" and then "registered, not
+ *         declared: seek"; empty when there are none
+ *
+ * @throws std::runtime_error  the file can't be read or is no catalogue
+ */
+NELVO_TESTKIT_API std::vector<std::string> compareCatalogue(const std::string &file);
+
 } // namespace nelvo::testkit
 
 #endif

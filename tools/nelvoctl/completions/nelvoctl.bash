@@ -1,22 +1,27 @@
 # SPDX-License-Identifier: Apache-2.0
-# Completion for bash: commands, options, and the ids of the applications that listen now.
+# Completion for bash: commands, options, the ids of the applications that listen now, and of their actions.
 
 _nelvoctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local word command='' arguments=0 skip='' choices=
+    local word command='' app='' arguments=0 skip='' choices=
     COMPREPLY=()
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if [[ $skip ]]; then
             skip=
-        elif [[ $word == --@(timeout|wait|as|interval|count|chrome|manifest) || $word == -n ]]; then
+        elif [[ $word == --@(timeout|wait|as|interval|count|chrome|manifest|check|catalogue) || $word == -n ]]; then
             skip=yes
         elif [[ $word != -* ]]; then
-            if [[ $command ]]; then arguments=$((arguments + 1)); else command=$word; fi
+            if [[ ! $command ]]; then
+                command=$word
+            else
+                arguments=$((arguments + 1))
+                app=${app:-$word}
+            fi
         fi
     done
 
     if [[ $skip ]]; then
-        [[ $previous != --@(chrome|manifest) ]] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        [[ $previous != --@(chrome|manifest|check|catalogue) ]] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
     elif [[ $current == -* ]]; then
         choices='--json --help'
@@ -27,14 +32,18 @@ _nelvoctl() {
         bench) choices+=' --timeout --wait --as --count' ;;
         doctor) choices+=' --timeout --wait --as --manifest' ;;
         trace) choices+=' --chrome' ;;
+        actions) choices+=' --check' ;;
+        mcp) choices+=' --timeout --as --interval --catalogue --read-only' ;;
         esac
     elif [[ ! $command ]]; then
-        choices='list call state watch shell bench doctor trace'
+        choices='list actions call state watch shell bench doctor trace mcp'
     elif [[ $command == trace ]]; then
         mapfile -t COMPREPLY < <(compgen -c -f -- "$current")
         return
-    elif [[ $command != list && $arguments == 0 ]]; then
+    elif [[ $command == mcp || ($command != list && $arguments == 0) ]]; then
         choices=$("${COMP_WORDS[0]}" list --timeout 0.2 2>/dev/null | awk '{ print $1 }')
+    elif [[ $command == @(call|bench) && $arguments == 1 ]]; then
+        choices=$("${COMP_WORDS[0]}" actions "$app" 2>/dev/null | awk '{ print $1 }')
     fi
     mapfile -t COMPREPLY < <(compgen -W "$choices" -- "$current")
 }

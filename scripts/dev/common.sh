@@ -20,6 +20,7 @@ why() {
     libexpat1-dev) echo "the host platform reads application manifests with it" ;;
     libcli11-dev) echo "nelvoctl reads its arguments with it" ;;
     libedit-dev) echo "nelvoctl's prompt edits lines with it" ;;
+    libvalijson-dev) echo "nelvoctl checks what assistants send with it" ;;
     nlohmann-json3-dev) echo "nelvoctl and the example player write JSON with it" ;;
     libgtest-dev | libgmock-dev) echo "the tests are written with it" ;;
     gcovr) echo "reports which lines and branches the tests reach" ;;
@@ -126,4 +127,4 @@ build() {
 }
 
 # shellcheck disable=SC2034 # used by the commands
-BUILD_PACKAGES=(cmake ninja-build libexpat1-dev libcli11-dev libedit-dev nlohmann-json3-dev)
+BUILD_PACKAGES=(cmake ninja-build libexpat1-dev libcli11-dev libedit-dev libvalijson-dev nlohmann-json3-dev)

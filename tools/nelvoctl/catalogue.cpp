@@ -12,6 +12,7 @@
 
 #include "cause.h"
 #include "client/envelope.h"
+#include "json_rpc.h"
 #include "processes.h"
 
 namespace nelvoctl {
@@ -21,7 +22,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::uintmax_t LARGEST_CATALOGUE = 1024 * 1024;
-constexpr int DEEPEST_JSON = 100;
 
 using Type = json::value_t;
 
@@ -149,15 +149,6 @@ const Action *Catalogue::find(const std::string &id) const {
     const auto found = std::find_if(actions.begin(), actions.end(),
                                     [&](const Action &action) { return action.id == id; });
     return found == actions.end() ? nullptr : &*found;
-}
-
-json parseJson(std::string_view text) {
-    const auto limit = [](int depth, json::parse_event_t, const json &) {
-        if (depth > DEEPEST_JSON)
-            throw json::other_error::create(599, "nested too deeply", nullptr);
-        return true;
-    };
-    return json::parse(text, limit);
 }
 
 Catalogue parseCatalogue(const std::string &text) {

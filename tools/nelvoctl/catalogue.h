@@ -52,8 +52,4 @@ std::string describe(const std::string &file, const Problem &problem);
 // The declared action ids that are spelled similarly, as "; did you mean \"seek\"?"; else "".
 std::string suggestion(const Catalogue &catalogue, const std::string &actionId);
 
-// Parses a text whose values are nested to a depth that is safe for recursion. Throws
-// nlohmann::json::exception.
-nlohmann::json parseJson(std::string_view text);
-
 } // namespace nelvoctl

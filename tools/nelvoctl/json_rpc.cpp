@@ -3,13 +3,13 @@
 
 #include <utility>
 
-#include "catalogue.h"
-
 namespace nelvoctl {
 
 namespace {
 
 using nlohmann::json;
+
+constexpr int DEEPEST_JSON = 100;
 
 bool isId(const json &id) {
     return id.is_string() || id.is_number_integer();
@@ -38,6 +38,15 @@ void LineReader::end(const Take &take) {
         line.pop_back();
     if (!line.empty())
         take(&line);
+}
+
+json parseJson(std::string_view text) {
+    const auto limit = [](int depth, json::parse_event_t, const json &) {
+        if (depth > DEEPEST_JSON)
+            throw json::other_error::create(599, "nested too deeply", nullptr);
+        return true;
+    };
+    return json::parse(text, limit);
 }
 
 json readLine(const std::string *line) {

@@ -58,6 +58,10 @@ private:
     bool _isTooLong = false; // the rest of the line is skipped
 };
 
+// Parses a text whose values are nested to a depth that is safe for recursion. Throws
+// nlohmann::json::exception.
+nlohmann::json parseJson(std::string_view text);
+
 // The JSON of one line. Throws RpcError.
 nlohmann::json readLine(const std::string *line);
 

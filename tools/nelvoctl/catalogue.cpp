@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <set>
 
 #include "cause.h"
@@ -23,102 +22,50 @@ using nlohmann::json;
 
 constexpr std::uintmax_t LARGEST_CATALOGUE = 1024 * 1024;
 
-using Type = json::value_t;
-
-struct Field {
-    Type type;
-    bool isRequired = false;
-};
-using Fields = std::map<std::string, Field>;
-
-// Of a tool in the Model Context Protocol.
-const Fields TOOL_FIELDS = {
-    {"name", {Type::string, true}},   {"title", {Type::string}},
-    {"description", {Type::string}},  {"inputSchema", {Type::object, true}},
-    {"outputSchema", {Type::object}}, {"annotations", {Type::object}},
-    {"icons", {Type::array}},         {"execution", {Type::object}},
-    {"_meta", {Type::object}},
-};
-const Fields ANNOTATION_FIELDS = {
-    {"title", {Type::string}},
-    {"readOnlyHint", {Type::boolean}},
-    {"destructiveHint", {Type::boolean}},
-    {"idempotentHint", {Type::boolean}},
-    {"openWorldHint", {Type::boolean}},
-};
-const Fields STATE_FIELDS = {
-    {"title", {Type::string}}, {"description", {Type::string}}, {"schema", {Type::object}}};
-// "state" is ours; the others come with what a server answers to tools/list, and mean nothing here.
-const Fields CATALOGUE_FIELDS = {
-    {"tools", {Type::array, true}},     {"state", {Type::object}},
-    {"$comment", {Type::string}},       {"_meta", {Type::object}},
-    {"nextCursor", {Type::string}},     {"resultType", {Type::string}},
-    {"ttlMs", {Type::number_unsigned}}, {"cacheScope", {Type::string}},
-};
-
-// Returns whether all that is there has the right type.
-bool checkFields(const Fields &fields, const json &object, const std::string &pointer,
+// Appends what is wrong in the schemas of a catalogue that fits its own schema.
+void checkSchema(const json &owner, const char *name, const std::string &pointer,
                  std::vector<Problem> &problems) {
-    const std::size_t before = problems.size();
-    if (!object.is_object()) {
-        problems.push_back({pointer, "must be an object"});
-        return false;
-    }
-    for (const auto &[name, field] : fields) {
-        if (object.contains(name) && object[name].type() != field.type)
-            problems.push_back({pointer + "/" + name, std::string("must be of the type ") +
-                                                          json(field.type).type_name()});
-        else if (!object.contains(name) && field.isRequired)
-            problems.push_back({pointer, "has no \"" + name + "\"; add it"});
-    }
-    for (const auto &[name, value] : object.items())
-        if (fields.count(name) == 0)
-            problems.push_back({(json::json_pointer(pointer) / name).to_string(),
-                                "is not known here; check its spelling, or leave it out"});
-    return problems.size() == before;
-}
-
-// Schemas of arguments and of structured answers describe objects.
-Schema checkObjectSchema(const json &schema, const std::string &pointer,
-                         std::vector<Problem> &problems) {
-    if (schema.value("type", json()) != "object")
-        problems.push_back({pointer, "must have \"type\": \"object\""});
-    return Schema(schema, pointer, problems);
-}
-
-void readTool(const json &tool, const std::string &pointer, Catalogue &catalogue) {
-    std::vector<Problem> &problems = catalogue.problems;
-    if (!checkFields(TOOL_FIELDS, tool, pointer, problems))
+    if (!owner.contains(name))
         return;
-    const std::string id = tool["name"];
-    if (id.empty() || id == nelvo::client::STATE_ACTION_ID)
-        problems.push_back({pointer + "/name", "cannot be the id of an action; choose another"});
-    if (catalogue.find(id))
-        problems.push_back({pointer + "/name", "\"" + id + "\" is declared twice; remove one"});
-    if (tool.contains("annotations"))
-        checkFields(ANNOTATION_FIELDS, tool["annotations"], pointer + "/annotations", problems);
-    const json &input = tool["inputSchema"];
-    Action action{id, tool, checkObjectSchema(input, pointer + "/inputSchema", problems), {}};
+    const std::string place = pointer + "/" + name;
+    const auto found = findReferenceProblems(owner[name], place);
+    problems.insert(problems.end(), found.begin(), found.end());
+    if (!found.empty())
+        return; // or the validator would follow the references
+    try {
+        const Schema compiled(owner[name]);
+    } catch (const std::exception &e) {
+        problems.push_back({place, std::string("is no schema: ") + e.what()});
+    }
+}
+
+std::vector<Problem> findProblems(const json &document) {
+    static const Schema schema(json::parse(CATALOGUE_SCHEMA));
+    std::vector<Problem> problems = schema.violations(document);
+    if (!problems.empty())
+        return problems;
+    std::set<std::string> ids;
+    for (std::size_t i = 0; i < document["tools"].size(); ++i) {
+        const json &tool = document["tools"][i];
+        const std::string pointer = "/tools/" + std::to_string(i);
+        checkSchema(tool, "inputSchema", pointer, problems);
+        checkSchema(tool, "outputSchema", pointer, problems);
+        if (!ids.insert(tool["name"]).second)
+            problems.push_back({pointer + "/name", "is declared twice: " + tool["name"].dump()});
+    }
+    checkSchema(document.value("state", json::object()), "schema", "/state", problems);
+    return problems;
+}
+
+Action readTool(const json &tool) {
+    const json properties = tool["inputSchema"].value("properties", json::object());
+    Action action{tool["name"], tool, Schema(tool["inputSchema"]), {}};
     if (tool.contains("outputSchema"))
-        action.output =
-            checkObjectSchema(tool["outputSchema"], pointer + "/outputSchema", problems);
-    const json properties = input.value("properties", json::object());
+        action.output = Schema(tool["outputSchema"]);
     action.takesText = properties.size() == 1 && properties.contains("actionParams") &&
                        properties["actionParams"].is_object() &&
                        properties["actionParams"].value("type", json()) == "string";
-    catalogue.actions.push_back(std::move(action));
-}
-
-void readDocument(Catalogue &catalogue) {
-    const json &document = catalogue.document;
-    if (!checkFields(CATALOGUE_FIELDS, document, "", catalogue.problems))
-        return;
-    for (std::size_t i = 0; i < document["tools"].size(); ++i)
-        readTool(document["tools"][i], "/tools/" + std::to_string(i), catalogue);
-    if (document.contains("state") &&
-        checkFields(STATE_FIELDS, document["state"], "/state", catalogue.problems) &&
-        document["state"].contains("schema"))
-        Schema(document["state"]["schema"], "/state/schema", catalogue.problems);
+    return action;
 }
 
 // How many letters must be added, removed or replaced to make one word of the other.
@@ -154,15 +101,16 @@ const Action *Catalogue::find(const std::string &id) const {
 Catalogue parseCatalogue(const std::string &text) {
     Catalogue catalogue;
     try {
-        catalogue.document = parseJson(text);
-        readDocument(catalogue);
+        const json document = parseJson(text);
+        catalogue.problems = findProblems(document);
+        if (!catalogue.problems.empty())
+            return catalogue;
+        catalogue.document = document;
+        for (const json &tool : document["tools"])
+            catalogue.actions.push_back(readTool(tool));
     } catch (const json::exception &e) {
         const std::string what = e.what(); // "[json.exception....] parse error at line ..."
         catalogue.problems.push_back({"", "is not JSON: " + what.substr(what.find("] ") + 2)});
-    }
-    if (!catalogue.problems.empty()) {
-        catalogue.actions.clear();
-        catalogue.document = json::object();
     }
     return catalogue;
 }

@@ -120,7 +120,6 @@ void McpTools::addAlways(const char *name, const char *title, const char *descri
                          {"properties", std::move(properties)},
                          {"required", std::move(required)},
                          {"additionalProperties", false}};
-    std::vector<Problem> none;
     _tools.push_back({{{"name", name},
                        {"title", title},
                        {"description", description},
@@ -128,7 +127,7 @@ void McpTools::addAlways(const char *name, const char *title, const char *descri
                        {"annotations", {{"readOnlyHint", isReadOnly}}}},
                       "",
                       name,
-                      Schema(schema, "", none)});
+                      Schema(schema)});
 }
 
 void McpTools::addActions(const Application &application) {

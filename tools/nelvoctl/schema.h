@@ -9,29 +9,36 @@
 
 namespace nelvoctl {
 
-// Something wrong in a JSON document, and what to do about it.
+// Something wrong in a JSON document.
 struct Problem {
     std::string pointer; // JSON pointer to the place; empty: the document itself
-    std::string text;
+    std::string text;    // what is wrong, and what is expected
 };
 
-// A JSON Schema of the dialects 2020-12 and draft-07. Copies share the compiled schema.
+// A JSON Schema. Copies share the compiled schema.
 //
-// The validator passes over every keyword that it does not know. So a schema is accepted only if it
-// consists of keywords that the validator checks and of annotations; schemas that would send the
-// validator round in circles are refused as well.
+// The validator passes over keywords that it does not know, and follows references without end. So
+// the schema must consist of the keywords that CATALOGUE_SCHEMA lists, and of references that
+// findReferenceProblems() accepts.
 class Schema {
 public:
-    // Appends to problems, whose pointers begin with the given one; the schema must not be used if
-    // there are any.
-    Schema(nlohmann::json document, const std::string &pointer, std::vector<Problem> &problems);
+    // Throws std::exception if the validator refuses the schema.
+    explicit Schema(nlohmann::json document);
 
-    // Where the value violates the schema, and what was expected there; empty if the value fits.
+    // Where the value violates the schema; empty if the value fits.
     std::vector<Problem> violations(const nlohmann::json &value) const;
 
 private:
     struct Compiled;
-    std::shared_ptr<const Compiled> _compiled; // null if there were problems
+    std::shared_ptr<const Compiled> _compiled;
 };
+
+// The schema of a catalogue of actions, and in it that of the schemas that may stand there.
+extern const char *const CATALOGUE_SCHEMA;
+
+// What no schema can tell of a schema: references that lead nowhere or in circles, and patterns that
+// are no regular expressions. The pointers begin with the given one.
+std::vector<Problem> findReferenceProblems(const nlohmann::json &schema,
+                                           const std::string &pointer);
 
 } // namespace nelvoctl

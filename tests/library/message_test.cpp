@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
+
 #include "allocation_faults.h"
 #include "client_wire.h"
 #include "message_service.h"
@@ -117,6 +119,30 @@ TEST_F(ResponseCallbackTest, SendsTheFieldsThatTheClientRegistered) {
     }
 }
 
+TEST_F(ResponseCallbackTest, IsUsedUpOnlyByAnAnswerAndNotMissedWhenTheClientHasGone) {
+    ASSERT_EQ(callback.registerAction("play"), NELVO_ERROR_NONE);
+    testkit::sendParcel(client, [](rpc_port_parcel_h parcel) {
+        for (const int number : {2, 1, 7})
+            rpc_port_parcel_write_int32(parcel, number);
+        rpc_port_parcel_write_bool(parcel, true); // for one answer
+    });
+    const auto complete = [&] { return nelvo_complete_action_execution(callback.last(), "done"); };
+    client.request("play");
+    testkit::failPlatformCall("rpc_port_parcel_write_bundle", RPC_PORT_ERROR_OUT_OF_MEMORY);
+    EXPECT_EQ(complete(), NELVO_ERROR_OPERATION_FAILED);
+    testkit::stopFailing();
+    for (const int wanted : {NELVO_ERROR_NONE, NELVO_ERROR_OPERATION_FAILED}) {
+        client.request("play");
+        EXPECT_EQ(complete(), wanted);
+    }
+    EXPECT_THAT(device.logTexts(DLOG_ERROR).back(), testing::EndsWith("InvalidCallbackException"));
+    client.request("play");
+    client.disconnect();
+    EXPECT_EQ(complete(), NELVO_ERROR_OPERATION_FAILED);
+    EXPECT_THAT(device.logTexts(DLOG_ERROR).back(),
+                testing::EndsWith("NotConnectedSocketException"));
+}
+
 TEST_F(ResponseCallbackTest, RefusesAnAnswerThatIsTooLargeToSend) {
     ASSERT_EQ(callback.registerAction("play"), NELVO_ERROR_NONE);
     for (const std::size_t size : {std::size_t{17} << 20, std::size_t{15} << 20}) {
@@ -130,7 +156,8 @@ TEST_F(ResponseCallbackTest, RefusesAnAnswerThatIsTooLargeToSend) {
     }
 }
 
-// What is opened next in place of the allow list, and where reading begins.
+// What is opened next in place of the allow list, and where reading begins; -1: nothing can be read, since
+// the descriptor is closed.
 const char *standIn = nullptr;
 off_t standInPosition = 0;
 
@@ -174,10 +201,16 @@ TEST_F(AllowListTest, HasNoLinesIfItIsAPipeAndDoesNotWaitForAWriter) {
     expectNobody("pipe");
     close(writer);
     unlink("pipe");
+    standIn = "/proc/self/status";
+    standInPosition = -1;
+    ASSERT_TRUE(client.connect());
+    EXPECT_EQ(client.setCb(), 0) << "as without a list";
 }
 
 TEST_F(AllowListTest, IsNotKeptInPartWithoutMemory) {
-    device.setAllowList("first.client\n" + std::string(300, 'x') + "\ndemo.client\n");
+    const std::string longest(127, 'x'); // that a client may have
+    device.setAllowList("first.client\n" + longest + "\ndemo.client\n");
+    EXPECT_TRUE(Client(longest).join());
     for (int nth = 1, failed = 1; failed > 0; ++nth) {
         ASSERT_TRUE(client.connect());
         testkit::failAllocation(nth);
@@ -210,7 +243,8 @@ extern "C" __attribute__((visibility("default"))) int open(const char *path, int
     static const auto next = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "open"));
     if (nelvo::standIn && std::strstr(path, "allow_list")) {
         const int fd = next(std::exchange(nelvo::standIn, nullptr), flags);
-        lseek(fd, std::exchange(nelvo::standInPosition, 0), SEEK_SET);
+        if (lseek(fd, std::exchange(nelvo::standInPosition, 0), SEEK_SET) < 0 && errno == EINVAL)
+            close(fd);
         return fd;
     }
     std::va_list values;

@@ -16,6 +16,8 @@ LOG_SAMPLE = 3  # every how many log statements are broken, each in one way
 COMPARISONS = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">"}
 OPERATORS = {"&&": "||", "||": "&&", "+": "-", "-": "+", "*": "/", "/": "*", "%": "*"}
 LEVELS = {"NELVO_LOGD": "NELVO_LOGE", "NELVO_LOGI": "NELVO_LOGD", "NELVO_LOGE": "NELVO_LOGD"}
+# A call on one element, and what does the same to all, or to any.
+ALL = {"erase": "clear()", "count": "size()", "find": "begin()"}
 WORDS = {
     "true": "false",
     "false": "true",
@@ -99,6 +101,7 @@ class File:
         self.break_conditions()
         self.break_operators()
         self.break_statements()
+        self.exchange_statements()
         self.break_literals()
         self.mutants = sorted(set(self.mutants), key=lambda m: (m.start, m.end, m.text))
 
@@ -146,6 +149,29 @@ class File:
             self.add(match.start(), match.end(), {**COMPARISONS, **OPERATORS}[sign])
         for match in re.finditer(r"\b(%s)\b" % "|".join(WORDS), self.code):
             self.add(match.start(), match.end(), WORDS[match.group()])
+
+        for match in re.finditer(r"(?:\.|->)(%s)\(" % "|".join(ALL), self.code):
+            end = closing(self.code, match.end() - 1) + 1
+            self.add(match.start(1), end, ALL[match.group(1)])
+
+    def exchange_statements(self):
+        """Neighbours whose order the compiler does not enforce: statements that do something, and checks that
+        end a function."""
+        assignment_or_call = re.compile(r"[\w:.*>\[\]()-]+ [-+*/|]?= |[\w:.*>\[\]-]+(?:\([^()]*\)->\w+)*\(")
+        steps = [(start, end + 1) for start, end in statements(self.code)
+                 if assignment_or_call.match(self.code, start)
+                 and not self.code.startswith(("return", "throw"), start)]
+        checks = []
+        for match in re.finditer(r"\bif \(", self.code):
+            way_out = re.compile(r"\s*(?:return|throw)\b[^;{}]*;").match(
+                self.code, closing(self.code, match.end() - 1) + 1)
+            if way_out:
+                checks.append((match.start(), way_out.end()))
+        for found in (steps, checks):
+            for (start, middle), (begin, end) in zip(found, found[1:]):
+                between = self.text[middle:begin]
+                if not self.code[middle:begin].strip():
+                    self.add(start, end, self.text[begin:end] + between + self.text[start:middle])
 
     def break_statements(self):
         classes = re.findall(r"\bclass (\w+)", self.code)

@@ -89,7 +89,8 @@ void *operator<<(void *parcel, const message::CallbackBase &callback) {
 
 void *operator>>(void *parcel, message::CallbackBase &callback) {
     // A field that cannot be read, or is not stored, stays as it is.
-    int id = callback._id, seqId = callback._seqId;
+    int id = callback._id;
+    int seqId = callback._seqId;
     bool once = callback._once;
     if (rpc_port_parcel_read_int32(parcel, &id) == RPC_PORT_ERROR_NONE)
         callback._id = id;

@@ -31,10 +31,11 @@ std::vector<std::string> playHere(const Point &point, const std::vector<std::str
     Simulation device;
     Play play(device, point.check);
     const std::size_t bar = std::min(point.script.find('|'), point.script.size());
-    play.play(point.script.substr(0, bar));
-    point.arm();
-    if (bar < point.script.size())
-        play.play(point.script.substr(bar + 1));
+    const std::string before = point.script.substr(0, bar);
+    const std::string behind = point.script.substr(std::min(bar + 1, point.script.size()));
+    play.play(before);
+    point.arm(); // from here on only what plays may allocate
+    play.play(behind);
     reached = point.disarm();
 
     // A singleton that there was no memory for is missing for good.

@@ -14,6 +14,7 @@ why() {
     case $1 in
     cmake | ninja-build) echo "builds the project" ;;
     g++ | g++-* | clang) echo "the compiler" ;;
+    debootstrap) echo "makes bare installations" ;;
     qemu-user-static) echo "runs programs for another architecture" ;;
     binfmt-support) echo "hands programs for another architecture to qemu" ;;
     libstdc++6) echo "what the compiler builds runs with it" ;;
@@ -36,6 +37,7 @@ why() {
     doxygen) echo "describes the public headers" ;;
     clang-format) echo "formats the sources" ;;
     rpm | rpmlint | cpio) echo "builds and checks the RPMs" ;;
+    file) echo "tells programs from texts" ;;
     dpkg-dev) echo "finds what the Debian packages depend on" ;;
     abigail-tools) echo "compares binary interfaces" ;;
     clang-tidy | cppcheck | shellcheck) echo "looks for mistakes" ;;
@@ -64,7 +66,7 @@ need() {
     done
     ((${#missing[@]})) || return 0
 
-    if ((EUID != 0)) && ! command -v sudo >/dev/null; then
+    if ((EUID != 0)); then
         echo "sudo apt-get install --no-install-recommends ${missing[*]}" >&2
         exit 1
     fi
@@ -76,11 +78,9 @@ need() {
 }
 
 install_packages() {
-    local root=()
-    ((EUID == 0)) || root=(sudo)
     # An index that can't be had need not be one that is wanted.
-    (quietly packages "${root[@]}" apt-get update) || echo "dev: going on with the lists there are" >&2
-    quietly packages "${root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    (quietly packages apt-get update) || echo "dev: going on with the lists there are" >&2
+    quietly packages env DEBIAN_FRONTEND=noninteractive \
         apt-get install --yes --no-install-recommends "$@"
 }
 

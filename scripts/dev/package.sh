@@ -8,7 +8,7 @@
 source scripts/dev/common.sh
 
 [[ $# == 0 || $* == --twice ]] || die "package does not take \"$*\"; see ./dev help" 2
-need g++ "${BUILD_PACKAGES[@]}" pkgconf libgtest-dev rpm rpmlint cpio dpkg-dev git
+need g++ "${BUILD_PACKAGES[@]}" pkgconf libgtest-dev rpm rpmlint cpio file dpkg-dev git
 rm -rf build/packages build/again
 quietly package packaging/build.sh . build/packages
 packaging/check.sh build/packages build/packages-check

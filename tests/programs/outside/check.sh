@@ -37,7 +37,7 @@ c++ -std=c++17 -Wall -o "$work/guide_test" "$work/guide_test.cpp" "${testkit[@]}
 "$work/guide_test"
 
 # C++ with CMake.
-cmake -S "$here" -B "$work/player" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -G Ninja -S "$here" -B "$work/player" -DCMAKE_PREFIX_PATH="$prefix" \
     -DPLAYER="$(cd "$examples/player" && pwd)" >"$work/cmake.log" || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/player" >"$work/build.log" || { cat "$work/build.log"; exit 1; }
 stands_alone "$work/player/player-nelvo_static"

@@ -19,7 +19,10 @@ constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_PATH = "/usr/share/nelvo/";
 constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME = "allow_list.dat";
 
 using Lines = std::unordered_set<std::string>;
-using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
+
+struct FileCloser {
+    void operator()(std::FILE *file) const { std::fclose(file); }
+};
 
 // All lines of the file, or those before the first read error. Read by the C library, not by
 // std::ifstream, whose locales alone take more memory than the rest of this library.
@@ -46,7 +49,7 @@ std::optional<Lines> readLinesOf(const char *path) {
         return std::nullopt;
     struct stat status {}; // of no kind if fstat() fails
     fstat(fd, &status);
-    const File file(fdopen(fd, "r"), &std::fclose);
+    const std::unique_ptr<std::FILE, FileCloser> file(fdopen(fd, "r"));
     if (!file) {
         close(fd);
         return std::nullopt;

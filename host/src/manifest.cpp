@@ -21,6 +21,12 @@ namespace {
 
 constexpr std::size_t LARGEST_MANIFEST = 1024 * 1024;
 
+#if XML_MAJOR_VERSION > 2 || XML_MINOR_VERSION >= 9
+constexpr auto lineOf = XML_GetCurrentLineNumber64, columnOf = XML_GetCurrentColumnNumber64;
+#else
+constexpr auto lineOf = XML_GetCurrentLineNumber, columnOf = XML_GetCurrentColumnNumber;
+#endif
+
 // Parses one manifest.
 class ManifestParser {
 public:
@@ -49,8 +55,8 @@ public:
 
 private:
     std::string here() const {
-        return ", line " + std::to_string(XML_GetCurrentLineNumber(_parser.get())) + ", column " +
-               std::to_string(XML_GetCurrentColumnNumber(_parser.get()) + 1) + ": ";
+        return ", line " + std::to_string(lineOf(_parser.get())) + ", column " +
+               std::to_string(columnOf(_parser.get()) + 1) + ": ";
     }
 
     void stop(const std::string &fault) {

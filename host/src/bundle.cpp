@@ -77,7 +77,7 @@ const keyval_t *_bundle_t::find(std::string_view key) const {
 }
 
 void _bundle_t::append(std::string_view key, void *value, std::size_t size, int type,
-                       host::Memory memory) {
+                       host::Memory &&memory) {
     _entries.emplace_back(key, value, size, type, std::move(memory));
     if (_index || _entries.size() > host::LARGEST_WITHOUT_INDEX)
         indexNewEntry();
@@ -103,7 +103,8 @@ char *_bundle_t::makeEntry(int type, std::string_view key, std::size_t valueSize
                            std::size_t size) {
     host::Memory memory(valueSize + key.size() + 1);
     char *const value = memory.bytes(), *const name = value + valueSize;
-    name[key.copy(name, key.size())] = '\0';
+    std::memcpy(name, key.data(), key.size());
+    name[key.size()] = '\0';
     append({name, key.size()}, value, size, type, std::move(memory));
     return value;
 }

@@ -17,7 +17,7 @@
 
 // One entry. Copies of an entry share key and value, which never change.
 struct keyval_t {
-    keyval_t(std::string_view name, void *at, std::size_t length, int kind, host::Memory owner)
+    keyval_t(std::string_view name, void *at, std::size_t length, int kind, host::Memory &&owner)
         : key(name), value(at), size(length), type(kind), memory(std::move(owner)) {}
 
     std::string_view key; // followed by a zero
@@ -96,7 +96,8 @@ struct _bundle_t {
 private:
     static constexpr std::size_t FEW = host::FewAllocator<keyval_t>::FEW;
 
-    void append(std::string_view key, void *value, std::size_t size, int type, host::Memory memory);
+    void append(std::string_view key, void *value, std::size_t size, int type,
+                host::Memory &&memory);
     void indexNewEntry();
     char *makeEntry(int type, std::string_view key, std::size_t valueSize, std::size_t size);
 

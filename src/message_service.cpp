@@ -21,7 +21,7 @@ constexpr const char *NELVO_PROXY_ALLOW_APPID_LIST_FILE_NAME = "allow_list.dat";
 using Lines = std::unordered_set<std::string>;
 
 struct FileCloser {
-    void operator()(std::FILE *file) const { std::fclose(file); }
+    void operator()(std::FILE *file) const { static_cast<void>(std::fclose(file)); }
 };
 
 // All lines of the file, or those before the first read error. Read by the C library, not by

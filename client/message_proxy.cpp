@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "message_proxy.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -120,6 +121,7 @@ MessageProxy::~MessageProxy() {
 int MessageProxy::connect(const std::string &appId) {
     if (!_handle)
         return RPC_PORT_ERROR_OUT_OF_MEMORY;
+    errno = 0;
     return rpc_port_proxy_connect(_handle, appId.c_str(), PORT_NAME);
 }
 

@@ -67,8 +67,9 @@ public:
     rpc_port_proxy_h handle() const { return _handle; }
 
     // These return RPC_PORT_ERROR_NONE or the platform's error.
-    int connect(const std::string &appId);
-    int send(bundle *request); // the request stays the caller's
+    int
+    connect(const std::string &appId); // leaves the system's reason in errno, 0 if there is none
+    int send(bundle *request);         // the request stays the caller's
 
     // The first overload registers with a new sequence number and default fields.
     Reply setCb();

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include <host/runtime_dir.h>
 #include <rpc-port.h>
 
 #include "parcel.h"
@@ -20,7 +21,7 @@ namespace host {
 //
 // A hello is the first frame on each of the two sockets; the welcome is the answer on the main one.
 // Version, kind (an rpc_port_port_type_e) and length are single bytes.
-constexpr char HANDSHAKE_START[] = {'N', 'V', 'R', 'P', 1};
+constexpr char HANDSHAKE_START[] = {'N', 'V', 'R', 'P', HOST_PROTOCOL_VERSION};
 constexpr std::size_t MAX_SENDER_BYTES = 127;
 constexpr double HANDSHAKE_SECONDS = 5.0; // to complete a connection, on either side
 

@@ -24,6 +24,7 @@ namespace host {
 
 namespace {
 
+// Leaves the system's reason in errno; 0 if there is none.
 int openSocket(const std::string &appId, const std::string &port, UniqueFd &socket) {
     const bool simulated = Loop::instance().isSimulated();
     socket = simulated ? connectToSimulatedPort(appId + ":" + port) : connectToPort(appId, port);
@@ -38,7 +39,10 @@ int openSocket(const std::string &appId, const std::string &port, UniqueFd &sock
         dlog_print(DLOG_INFO, LOG_TAG, "cannot connect to port \"%s\" of %s: %s", port.c_str(),
                    appId.c_str(), reason);
     }
-    return error == EACCES ? RPC_PORT_ERROR_PERMISSION_DENIED : RPC_PORT_ERROR_IO_ERROR;
+    errno = error;
+    return error == EACCES     ? RPC_PORT_ERROR_PERMISSION_DENIED
+           : isShortage(error) ? RPC_PORT_ERROR_OUT_OF_MEMORY
+                               : RPC_PORT_ERROR_IO_ERROR;
 }
 
 } // namespace

@@ -57,12 +57,17 @@ const char *faultOf(const std::string &dir) {
 bool prepareDir(const std::string &dir) {
     const bool made = mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST;
     const char *const fault = made ? faultOf(dir) : std::strerror(errno);
-    if (fault) {
+    const int error = errno;
+    if (fault && isShortage(error)) {
+        dlog_print(DLOG_ERROR, LOG_TAG, "the runtime directory %s cannot be looked at: %s",
+                   dir.c_str(), fault);
+    } else if (fault) {
         dlog_print(DLOG_ERROR, LOG_TAG,
                    "the runtime directory %s cannot be used: %s; remove it, make it a directory of "
                    "your own with mode 0700, or name another one in NELVO_HOST_RUNTIME_DIR",
                    dir.c_str(), fault);
     }
+    errno = error;
     return !fault;
 }
 
@@ -92,9 +97,10 @@ const sockaddr *generic(const sockaddr_un &address) {
 // Sets errno on failure.
 UniqueFd connectTo(const sockaddr_un &address) {
     UniqueFd fd = openSocket();
-    if (fd && connect(fd.get(), generic(address), sizeof(address)) != 0) {
+    while (fd && connect(fd.get(), generic(address), sizeof(address)) != 0) {
         const int error = errno;
-        fd.reset();
+        if (error != EINTR)
+            fd.reset();
         errno = error;
     }
     return fd;
@@ -165,10 +171,15 @@ void ListenSocket::close() {
     _lock.reset();
 }
 
+bool isShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
 UniqueFd connectToPort(const std::string &appId, const std::string &port) {
     sockaddr_un address{};
+    errno = 0;
     if (!findAddress(appId, port, address)) {
-        errno = 0;
+        errno = isShortage(errno) ? errno : 0;
         return UniqueFd();
     }
     UniqueFd fd = connectTo(address);

@@ -31,9 +31,12 @@ private:
     ParentsFd _socket;
 };
 
+// Whether this process or the system lacks what a connection takes. The peer is not to blame then.
+bool isShortage(int error);
+
 // Connects to a served port. On failure returns no descriptor and sets errno: ECONNREFUSED or
-// ENOENT if nobody serves the port, EACCES if another user does, 0 if the reason has been logged
-// already, another value otherwise.
+// ENOENT if nobody serves the port, EACCES if another user does, EAGAIN if its backlog is full, a
+// shortage, 0 if the runtime directory cannot be used, which has been logged.
 UniqueFd connectToPort(const std::string &appId, const std::string &port);
 
 // Whether the process at the other end of the socket belongs to our user.

@@ -18,14 +18,6 @@
 
 namespace host {
 
-namespace {
-
-bool isShortage(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-} // namespace
-
 void Connection::start(UniqueFd socket) {
     _channels[RPC_PORT_PORT_MAIN] =
         Channel::open(std::move(socket), MAX_HELLO_BYTES, weak_from_this());

@@ -35,7 +35,10 @@ struct Row {
     void (*before)() = [] {};
 };
 
-bool isPeerAnotherUser = false; // for this process
+// What the system says to this process.
+bool isPeerAnotherUser = false;
+int connectError = 0;
+int failedConnects = 0; // how many are still to come
 
 Simulation *device;
 Client *other;
@@ -141,17 +144,32 @@ TEST(NelvoctlTest, NamesTheCauseOfEverySilence) {
     }
 }
 
-TEST(NelvoctlTest, TellsAnotherUsersApplicationApart) {
+TEST(NelvoctlTest, TellsWhoIsToBlameForAFailedConnection) {
+    const struct {
+        bool isPeerAnotherUser;
+        int connectError, times;
+        Row wanted;
+    } rows[] = {{true, 0, 0, {"other-user", {}, 3}},
+                {false, EINTR, 1, {"no-callback", {}, 1}}, // hello has no state
+                {false, EAGAIN, 2, {"no-callback", {}, 1}},
+                {false, EAGAIN, 1000, {"main-loop-stuck", {}, 4}},
+                {false, ENOMEM, 1, {"internal", {}, 3}}};
     char folder[] = "ctl-XXXXXX";
     ASSERT_NE(mkdtemp(folder), nullptr);
     setenv("NELVO_HOST_RUNTIME_DIR", folder, 1);
     const Child hello(HELLO, {});
-    Child stranger([] {
-        isPeerAnotherUser = true;
-        return run({"state", "demo.hello", "--wait", "20"}, true);
-    });
-    EXPECT_EQ(stranger.wait(), 3);
-    expectJson({"other-user", {}, 3}, stranger.out());
+    Child([] { return run({"call", "demo.hello", "greet", "--wait", "20"}, true); }).wait();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.wanted.cause);
+        Child client([&] {
+            isPeerAnotherUser = row.isPeerAnotherUser;
+            connectError = row.connectError;
+            failedConnects = row.times;
+            return run({"state", "demo.hello", "--timeout", "0.2"}, true);
+        });
+        EXPECT_EQ(client.wait(), row.wanted.exitCode);
+        expectJson(row.wanted, client.out());
+    }
     EXPECT_EQ(std::system(("rm -r " + std::string(folder)).c_str()), 0);
 }
 
@@ -171,7 +189,8 @@ TEST(OutputTest, LetsNothingReachATerminalThatItCouldObey) {
 
 } // namespace
 
-// Stands before the C library's own: only the superuser could run a process of another user.
+// These stand before the C library's own: only the superuser could run a process of another user, and
+// only a busy system fills a backlog.
 extern "C" __attribute__((visibility("default"))) int
 getsockopt(int socket, int level, int name, void *value, socklen_t *size) noexcept {
     using Get = int (*)(int, int, int, void *, socklen_t *);
@@ -180,4 +199,15 @@ getsockopt(int socket, int level, int name, void *value, socklen_t *size) noexce
     if (isPeerAnotherUser && level == SOL_SOCKET && name == SO_PEERCRED)
         ++static_cast<ucred *>(value)->uid;
     return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int connect(int socket, const sockaddr *address,
+                                                              socklen_t size) {
+    using Connect = int (*)(int, const sockaddr *, socklen_t);
+    static const auto real = reinterpret_cast<Connect>(dlsym(RTLD_NEXT, "connect"));
+    if (failedConnects <= 0)
+        return real(socket, address, size);
+    --failedConnects;
+    errno = connectError;
+    return -1;
 }

@@ -59,7 +59,7 @@ Catalogue readChecked(const std::string &file) {
 std::string fileOf(const std::string &appId) {
     const std::string file = findCatalogue(appId);
     if (file.empty())
-        throw explainUnreachable(appId, RPC_PORT_ERROR_IO_ERROR);
+        throw explainUnreachable(appId, RPC_PORT_ERROR_IO_ERROR, 0);
     return file;
 }
 

@@ -4,6 +4,7 @@
 
 #include "catalogue.h"
 #include "commands.h"
+#include "near.h"
 #include "output.h"
 
 namespace nelvoctl {
@@ -51,7 +52,7 @@ int printAnswer(const Options &options, const std::string &request,
                 const nelvo::client::Response &response) {
     auto failure = failureOf(response, options.target.appId);
     if (failure && failure->cause == Cause::NO_CALLBACK && request != "state")
-        failure->message += suggestion(catalogueOf(options.target.appId), request);
+        failure->message += suggestion(catalogueOf(options.target.appId).ids(), request);
     if (isTerminal() && !options.json) {
         for (const char *key : {"result", "appContext"})
             if (!response.field(key).empty())

@@ -68,22 +68,6 @@ Action readTool(const json &tool) {
     return action;
 }
 
-// How many letters must be added, removed or replaced to make one word of the other.
-std::size_t distance(const std::string &from, const std::string &to) {
-    std::vector<std::size_t> row(to.size() + 1);
-    for (std::size_t j = 0; j <= to.size(); ++j)
-        row[j] = j;
-    for (std::size_t i = 1; i <= from.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i);
-        for (std::size_t j = 1; j <= to.size(); ++j) {
-            const std::size_t replaced = diagonal + (from[i - 1] != to[j - 1]);
-            diagonal = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, replaced});
-        }
-    }
-    return row.back();
-}
-
 } // namespace
 
 std::optional<std::string> Action::paramsFor(const json &arguments) const {
@@ -146,13 +130,11 @@ std::string describe(const std::string &file, const Problem &problem) {
     return file + ": " + (problem.pointer.empty() ? "" : problem.pointer + ": ") + problem.text;
 }
 
-std::string suggestion(const Catalogue &catalogue, const std::string &actionId) {
-    std::string near;
-    for (const Action &action : catalogue.actions)
-        if (action.id != actionId &&
-            distance(action.id, actionId) <= std::max<std::size_t>(1, action.id.size() / 3))
-            near += (near.empty() ? "\"" : " or \"") + action.id + "\"";
-    return near.empty() ? "" : "; did you mean " + near + "?";
+std::vector<std::string> Catalogue::ids() const {
+    std::vector<std::string> ids;
+    for (const Action &action : actions)
+        ids.push_back(action.id);
+    return ids;
 }
 
 } // namespace nelvoctl

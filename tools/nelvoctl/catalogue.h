@@ -32,6 +32,7 @@ struct Catalogue {
     std::vector<Problem> problems; // if the document is not JSON, the text says in which line
 
     const Action *find(const std::string &id) const;
+    std::vector<std::string> ids() const;
 };
 
 Catalogue parseCatalogue(const std::string &text);
@@ -48,8 +49,5 @@ Catalogue catalogueOf(const std::string &appId);
 
 // The problem as one line: "FILE: /tools/0/name: TEXT".
 std::string describe(const std::string &file, const Problem &problem);
-
-// The declared action ids that are spelled similarly, as "; did you mean \"seek\"?"; else "".
-std::string suggestion(const Catalogue &catalogue, const std::string &actionId);
 
 } // namespace nelvoctl

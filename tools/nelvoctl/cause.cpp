@@ -74,12 +74,20 @@ const CauseEntry ENTRIES[] = {
 
 } // namespace
 
+const char *const EXIT_CODES = "Exit codes:\n"
+                               "  0  success\n"
+                               "  1  the application answered with a failure, or output was lost\n"
+                               "  2  bad arguments\n"
+                               "  3  the application could not be reached\n"
+                               "  4  no answer in time\n"
+                               "Messages name the cause: see nelvoctl help causes.\n";
+
 const CauseEntry &entryOf(Cause cause) {
     return ENTRIES[static_cast<std::size_t>(cause)];
 }
 
-std::string exitCodeTable() {
-    std::string table = "Exit codes, and the causes that messages name:\n  0  success\n";
+std::string causeTable() {
+    std::string table = "What messages name as the cause, with the exit code:\n";
     for (const CauseEntry &entry : ENTRIES) {
         char line[160];
         std::snprintf(line, sizeof line, "  %d  %-18s %s\n", entry.exitCode, entry.name,

@@ -51,8 +51,11 @@ struct CauseEntry {
 
 const CauseEntry &entryOf(Cause cause);
 
-// The exit codes with their causes, for --help.
-std::string exitCodeTable();
+// The exit codes, for --help.
+extern const char *const EXIT_CODES;
+
+// What each cause means and what to do then.
+std::string causeTable();
 
 // Thrown to end a command; run() reports it.
 struct Failure : std::exception {

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "diagnosis.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <utility>
 
@@ -10,6 +12,7 @@
 #include <Ecore.h>
 
 #include "link.h"
+#include "near.h"
 #include "processes.h"
 #include "runtime_dir.h"
 
@@ -60,6 +63,7 @@ void Prober::start(const std::string &appId, double patienceSeconds,
     _proxy.events.rejected = [this] { finish(); };
     _start = ecore_time_get();
     _result.error = _proxy.connect(appId);
+    _result.reason = errno;
     if (_result.error != RPC_PORT_ERROR_NONE ||
         !_timer.start(patienceSeconds, [this] { finish(); }))
         finish();
@@ -87,7 +91,10 @@ Probe probe(const std::string &appId, double patienceSeconds) {
     return result;
 }
 
-Failure explainUnreachable(const std::string &appId, int error) {
+Failure explainUnreachable(const std::string &appId, int error, int reason) {
+    if (error == RPC_PORT_ERROR_OUT_OF_MEMORY)
+        return {Cause::INTERNAL,
+                "cannot connect to " + appId + ": " + std::strerror(reason != 0 ? reason : ENOMEM)};
     if (error == RPC_PORT_ERROR_INVALID_PARAMETER)
         return {Cause::USAGE, "\"" + appId + "\" is not an application id"};
     if (error == RPC_PORT_ERROR_PERMISSION_DENIED)
@@ -101,7 +108,8 @@ Failure explainUnreachable(const std::string &appId, int error) {
     if (!processes.empty() && (processes.front().isHere() || !died))
         return explainDeaf(appId, processes.front());
     return {Cause::NOBODY_LISTENS, "nobody serves \"message\" as " + appId + " in " + dir +
-                                       (died ? "; it has died and left its socket behind" : "")};
+                                       (died ? "; it has died and left its socket behind" : "") +
+                                       suggestion(listedApps(dir), appId)};
 }
 
 Failure explainStuck(const std::string &appId, double seconds) {
@@ -124,6 +132,8 @@ Failure explainRefusedCallback(const Target &target) {
 
 Failure explainNoReply(const Target &target, const Probe &now) {
     const std::string &app = target.appId;
+    if (now.error == RPC_PORT_ERROR_OUT_OF_MEMORY)
+        return explainUnreachable(app, now.error, now.reason);
     if (now.error != RPC_PORT_ERROR_NONE)
         return {Cause::CONNECTION_LOST, "lost the connection to " + app};
     if (!now.answers)
@@ -133,6 +143,8 @@ Failure explainNoReply(const Target &target, const Probe &now) {
 
 Failure explainSilence(const Target &target, const Probe &now) {
     const std::string waited = "no answer within " + shown(target.timeoutSeconds);
+    if (now.error == RPC_PORT_ERROR_OUT_OF_MEMORY)
+        return explainUnreachable(target.appId, now.error, now.reason);
     if (now.error != RPC_PORT_ERROR_NONE)
         return {Cause::CONNECTION_LOST, target.appId + " has ended"};
     if (!now.answers)

@@ -22,7 +22,8 @@ Admission admissionOf(const std::string &clientId);
 // overtakes no request.
 struct Probe {
     bool answers = false;
-    int error = 0; // of the attempt to connect; not 0: nobody is there
+    int error = 0;  // of the attempt to connect; not 0: nobody is there
+    int reason = 0; // the system's, as errno
     double seconds = 0;
 };
 
@@ -51,7 +52,7 @@ Probe probe(const std::string &appId, double patienceSeconds);
 
 // Each finds out why a step failed, from what the system shows about the application's process. The
 // probe must have been made after the step.
-Failure explainUnreachable(const std::string &appId, int error);
+Failure explainUnreachable(const std::string &appId, int error, int reason);
 Failure explainStuck(const std::string &appId, double seconds);
 Failure explainRefusedCallback(const Target &target);
 Failure explainNoReply(const Target &target, const Probe &now); // to the response callback

@@ -22,7 +22,12 @@ struct Unknown {
     std::string why;
 };
 
-// A check returns a text with its finding, or throws Failure or Unknown.
+// Thrown by a check that succeeds and has found what an application need not have.
+struct Note {
+    std::string what;
+};
+
+// A check returns a text with its finding, or throws Failure, Note or Unknown.
 struct Check {
     const char *name;
     std::function<std::string()> find;
@@ -64,7 +69,10 @@ std::string checkAllowList(const std::string &clientId) {
 
 std::string checkState(Session &session, const std::string &appId) {
     const auto response = session.ask(nelvo::client::STATE_ACTION_ID);
-    if (const auto failure = failureOf(response, appId))
+    const auto failure = failureOf(response, appId);
+    if (failure && failure->cause == Cause::NO_CALLBACK)
+        throw Note{"answered; it has registered no callback for its state"};
+    if (failure)
         throw *failure;
     return "answered with " + std::to_string(response.field("appContext").size()) + " bytes";
 }
@@ -73,6 +81,9 @@ json perform(const Check &check) {
     json result = {{"check", check.name}, {"status", "ok"}};
     try {
         result["found"] = check.find();
+    } catch (const Note &note) {
+        result["status"] = "note";
+        result["found"] = note.what;
     } catch (const Unknown &unknown) {
         result["status"] = "unknown";
         result["found"] = unknown.why;

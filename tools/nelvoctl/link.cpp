@@ -2,6 +2,7 @@
 #include "link.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include <sys/random.h>
@@ -64,17 +65,22 @@ void Link::connect(Done done) {
     reach();
 }
 
-// Connects as soon as the application listens.
+// Connects as soon as the application listens and has room for another connection.
 void Link::reach() {
     const int error = _proxy.connect(_target.appId);
+    const int reason = errno;
     if (error == RPC_PORT_ERROR_NONE) {
         _start = ecore_time_get();
         startTimer(_target.timeoutSeconds, [this] { explainConnecting(true); });
         return;
     }
-    const double left = _start + _target.waitSeconds - ecore_time_get();
-    if (error != RPC_PORT_ERROR_IO_ERROR || left <= 0)
-        fail(explainUnreachable(_target.appId, error));
+    const bool isFull = reason == EAGAIN; // the backlog: the application is there and is busy
+    const double waited = ecore_time_get() - _start;
+    const double left = std::max(_target.waitSeconds, isFull ? _target.timeoutSeconds : 0) - waited;
+    if (isFull && left <= 0)
+        fail(explainStuck(_target.appId, waited));
+    else if (error != RPC_PORT_ERROR_IO_ERROR || left <= 0)
+        fail(explainUnreachable(_target.appId, error, reason));
     else
         startTimer(std::min(RETRY_SECONDS, left), [this] { reach(); });
 }
@@ -107,9 +113,16 @@ void Link::ask(const std::string &actionId, const std::optional<std::string> &pa
     if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id))
         return fail({Cause::INTERNAL, "a random request id could not be read"});
     const BundlePtr bundle = nelvo::client::makeRequest(_request);
-    if (!bundle || (!_ended && _proxy.send(bundle.get()) != RPC_PORT_ERROR_NONE))
-        return fail({Cause::CONNECTION_LOST, "could not send the request to " + _target.appId +
-                                                 ", which has gone, or PARAMS are too large"});
+    const int error = !bundle  ? RPC_PORT_ERROR_OUT_OF_MEMORY
+                      : _ended ? RPC_PORT_ERROR_NONE
+                               : _proxy.send(bundle.get());
+    const std::string what = "the request to " + _target.appId;
+    if (error == RPC_PORT_ERROR_INVALID_PARAMETER)
+        return fail({Cause::USAGE, what + " is larger than 16 MiB, the most that can be sent"});
+    if (error == RPC_PORT_ERROR_OUT_OF_MEMORY)
+        return fail({Cause::INTERNAL, "there is no memory for " + what});
+    if (error != RPC_PORT_ERROR_NONE)
+        return fail({Cause::CONNECTION_LOST, "could not send " + what + ", which has gone"});
     if (_ended)
         return fail(*_ended);
     startTimer(_target.timeoutSeconds, [this] {

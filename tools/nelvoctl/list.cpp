@@ -43,6 +43,8 @@ int runList(const Options &options) {
     json applications = json::array();
     for (const std::string &appId : listedApps(dir)) {
         const Probe now = probe(appId, options.target.timeoutSeconds);
+        if (now.error == RPC_PORT_ERROR_OUT_OF_MEMORY)
+            throw explainUnreachable(appId, now.error, now.reason);
         if (now.error == RPC_PORT_ERROR_NONE)
             applications.push_back(
                 {{"appId", appId}, {"answers", now.answers}, {"seconds", now.seconds}});

@@ -7,6 +7,7 @@
 
 #include "client/envelope.h"
 #include "json_rpc.h"
+#include "near.h"
 #include "output.h"
 
 namespace nelvoctl {
@@ -228,7 +229,7 @@ std::function<void()> McpTools::ask(const std::string &appId, const std::string 
         Failure failure = *outcome.failure;
         if (const Application *const asked = _applications.find(appId);
             asked && failure.cause == Cause::NO_CALLBACK)
-            failure.message += suggestion(asked->catalogue, actionId);
+            failure.message += suggestion(asked->catalogue.ids(), actionId);
         done(errorResult(failure));
     };
     const int number = application->ask(actionId, params, answered);

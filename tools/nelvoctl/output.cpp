@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <cwchar>
 #include <cwctype>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -74,6 +76,20 @@ void print(const std::string &line) {
     if (std::printf("%s\n", line.c_str()) < 0 || std::fflush(stdout) != 0)
         throw Failure(Cause::OUTPUT,
                       std::string("could not write to stdout: ") + std::strerror(errno));
+}
+
+void page(const std::string &text) {
+    winsize size{};
+    const bool isSized = isTerminal() && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0;
+    if (isSized && std::count(text.begin(), text.end(), '\n') >= size.ws_row) {
+        const char *chosen = std::getenv("PAGER");
+        if (std::FILE *const pager = popen(chosen && *chosen ? chosen : "less", "w")) {
+            std::fputs(text.c_str(), pager);
+            if (pclose(pager) == 0)
+                return;
+        }
+    }
+    print(text.substr(0, text.find_last_not_of('\n') + 1));
 }
 
 void note(const std::string &line) {

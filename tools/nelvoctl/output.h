@@ -29,6 +29,10 @@ std::string dump(const nlohmann::json &document, int indent = -1);
 // Writes one line to stdout. Throws Failure.
 void print(const std::string &line);
 
+// Writes a long text to stdout: if that is a terminal too small for the text, through $PAGER or less.
+// Throws Failure.
+void page(const std::string &text);
+
 // Writes one line for people to stderr.
 void note(const std::string &line);
 

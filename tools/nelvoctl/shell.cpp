@@ -106,6 +106,18 @@ private:
     std::string _history; // path; empty: none is kept
 };
 
+// Whoever types a shell's usual word at the prompt gets to know ours.
+int performAction(const Options &options, const std::string &actionId,
+                  const std::optional<std::string> &params) {
+    const auto response = exchange(options.target, actionId, params);
+    const int code = printAnswer(options, actionId, response);
+    const auto failure = failureOf(response, options.target.appId);
+    for (const char *word : {"help", "?", "state", "quit", "exit"})
+        if (actionId == word && failure && failure->cause == Cause::NO_CALLBACK)
+            note("the shell's own words are .help, .state and .quit");
+    return code;
+}
+
 int perform(const Options &options, const std::string &line) {
     const auto [word, params] = split(line);
     if (word == ".help")
@@ -116,13 +128,15 @@ int perform(const Options &options, const std::string &line) {
     else if (word[0] == '.')
         throw Failure(Cause::USAGE, "\"" + word + "\" is not a command; .help lists the commands");
     else
-        return printAnswer(options, word, exchange(options.target, word, params));
+        return performAction(options, word, params);
     return EXIT_CODE_SUCCESS;
 }
 
 // A script gets the exit code of the worst failure; a person has seen the failures already.
 int runShell(const Options &options) {
     Lines lines(options.target.appId);
+    if (lines.isInteractive())
+        std::fprintf(stderr, "Type ACTION_ID [PARAMS], .state, .help or .quit.\n");
     int worst = EXIT_CODE_SUCCESS;
     for (std::string read; lines.next(read);) {
         const std::string line = trimmed(read);

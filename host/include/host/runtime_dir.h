@@ -8,6 +8,9 @@
 extern "C" {
 #endif
 
+/** The version of the protocol that the sockets there speak. */
+#define HOST_PROTOCOL_VERSION 1
+
 /** Returns the value of an environment variable, or NULL when the variable is not set. The value
  * must stay valid until the next call. */
 typedef const char *(*host_environment)(const char *name, void *data);

@@ -8,7 +8,7 @@ _nelvoctl() {
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if [[ $skip ]]; then
             skip=
-        elif [[ $word == --@(timeout|wait|as|interval|count|chrome|manifest|check|catalogue) || $word == -n ]]; then
+        elif [[ $word == --@(timeout|wait|as|interval|count|chrome|manifest|check|catalogue|output) || $word == -[no] ]]; then
             skip=yes
         elif [[ $word != -* ]]; then
             if [[ ! $command ]]; then
@@ -22,9 +22,10 @@ _nelvoctl() {
 
     if [[ $skip ]]; then
         [[ $previous != --@(chrome|manifest|check|catalogue) ]] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        [[ $previous != -o && $previous != --output ]] || mapfile -t COMPREPLY < <(compgen -W 'json text' -- "$current")
         return
     elif [[ $current == -* ]]; then
-        choices='--json --help'
+        choices='--json --output --version --help'
         case $command in
         list) choices+=' --timeout' ;;
         call | state | shell) choices+=' --timeout --wait --as' ;;
@@ -36,7 +37,9 @@ _nelvoctl() {
         mcp) choices+=' --timeout --as --interval --catalogue --read-only' ;;
         esac
     elif [[ ! $command ]]; then
-        choices='list actions call state watch shell bench doctor trace mcp'
+        choices='list actions call state watch shell bench doctor trace mcp help'
+    elif [[ $command == help ]]; then
+        choices='list actions call state watch shell bench doctor trace mcp causes'
     elif [[ $command == trace ]]; then
         mapfile -t COMPREPLY < <(compgen -c -f -- "$current")
         return

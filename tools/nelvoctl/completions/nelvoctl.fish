@@ -20,13 +20,16 @@ end
 function __nelvoctl_wants_app
     set --local words (commandline --tokenize --cut-at-cursor --current-process)
     set --local plain (string match --invert -- '-*' $words[2..])
-    test (count $plain) -eq 1; and not contains -- $plain[1] list trace
+    test (count $plain) -eq 1; and not contains -- $plain[1] list trace help
 end
 
 set --local asking call state watch shell bench doctor
 
 complete --command nelvoctl --no-files
 complete --command nelvoctl --long json --description 'One JSON document on stdout, errors too'
+complete --command nelvoctl --short o --long output --exclusive --arguments 'json text' --description 'The form of the output'
+complete --command nelvoctl --long version --description 'Print the version'
+complete --command nelvoctl --condition '__fish_seen_subcommand_from help' --arguments 'list actions call state watch shell bench doctor trace mcp causes'
 complete --command nelvoctl --short h --long help --description 'Print help'
 complete --command nelvoctl --condition __nelvoctl_wants_app --arguments '(__nelvoctl_apps)'
 complete --command nelvoctl --condition '__nelvoctl_wants_action >/dev/null' --arguments '(__nelvoctl_actions)'
@@ -40,7 +43,8 @@ for line in 'list:List the applications that can be reached' \
     'bench:Measure how long an action takes' \
     'doctor:Check what can keep an application from answering' \
     'trace:Run an application and show what becomes of each request' \
-    'mcp:Serve applications to an assistant, over MCP on stdin and stdout'
+    'mcp:Serve applications to an assistant, over MCP on stdin and stdout' \
+    'help:Explain a command, or the causes that messages name'
     set --local parts (string split : $line)
     complete --command nelvoctl --condition __fish_use_subcommand --arguments $parts[1] --description $parts[2]
 end

@@ -93,6 +93,10 @@ void Client::request(const std::string &actionId, std::uint64_t requestId,
     send(client::makeRequest(request).get());
 }
 
+void Client::requestState(std::uint64_t requestId) {
+    request(client::STATE_ACTION_ID, requestId);
+}
+
 void Client::send(bundle *request) {
     proxyOf(*_wire).send(request);
     host_sim_advance(0);

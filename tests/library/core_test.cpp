@@ -197,7 +197,7 @@ const Road ROADS[] = {{"receiveRequest",
                        }},
                       {"receiveRequest", [](auto &, auto &client, auto &callback) {
                            callback.registerState();
-                           client.request("getAppContext", 5);
+                           client.requestState(5);
                        }}};
 
 TEST_F(DispatchTest, LetsThreadsEndInsideCallbacks) {

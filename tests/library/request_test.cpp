@@ -93,7 +93,7 @@ TEST_P(RequestTest, MakesTheKitWarnOfACompletionThatIsLateOrOfTheOtherKind) {
         {"it had been completed before", [this] { complete(); }},
         {"it had timed out", [this] { device.advance(30.001); }},
         {overtaken, [this] { client.request("other", 8); }},
-        {overtaken, [this] { client.request("getAppContext", 8); }},
+        {overtaken, [this] { client.requestState(8); }},
         {stopped, [] { restart(); }},
         {stopped, [] { nelvo_deinitialize(); }},
         {"kept while the library was stopped and started again",

@@ -244,14 +244,21 @@ public:
     bool join() { return connect() && setCb() == 0; }
 
     /**
-     * Sends a request.
+     * Sends a request for an action.
      *
-     * @param actionId   the action, or "getAppContext" for the state
+     * @param actionId   the action
      * @param requestId  comes back in the answer
      * @param params     left out when empty
      */
     void request(const std::string &actionId, std::uint64_t requestId = 1,
                  const std::string &params = "");
+
+    /**
+     * Asks for the application's state, which the answer has under "appContext".
+     *
+     * @param requestId  comes back in the answer
+     */
+    void requestState(std::uint64_t requestId = 1);
 
     /**
      * Sends a request of any content.

@@ -12,14 +12,6 @@ namespace {
 
 const char *const PORT_NAME = "message";
 
-// The first value of every parcel.
-enum Method { RESULT = 0, CALLBACK = 1, SET_CB = 2, UNSET_CB = 3, SEND = 4 };
-
-struct ParcelDeleter {
-    void operator()(void *parcel) const { rpc_port_parcel_destroy(parcel); }
-};
-using ParcelPtr = std::unique_ptr<void, ParcelDeleter>;
-
 // A parcel that holds only the method's number; null if memory is short.
 ParcelPtr makeParcel(Method method) {
     rpc_port_parcel_h parcel = nullptr;
@@ -56,7 +48,8 @@ Reply call(rpc_port_parcel_h request, rpc_port_h port) {
     return reply;
 }
 
-// Returns null on success, else a text that says what is wrong with the parcel.
+} // namespace
+
 const char *readAnswer(rpc_port_parcel_h parcel, Answer &answer) {
     int method = RESULT;
     if (rpc_port_parcel_read_int32(parcel, &method) != RPC_PORT_ERROR_NONE || method != CALLBACK)
@@ -78,6 +71,8 @@ const char *readAnswer(rpc_port_parcel_h parcel, Answer &answer) {
     answer.response = readResponse(std::move(responseOwner));
     return nullptr;
 }
+
+namespace {
 
 const char *takeAnswer(rpc_port_proxy_h proxy, Answer &answer) {
     rpc_port_h port = nullptr;

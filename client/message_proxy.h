@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <rpc-port.h>
@@ -22,6 +23,18 @@ struct Answer {
     std::string sender; // the app id of the application that answers
     Response response;
 };
+
+// The first value of every parcel.
+enum Method { RESULT = 0, CALLBACK = 1, SET_CB = 2, UNSET_CB = 3, SEND = 4 };
+
+struct ParcelDeleter {
+    void operator()(void *parcel) const { rpc_port_parcel_destroy(parcel); }
+};
+using ParcelPtr = std::unique_ptr<void, ParcelDeleter>;
+
+// Reads a parcel that comes to the callback port. Returns null on success, else a text that says what is
+// wrong with the parcel. Throws std::bad_alloc.
+const char *readAnswer(rpc_port_parcel_h parcel, Answer &answer);
 
 // The outcome of a method that returns a result.
 struct Reply {

@@ -18,6 +18,7 @@
 #include "handles.h"
 #include "log_tag.h"
 #include "loop.h"
+#include "tap.h"
 
 namespace host {
 
@@ -311,7 +312,12 @@ int Channel::send(const Parcel &parcel) {
     std::size_t sent = 0;
     if (_queue.isEmpty() && !transmit(parcel, header, sent))
         return RPC_PORT_ERROR_IO_ERROR;
-    return sent < sizeof(header) + size ? enqueue(header, parcel, sent) : RPC_PORT_ERROR_NONE;
+    const int result =
+        sent < sizeof(header) + size ? enqueue(header, parcel, sent) : RPC_PORT_ERROR_NONE;
+    const auto owner = Tap::isOpen() && result == RPC_PORT_ERROR_NONE ? _owner.lock() : nullptr;
+    if (owner)
+        owner->onSent(*this, parcel);
+    return result;
 }
 
 // The other side has closed the connection. The frames that it sent before are still delivered.

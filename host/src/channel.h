@@ -37,6 +37,8 @@ public:
     virtual void onFrame(Channel &channel) = 0;
     // The channel has ended and is closed. Called at most once, and not if the owner closed it.
     virtual void onEnd(Channel &channel) = 0;
+    // The channel has sent a payload, or queued it. Called only while the tap is open.
+    virtual void onSent(Channel &, const Parcel &) {}
 };
 
 // One socket of a connection, which receives and sends frames. An rpc_port_h is the handle of a
@@ -83,6 +85,8 @@ public:
     // it sent before are still delivered.
     int send(const Parcel &parcel);
     int take(Bytes &payload);
+    // The frame that take() gives during onFrame(); null if it has been taken.
+    const Bytes *offered() const { return _offer; }
 
 private:
     static Eina_Bool onReadyCb(void *data, Ecore_Fd_Handler *handler);

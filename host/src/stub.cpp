@@ -15,6 +15,7 @@
 #include "loop.h"
 #include "misuse.h"
 #include "names.h"
+#include "tap.h"
 
 namespace host {
 
@@ -80,6 +81,8 @@ const char *Connection::peer() const {
 
 void Connection::onFrame(Channel &channel) {
     if (!_instance.empty()) {
+        if (Tap::isOpen())
+            Tap::write("received", _instance, channel.offered()->data(), channel.offered()->size());
         _stub->fireReceived(*this);
     } else if (!greet(channel)) {
         dlog_print(DLOG_WARN, LOG_TAG, "a client is refused: its hello is not valid");
@@ -92,6 +95,11 @@ void Connection::onEnd(Channel &ended) {
     const bool drains = !_instance.empty() && !ended.hasFailed() &&
                         &ended == _channels[RPC_PORT_PORT_CALLBACK].get();
     drains ? channel(RPC_PORT_PORT_MAIN).drain() : end();
+}
+
+void Connection::onSent(Channel &channel, const Parcel &parcel) {
+    if (&channel == _channels[RPC_PORT_PORT_CALLBACK].get())
+        Tap::write("sent", _instance, parcel);
 }
 
 Eina_Bool Connection::onTimeoutCb(void *data) {
@@ -130,6 +138,7 @@ bool Stub::listenSimulated(const std::string &name) {
 
 bool Stub::listenReal(const std::string &appId) {
     Loop::instance().expectStarted("rpc_port_stub_listen");
+    Tap::open();
     if (_listenSocket.open(appId, _portName)) {
         _acceptHandler = Loop::instance().addHandler(_listenSocket.fd(), ECORE_FD_READ, onAcceptCb,
                                                      this, nullptr, nullptr, onLoopGone);
@@ -242,6 +251,8 @@ bool Stub::greet(Connection &half) {
     removeIncoming(*connection);
     connection->stand(connection->sender() + (":" + std::to_string(++_instances)));
     _standing.emplace(connection->instance(), connection);
+    if (Tap::isOpen())
+        Tap::write("connected", connection->instance());
     fireConnected(*connection);
     return true;
 }
@@ -275,6 +286,8 @@ void Stub::forget(Connection &connection) {
         removeIncoming(connection);
         return;
     }
+    if (Tap::isOpen())
+        Tap::write("gone", connection.instance());
     disconnectedCbs.each([&](auto cb, void *data) {
         cb(connection.sender(), connection.instance().c_str(), data);
         return true;

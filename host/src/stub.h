@@ -59,6 +59,7 @@ public:
     const char *peer() const override;
     void onFrame(Channel &channel) override;
     void onEnd(Channel &channel) override;
+    void onSent(Channel &channel, const Parcel &parcel) override;
 
 private:
     static Eina_Bool onTimeoutCb(void *data);

@@ -8,8 +8,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <host/tap.h>
 
 #include "cause.h"
 
@@ -27,7 +30,7 @@ void passOn(int signal) {
         kill(child, signal);
 }
 
-pid_t spawn(const std::vector<std::string> &program, int errorPipe) {
+pid_t spawn(const std::vector<std::string> &program, int errorPipe, int tap) {
     std::vector<char *> arguments;
     for (const std::string &argument : program)
         arguments.push_back(const_cast<char *>(argument.c_str()));
@@ -36,6 +39,7 @@ pid_t spawn(const std::vector<std::string> &program, int errorPipe) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, errorPipe, STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, tap, tap); // which keeps it open in the program
     pid_t pid = 0;
     const int error =
         posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ);
@@ -46,50 +50,66 @@ pid_t spawn(const std::vector<std::string> &program, int errorPipe) {
     return pid;
 }
 
+// Passes on what has arrived at the tap.
+void readTap(int tap, nelvo::client::TapReader &reader) {
+    char buffer[65536];
+    for (ssize_t size; (size = recv(tap, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+        reader.take(buffer, static_cast<std::size_t>(size));
+}
+
 // Reads until the program and all its children have closed their stderr.
-void readLines(int pipe, const std::function<void(const std::string &)> &line,
-               const std::function<void()> &quiet) {
+void readAll(int errors, int tap, const Watcher &watcher) {
+    nelvo::client::TapReader reader;
+    reader.event = watcher.passed;
     std::string pending;
     char buffer[4096];
     for (;;) {
-        pollfd polled = {pipe, POLLIN, 0};
-        if (poll(&polled, 1, QUIET_MILLISECONDS) == 0) {
-            quiet();
-            poll(&polled, 1, -1);
+        pollfd polled[] = {{errors, POLLIN, 0}, {tap, POLLIN, 0}};
+        if (poll(polled, 2, QUIET_MILLISECONDS) == 0) {
+            watcher.quiet();
+            poll(polled, 2, -1);
         }
-        const ssize_t size = read(pipe, buffer, sizeof buffer);
-        if (size < 0 && errno == EINTR)
+        // The lines first: what led to them has passed before, and is handled before.
+        const bool hasLines = polled[0].revents != 0;
+        const ssize_t size = hasLines ? read(errors, buffer, sizeof buffer) : 0;
+        if (polled[1].revents & POLLHUP)
+            tap = -1; // which poll() passes over
+        readTap(polled[1].fd, reader);
+        if (!hasLines || (size < 0 && errno == EINTR))
             continue;
         if (size <= 0)
             break;
         pending.append(buffer, static_cast<std::size_t>(size));
         for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
-            line(pending.substr(0, end));
+            watcher.line(pending.substr(0, end));
             pending.erase(0, end + 1);
         }
     }
     if (!pending.empty())
-        line(pending);
+        watcher.line(pending);
 }
 
 } // namespace
 
 int runAndRead(const std::vector<std::string> &program,
                const std::vector<std::pair<std::string, std::string>> &environment,
-               const std::function<void(const std::string &)> &line,
-               const std::function<void()> &quiet) {
+               const Watcher &watcher) {
+    int errors[2], tap[2]; // ours, the program's
+    if (pipe2(errors, O_CLOEXEC) != 0 ||
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, tap) != 0)
+        throw Failure(Cause::INTERNAL,
+                      std::string("there is no way to watch the program: ") + std::strerror(errno));
     for (const auto &[name, value] : environment)
         setenv(name.c_str(), value.c_str(), 1);
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        throw Failure(Cause::INTERNAL,
-                      std::string("a pipe could not be created: ") + std::strerror(errno));
+    setenv(HOST_TAP_VARIABLE, std::to_string(tap[1]).c_str(), 1);
     std::signal(SIGINT, passOn);
     std::signal(SIGTERM, passOn);
-    child = spawn(program, ends[1]);
-    close(ends[1]);
-    readLines(ends[0], line, quiet);
-    close(ends[0]);
+    child = spawn(program, errors[1], tap[1]);
+    close(errors[1]);
+    close(tap[1]);
+    readAll(errors[0], tap[0], watcher);
+    close(errors[0]);
+    close(tap[0]);
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }

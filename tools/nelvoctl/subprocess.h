@@ -6,17 +6,26 @@
 #include <utility>
 #include <vector>
 
+#include "client/tap_reader.h"
+
 namespace nelvoctl {
 
-// Runs a program with additional environment variables. Redirects the program's stdout to this
-// process's stderr, and calls line() for each line of the program's stderr; calls quiet() when no
-// line has come for a while. Ctrl-C and SIGTERM end the program, and this function waits for that.
+// What to do with what a program says.
+struct Watcher {
+    std::function<void(const std::string &)> line; // of its stderr
+    std::function<void()> quiet;                   // when no line has come for a while
+    // What passed between the program and a client. Called before the lines that the program has
+    // written since.
+    std::function<void(const nelvo::client::TapEvent &)> passed;
+};
+
+// Runs a program with additional environment variables, and redirects its stdout to this process's
+// stderr. Ctrl-C and SIGTERM end the program, and this function waits for that.
 //
 // Returns the program's exit code, or minus the signal that ended it, or 0 if that signal was
 // Ctrl-C's or SIGTERM. Throws Failure if the program cannot be started.
 int runAndRead(const std::vector<std::string> &program,
                const std::vector<std::pair<std::string, std::string>> &environment,
-               const std::function<void(const std::string &)> &line,
-               const std::function<void()> &quiet);
+               const Watcher &watcher);
 
 } // namespace nelvoctl

@@ -6,9 +6,12 @@
 
 namespace nelvoctl {
 
-void Timeline::open(double time, const std::string &actionId) {
+void Timeline::open(double time) {
+    ++_count;
+    if (_open && _open->ended == 0)
+        _open->supersededBy = _count;
     close(time, "superseded");
-    _open = TracedRequest{++_count, _client, actionId, _arrival, 0, 0, 0, ""};
+    _open = TracedRequest{_count, _client, _actionId, _arrival, 0, 0, 0, "", 0};
 }
 
 // Keeps the time of the first answer.
@@ -37,17 +40,20 @@ void Timeline::take(double time, const std::string &function, const std::string 
     switch (event) {
     case LogEvent::ARRIVED:
         _arrival = time;
+        _actionId = _arrived.empty() ? "?" : _arrived.front();
+        if (!_arrived.empty())
+            _arrived.pop_front();
         break;
     case LogEvent::SENDER:
     case LogEvent::REFUSED:
         _client = detail;
         break;
     case LogEvent::STATE_REQUEST:
-        open(time, nelvo::client::STATE_ACTION_ID);
+        open(time);
         _open->called = time; // the log says nothing of the callback itself
         break;
     case LogEvent::ACTION_REQUEST:
-        open(time, "?");
+        open(time);
         break;
     case LogEvent::STOPPED:
         close(time, "dropped by the shut-down");
@@ -62,15 +68,14 @@ void Timeline::take(double time, const std::string &function, const std::string 
         break;
     default:
         if (_open)
-            takeOpen(event, time, detail);
+            takeOpen(event, time);
     }
 }
 
 // An event that can only belong to the open request.
-void Timeline::takeOpen(nelvo::client::LogEvent event, double time, const std::string &detail) {
+void Timeline::takeOpen(nelvo::client::LogEvent event, double time) {
     using nelvo::client::LogEvent;
     if (event == LogEvent::CALLBACK_FOUND) {
-        _open->actionId = detail;
         _open->called = time;
     } else if (event == LogEvent::NO_STATE_CALLBACK) {
         _open->called = 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
@@ -13,12 +14,13 @@ namespace nelvoctl {
 struct TracedRequest {
     int number = 0;
     std::string client;
-    std::string actionId; // "?" while nothing is registered: the log does not name it then
+    std::string actionId; // "?" if nothing shows it
     double arrived = 0;
     double called = 0; // the application's callback
     double completed = 0;
     double ended = 0;
-    std::string outcome; // "answered", or what happened instead
+    std::string outcome;  // "answered", or what happened instead
+    int supersededBy = 0; // the number of the request that overtook this one; 0: none did
 };
 
 // Reconstructs the requests of an application from the lines that the library logs.
@@ -31,16 +33,21 @@ public:
     // A completion that came after the request had ended.
     std::function<void(const std::string &text)> ignoredReport;
 
+    // The content of a request that has reached the application. To be called before the lines that the
+    // library logs about that request.
+    void arrives(const std::string &actionId) { _arrived.push_back(actionId); }
     // One log entry: the function's name, and the text after "function(): ".
     void take(double time, const std::string &function, const std::string &text);
     // To be called when nothing has been logged for a while, or nothing more will be.
     void rest();
 
 private:
-    void takeOpen(nelvo::client::LogEvent event, double time, const std::string &detail);
-    void open(double time, const std::string &actionId);
+    void takeOpen(nelvo::client::LogEvent event, double time);
+    void open(double time);
     void close(double time, const std::string &outcome);
 
+    std::deque<std::string> _arrived; // action ids that the log has not come to yet
+    std::string _actionId;            // of the request that the log speaks of
     double _arrival = 0;
     std::string _client;
     std::optional<TracedRequest> _open;

@@ -15,6 +15,7 @@ namespace nelvoctl {
 
 namespace {
 
+using nelvo::client::TapEvent;
 using nlohmann::json;
 
 double milliseconds(double from, double to) {
@@ -63,6 +64,14 @@ public:
         }
     }
 
+    void take(const TapEvent &event) {
+        char *actionId = nullptr;
+        if (event.kind == TapEvent::Kind::REQUEST)
+            bundle_get_str(event.content.get(), "actionId", &actionId);
+        if (event.kind == TapEvent::Kind::REQUEST)
+            _timeline.arrives(actionId ? actionId : "?");
+    }
+
     void rest() { _timeline.rest(); }
 
     void writeChrome() const {
@@ -86,16 +95,21 @@ private:
                         {"callbackMilliseconds", called < 0 ? json() : json(called)},
                         {"completedMilliseconds", completed < 0 ? json() : json(completed)},
                         {"endedMilliseconds", ended},
-                        {"outcome", request.outcome}}));
+                        {"outcome", request.outcome},
+                        {"supersededBy",
+                         request.supersededBy > 0 ? json(request.supersededBy) : json()}}));
             return;
         }
         char head[64];
         std::snprintf(head, sizeof head, "%3d %10.3f s  ", request.number,
                       request.arrived - _start);
         const bool answered = request.outcome == "answered";
+        const std::string by =
+            request.supersededBy > 0 ? " by " + std::to_string(request.supersededBy) : "";
         print(paint(Colour::DIM, head) + padded(printable(request.actionId), 16) + "  " +
               column("callback", called) + column("completed", completed) + column("ended", ended) +
-              "  " + paint(answered ? Colour::GREEN : Colour::YELLOW, printable(request.outcome)) +
+              "  " +
+              paint(answered ? Colour::GREEN : Colour::YELLOW, printable(request.outcome) + by) +
               "  " + printable(request.client));
     }
 
@@ -128,9 +142,10 @@ private:
 
 int runTrace(const Options &options) {
     Trace trace(options);
-    const int status = runAndRead(
-        options.program, {{"NELVO_LOG", "debug"}, {"NELVO_LOG_TIME", "1"}},
-        [&](const std::string &line) { trace.take(line); }, [&] { trace.rest(); });
+    const int status =
+        runAndRead(options.program, {{"NELVO_LOG", "debug"}, {"NELVO_LOG_TIME", "1"}},
+                   {[&](const std::string &line) { trace.take(line); }, [&] { trace.rest(); },
+                    [&](const TapEvent &event) { trace.take(event); }});
     trace.rest();
     if (!options.file.empty())
         trace.writeChrome();

@@ -155,22 +155,31 @@ class File:
             self.add(match.start(1), end, ALL[match.group(1)])
 
     def exchange_statements(self):
-        """Neighbours whose order the compiler does not enforce: statements that do something, and checks that
-        end a function."""
+        """Neighbours whose order may matter and the compiler does not enforce: statements that do something
+        with the same variable, and checks that end a function in different ways."""
         assignment_or_call = re.compile(r"[\w:.*>\[\]()-]+ [-+*/|]?= |[\w:.*>\[\]-]+(?:\([^()]*\)->\w+)*\(")
         steps = [(start, end + 1) for start, end in statements(self.code)
                  if assignment_or_call.match(self.code, start)
-                 and not self.code.startswith(("return", "throw"), start)]
+                 and not self.code.startswith(("return", "throw"), start)
+                 and not re.search(r"= (default|delete)$", self.code[start:end])]
         checks = []
         for match in re.finditer(r"\bif \(", self.code):
             way_out = re.compile(r"\s*(?:return|throw)\b[^;{}]*;").match(
                 self.code, closing(self.code, match.end() - 1) + 1)
             if way_out:
                 checks.append((match.start(), way_out.end()))
+        variable = re.compile(r"\b[A-Za-z_]\w*\b(?!\s*\(|::|->)") # neither a function nor an object's pointer
+
+        def matters(start, middle, begin, end):
+            first, second = self.code[start:middle], self.code[begin:end]
+            if first.startswith("if "):
+                return first.rsplit(None, 2)[-2:] != second.rsplit(None, 2)[-2:]
+            return set(variable.findall(first)) & set(variable.findall(second)) - {"nullptr"}
+
         for found in (steps, checks):
             for (start, middle), (begin, end) in zip(found, found[1:]):
                 between = self.text[middle:begin]
-                if not self.code[middle:begin].strip():
+                if not self.code[middle:begin].strip() and matters(start, middle, begin, end):
                     self.add(start, end, self.text[begin:end] + between + self.text[start:middle])
 
     def break_statements(self):
@@ -196,8 +205,9 @@ class File:
             value = match.group()
             self.add(match.start(), match.end(),
                      str(float(value) * 2) if "." in value else str(int(value) + 1))
-        for match in re.finditer(r'"(?:\\.|[^"\\\n])*"', self.text):
+        text = re.sub(r"__attribute__\(.*\)\)", blank, self.text)
+        for match in re.finditer(r'"(?:\\.|[^"\\\n])*"', text):
             line = self.text[self.text.rfind("\n", 0, match.start()) + 1:match.start()]
             logged = any(start < match.start() < end for start, end in self.logs)
-            if not logged and not re.match(r"\s*(#|//)", line):
+            if not logged and "//" not in line and not line.lstrip().startswith("#"):
                 self.add(match.end() - 1, match.end() - 1, "X")

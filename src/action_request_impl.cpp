@@ -46,7 +46,6 @@ void ActionRequestImpl::_initInstance() {
 }
 
 int ActionRequestImpl::deinitialize() {
-    _fireRetryCount = 0;
     cancelTimer(_actionExecutionFireTimer);
     _actionRequestBundle = Bundle(nullptr);
     cancelTimer(_completeActionExecutionTimer);

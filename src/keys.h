@@ -5,8 +5,6 @@ namespace nelvo {
 
 // Entries of a request. The library itself uses neither type nor parameters.
 inline constexpr const char *ACTION_ID = "actionId";
-inline constexpr const char *ACTION_TYPE = "actionType";
-inline constexpr const char *ACTION_PARAMS = "actionParams";
 inline constexpr const char *REQUEST_ID = "requestId"; // 8 bytes; in every response too
 
 // The action id that asks for the application's state.

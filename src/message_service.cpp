@@ -45,7 +45,7 @@ Lines readLines(std::FILE *file) {
 // wait for whoever writes to a pipe.
 std::optional<Lines> readLinesOf(const char *path) {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
+    if (fd == -1)
         return std::nullopt;
     struct stat status {}; // of no kind if fstat() fails
     fstat(fd, &status);

@@ -84,7 +84,9 @@ const Play::Step Play::STEPS[] = {
     {'O', "complete the one before it", [](Play &play) { play.complete(play._former, false); }},
     {'P', "complete the latest as one of the other kind",
      [](Play &play) { play.complete(play._latest, true); }},
-    {'G', "ask for the name of the latest", [](Play &play) { play.askName(); }},
+    {'G', "ask for the name of the latest", [](Play &play) { play.askName(play._latest.handler); }},
+    {'g', "ask for the name of the one before",
+     [](Play &play) { play.askName(play._former.handler); }},
     {'2', "the next step is the second client's", [](Play &play) { play._who = 1; }},
     {'C', "connect", [](Play &play) { play.connect(false); }},
     {'J', "connect and register the response callback", [](Play &play) { play.connect(true); }},
@@ -502,12 +504,12 @@ void Play::completeForeign() {
     }
 }
 
-void Play::askName() {
+void Play::askName(void *handler) {
     char *name = nullptr;
-    if (!_latest.handler)
+    if (!handler)
         return;
-    const bool known = _recorded == *static_cast<int *>(_latest.handler);
-    expect("get_action_name", library(nelvo_get_action_name, _latest.handler, &name),
+    const bool known = _recorded == *static_cast<int *>(handler);
+    expect("get_action_name", library(nelvo_get_action_name, handler, &name),
            known ? NELVO_ERROR_NONE : NELVO_ERROR_OPERATION_FAILED);
     if (checksModel() && known && (!name || _pendingAction != name))
         complain("wrong name");

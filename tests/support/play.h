@@ -68,7 +68,7 @@ private:
     void registered(const std::string &id, bool isAdded, int result);
     void complete(const Called &request, bool asOther);
     void completeForeign();
-    void askName();
+    void askName(void *handler);
     void connect(bool registers);
     void unregister();
     void disconnect();

@@ -23,6 +23,7 @@ enum class Cause {
     APP_TIMEOUT,
     OUTPUT,
     CATALOGUE,
+    DIFFERENT,
     USAGE,
     NOT_STARTED,
     NOBODY_LISTENS,

@@ -23,8 +23,8 @@ namespace nelvoctl {
 
 namespace {
 
-const Command *const COMMANDS[] = {&LIST,  &ACTIONS, &CALL,   &STATE, &WATCH,
-                                   &SHELL, &BENCH,   &DOCTOR, &TRACE, &MCP};
+const Command *const COMMANDS[] = {&LIST,  &ACTIONS, &CALL,  &STATE,  &WATCH,  &SHELL,
+                                   &BENCH, &DOCTOR,  &TRACE, &RECORD, &REPLAY, &MCP};
 
 constexpr std::size_t LARGEST_PARAMS = std::size_t{16} << 20;
 
@@ -82,7 +82,8 @@ int perform(const Command &command, const Options &options) {
                       std::string("the main loop cannot be started: ") + std::strerror(errno));
     const std::unique_ptr<const Command, void (*)(const Command *)> loop(
         &command, [](const Command *) { ecore_shutdown(); });
-    if (command.run != TRACE.run) // whose application is not to take our id over
+    if (command.run != TRACE.run &&
+        command.run != RECORD.run) // whose application is not to take our id over
         becomeClient(options.target.clientId);
     return command.run(options);
 }

@@ -24,6 +24,9 @@ struct Options {
     std::vector<std::string> appIds;
     std::vector<std::string> catalogues; // FILE or APP_ID=FILE
     bool isReadOnly = false;
+    double speed = 1;
+    bool isFast = false;
+    std::vector<std::string> ignored; // JSON pointers
 };
 
 struct Command {
@@ -35,7 +38,8 @@ struct Command {
     int (*run)(const Options &options);
 };
 
-extern const Command LIST, ACTIONS, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE, MCP;
+extern const Command LIST, ACTIONS, CALL, STATE, WATCH, SHELL, BENCH, DOCTOR, TRACE, RECORD, REPLAY,
+    MCP;
 
 // Declare arguments that several commands share.
 CLI::Option *addAppId(CLI::App &arguments, std::string &appId);

@@ -10,6 +10,7 @@
 #include <Ecore.h>
 
 #include "output.h"
+#include "recorder.h"
 
 namespace nelvoctl {
 
@@ -18,6 +19,7 @@ namespace {
 using nelvo::client::BundlePtr;
 using nelvo::client::Reply;
 using nelvo::client::Response;
+using Kind = nelvo::client::TapEvent::Kind;
 
 constexpr double RETRY_SECONDS = 0.05;
 
@@ -25,7 +27,10 @@ constexpr double RETRY_SECONDS = 0.05;
 
 Link::Link(const Target &target) : _target(target) {
     const std::string &app = _target.appId;
-    _proxy.events.connected = [this] { finish(nullptr); };
+    _proxy.events.connected = [this] {
+        record(Kind::CONNECTED);
+        finish(nullptr);
+    };
     _proxy.events.rejected = [this] { explainConnecting(false); };
     _proxy.events.disconnected = [this, app] {
         _ended = Failure(Cause::CONNECTION_LOST,
@@ -34,6 +39,7 @@ Link::Link(const Target &target) : _target(target) {
             fail(*_ended);
     };
     _proxy.events.answered = [this](const nelvo::client::Answer &answer) {
+        record(Kind::ANSWER, answer.response.content.get());
         // Answers to an earlier client with the same id arrive here as well.
         if (!_done || answer.response.requestId != _request.requestId)
             return;
@@ -43,6 +49,25 @@ Link::Link(const Target &target) : _target(target) {
     _proxy.events.malformed = [app](const char *reason) {
         note("ignored a message of " + app + " that is no answer: " + reason);
     };
+}
+
+Link::~Link() {
+    record(Kind::GONE);
+}
+
+// A file that cannot be written ends the recording, not what is recorded.
+void Link::record(Kind kind, bundle *content) {
+    if (!_target.recorder || (_recorded == 0 && kind != Kind::CONNECTED))
+        return;
+    try {
+        if (kind == Kind::CONNECTED)
+            _recorded = _target.recorder->connect(_target.appId, _target.clientId);
+        else
+            _target.recorder->add(_recorded, kind, content);
+    } catch (const Failure &failure) {
+        note(failure.message + "; nothing more is recorded");
+        _target.recorder.reset();
+    }
 }
 
 // The last thing that any step does: done may destroy the link.
@@ -98,6 +123,8 @@ void Link::registerCallback(Done done) {
     const Reply reply = _proxy.setCb();
     _done = std::move(done); // not before: a lost connection is explained below
     if (reply.ok())
+        record(Kind::REGISTERED);
+    if (reply.ok())
         finish(nullptr);
     else if (reply.error == RPC_PORT_ERROR_NONE)
         fail(explainRefusedCallback(_target));
@@ -116,6 +143,8 @@ void Link::ask(const std::string &actionId, const std::optional<std::string> &pa
     const int error = !bundle  ? RPC_PORT_ERROR_OUT_OF_MEMORY
                       : _ended ? RPC_PORT_ERROR_NONE
                                : _proxy.send(bundle.get());
+    if (bundle && !_ended && error == RPC_PORT_ERROR_NONE)
+        record(Kind::REQUEST, bundle.get());
     const std::string what = "the request to " + _target.appId;
     if (error == RPC_PORT_ERROR_INVALID_PARAMETER)
         return fail({Cause::USAGE, what + " is larger than 16 MiB, the most that can be sent"});

@@ -8,13 +8,17 @@
 
 #include "cause.h"
 #include "client/message_proxy.h"
+#include "client/tap_reader.h"
 #include "diagnosis.h"
 #include "timer.h"
 
 namespace nelvoctl {
 
+class Recorder;
+
 // Which application to ask, as which client, and how long to wait.
 struct Target {
+    std::shared_ptr<Recorder> recorder; // null: nothing is recorded
     std::string appId;
     std::string clientId = "nelvo.client"; // who the process is; for messages here
     // For connecting, and again for each answer. Longer than the library waits for the application,
@@ -37,6 +41,9 @@ public:
     using Done = std::function<void(const Failure *)>;
 
     explicit Link(const Target &target);
+    Link(const Link &) = delete;
+    Link &operator=(const Link &) = delete;
+    ~Link();
 
     void connect(Done done);
     void registerCallback(Done done);
@@ -51,9 +58,11 @@ private:
     void startTimer(double seconds, std::function<void()> then);
     void probeThen(std::function<Failure(const Probe &)> explain);
     void finish(const Failure *failure);
+    void record(nelvo::client::TapEvent::Kind kind, bundle *content = nullptr);
     void fail(const Failure &failure) { finish(&failure); }
 
-    const Target _target;
+    Target _target;
+    int _recorded = 0; // the recorder's number for the connection; 0: none
     nelvo::client::MessageProxy _proxy;
     nelvo::client::Request _request;
     nelvo::client::Response _response;

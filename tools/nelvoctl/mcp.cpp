@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "mcp_server.h"
 #include "output.h"
+#include "recorder.h"
 #include "timer.h"
 
 namespace nelvoctl {
@@ -99,6 +100,8 @@ McpServer::Settings settingsOf(const Options &options) {
     McpServer::Settings settings;
     settings.applications.named = options.appIds;
     settings.applications.target = options.target;
+    if (!options.file.empty())
+        settings.applications.target.recorder = std::make_shared<Recorder>(options.file);
     settings.isReadOnly = options.isReadOnly;
     settings.intervalSeconds = options.intervalSeconds;
     for (const std::string &given : options.catalogues) {
@@ -135,6 +138,9 @@ const Command MCP = {
                         "The actions of an application, also while it does not run")
             ->type_name("[APP_ID=]FILE")
             ->allow_extra_args(false);
+        arguments
+            .add_option("--record", options.file, "Keep what is asked and answered in this file")
+            ->type_name("FILE");
         arguments.add_flag("--read-only", options.isReadOnly,
                            "Offer only actions that are declared as read-only, and the state");
     },

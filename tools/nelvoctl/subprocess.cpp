@@ -120,4 +120,9 @@ int runAndRead(const std::vector<std::string> &program,
     return signal == SIGINT || signal == SIGTERM ? 0 : -signal;
 }
 
+std::string explainEnd(const std::string &program, int status) {
+    return program + (status > 0 ? " ended with exit code " : " was ended by signal ") +
+           std::to_string(std::abs(status));
+}
+
 } // namespace nelvoctl

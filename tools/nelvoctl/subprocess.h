@@ -28,4 +28,7 @@ int runAndRead(const std::vector<std::string> &program,
                const std::vector<std::pair<std::string, std::string>> &environment,
                const Watcher &watcher);
 
+// How a program ended that runAndRead() gave a status for that is not 0.
+std::string explainEnd(const std::string &program, int status);
+
 } // namespace nelvoctl

@@ -150,10 +150,7 @@ int runTrace(const Options &options) {
     if (!options.file.empty())
         trace.writeChrome();
     if (status != 0)
-        throw Failure(Cause::FAILURE,
-                      options.program[0] +
-                          (status > 0 ? " ended with exit code " : " was ended by signal ") +
-                          std::to_string(std::abs(status)));
+        throw Failure(Cause::FAILURE, explainEnd(options.program[0], status));
     return EXIT_CODE_SUCCESS;
 }
 

@@ -85,6 +85,16 @@ TEST_F(PlayerTest, DeclaresWhatItRegisters) {
     EXPECT_THROW(compareCatalogue("absent.json"), std::runtime_error);
 }
 
+// Recorded from a person at nelvoctl: 31 s, in which one request is overtaken and one times out.
+TEST_F(PlayerTest, AnswersAsItDidInARecordedSession) {
+    EXPECT_EQ(replay(SESSION), std::vector<std::string>());
+    const std::vector<std::string> again = replay(SESSION, {"/appContext/position"});
+    ASSERT_EQ(again.size(), 3u) << "the state has changed meanwhile";
+    EXPECT_EQ(again[0], "the answer to request 1, getAppContext:");
+    EXPECT_EQ(again[1], R"(- appContext: {"playing":false,"shuffled":false,"volume":50})");
+    EXPECT_EQ(again[2], R"(+ appContext: {"playing":false,"shuffled":true,"volume":30})");
+}
+
 TEST_F(PlayerTest, ShufflesTheLatestPlaylistOnly) {
     ask("load_playlist");
     device.advance(0.05);

@@ -314,6 +314,25 @@ NELVO_TESTKIT_API int stopFailing();
  */
 NELVO_TESTKIT_API std::vector<std::string> compareCatalogue(const std::string &file);
 
+/**
+ * Plays a recorded session against the application on the simulated device, in virtual time: its clients
+ * connect, ask and go when they did, and what they get is compared.
+ *
+ * Start from the state in which the recording began. A session of minutes takes milliseconds.
+ *
+ * @param file     written by nelvoctl record
+ * @param ignored  what is not compared, as JSON pointers into an answer and into texts of it that are JSON:
+ *                 "/appContext/position"
+ *
+ * @return the differences: a line that names the request, then "- " and what was recorded, "+ " and what came;
+ *         empty when there are none
+ *
+ * @throws std::runtime_error     the file can't be read or holds no session
+ * @throws std::invalid_argument  one of the pointers is none
+ */
+NELVO_TESTKIT_API std::vector<std::string> replay(const std::string &file,
+                                                  const std::vector<std::string> &ignored = {});
+
 } // namespace nelvo::testkit
 
 #endif

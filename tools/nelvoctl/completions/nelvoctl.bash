@@ -8,7 +8,7 @@ _nelvoctl() {
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if [[ $skip ]]; then
             skip=
-        elif [[ $word == --@(timeout|wait|as|interval|count|chrome|manifest|check|catalogue|output) || $word == -[no] ]]; then
+        elif [[ $word == --@(timeout|wait|as|interval|count|chrome|manifest|check|catalogue|output|speed|ignore|record) || $word == -[no] ]]; then
             skip=yes
         elif [[ $word != -* ]]; then
             if [[ ! $command ]]; then
@@ -21,7 +21,7 @@ _nelvoctl() {
     done
 
     if [[ $skip ]]; then
-        [[ $previous != --@(chrome|manifest|check|catalogue) ]] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        [[ $previous != --@(chrome|manifest|check|catalogue|record) ]] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
         [[ $previous != -o && $previous != --output ]] || mapfile -t COMPREPLY < <(compgen -W 'json text' -- "$current")
         return
     elif [[ $current == -* ]]; then
@@ -33,17 +33,18 @@ _nelvoctl() {
         bench) choices+=' --timeout --wait --as --count' ;;
         doctor) choices+=' --timeout --wait --as --manifest' ;;
         trace) choices+=' --chrome' ;;
+        replay) choices+=' --timeout --speed --as-fast-as-possible --ignore' ;;
         actions) choices+=' --check' ;;
-        mcp) choices+=' --timeout --as --interval --catalogue --read-only' ;;
+        mcp) choices+=' --timeout --as --interval --catalogue --record --read-only' ;;
         esac
     elif [[ ! $command ]]; then
-        choices='list actions call state watch shell bench doctor trace mcp help'
+        choices='list actions call state watch shell bench doctor trace record replay mcp help'
     elif [[ $command == help ]]; then
-        choices='list actions call state watch shell bench doctor trace mcp causes'
-    elif [[ $command == trace ]]; then
+        choices='list actions call state watch shell bench doctor trace record replay mcp causes'
+    elif [[ $command == @(trace|record) || ($command == replay && $arguments == 0) ]]; then
         mapfile -t COMPREPLY < <(compgen -c -f -- "$current")
         return
-    elif [[ $command == mcp || ($command != list && $arguments == 0) ]]; then
+    elif [[ $command == mcp || ($command != list && $arguments == 0) || $command == replay ]]; then
         choices=$("${COMP_WORDS[0]}" list --timeout 0.2 2>/dev/null | awk '{ print $1 }')
     elif [[ $command == @(call|bench) && $arguments == 1 ]]; then
         choices=$("${COMP_WORDS[0]}" actions "$app" 2>/dev/null | awk '{ print $1 }')

@@ -20,7 +20,7 @@ end
 function __nelvoctl_wants_app
     set --local words (commandline --tokenize --cut-at-cursor --current-process)
     set --local plain (string match --invert -- '-*' $words[2..])
-    test (count $plain) -eq 1; and not contains -- $plain[1] list trace help
+    test (count $plain) -eq 1; and not contains -- $plain[1] list trace record replay help
 end
 
 set --local asking call state watch shell bench doctor
@@ -29,7 +29,7 @@ complete --command nelvoctl --no-files
 complete --command nelvoctl --long json --description 'One JSON document on stdout, errors too'
 complete --command nelvoctl --short o --long output --exclusive --arguments 'json text' --description 'The form of the output'
 complete --command nelvoctl --long version --description 'Print the version'
-complete --command nelvoctl --condition '__fish_seen_subcommand_from help' --arguments 'list actions call state watch shell bench doctor trace mcp causes'
+complete --command nelvoctl --condition '__fish_seen_subcommand_from help' --arguments 'list actions call state watch shell bench doctor trace record replay mcp causes'
 complete --command nelvoctl --short h --long help --description 'Print help'
 complete --command nelvoctl --condition __nelvoctl_wants_app --arguments '(__nelvoctl_apps)'
 complete --command nelvoctl --condition '__nelvoctl_wants_action >/dev/null' --arguments '(__nelvoctl_actions)'
@@ -43,6 +43,8 @@ for line in 'list:List the applications that can be reached' \
     'bench:Measure how long an action takes' \
     'doctor:Check what can keep an application from answering' \
     'trace:Run an application and show what becomes of each request' \
+    'record:Run an application and keep what its clients ask and get' \
+    'replay:Ask again what a session holds, and compare the answers' \
     'mcp:Serve applications to an assistant, over MCP on stdin and stdout' \
     'help:Explain a command, or the causes that messages name'
     set --local parts (string split : $line)
@@ -59,3 +61,9 @@ complete --command nelvoctl --condition '__fish_seen_subcommand_from trace' --fo
 complete --command nelvoctl --condition '__fish_seen_subcommand_from actions' --long check --require-parameter --force-files --description 'Check this catalogue'
 complete --command nelvoctl --condition '__fish_seen_subcommand_from mcp' --long catalogue --require-parameter --force-files --description 'The actions of an application'
 complete --command nelvoctl --condition '__fish_seen_subcommand_from mcp' --long read-only --description 'Offer only what is declared as read-only'
+complete --command nelvoctl --condition '__fish_seen_subcommand_from record replay' --force-files
+complete --command nelvoctl --condition '__fish_seen_subcommand_from replay' --arguments '(__nelvoctl_apps)'
+complete --command nelvoctl --condition '__fish_seen_subcommand_from replay' --long speed --exclusive --description 'How much faster than recorded'
+complete --command nelvoctl --condition '__fish_seen_subcommand_from replay' --long as-fast-as-possible --description 'Without the pauses'
+complete --command nelvoctl --condition '__fish_seen_subcommand_from replay' --long ignore --exclusive --description 'A JSON pointer that is not compared'
+complete --command nelvoctl --condition '__fish_seen_subcommand_from mcp' --long record --require-parameter --force-files --description 'Keep what is asked and answered'

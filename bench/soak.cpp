@@ -651,7 +651,7 @@ void traceCalls(const std::string &player, Report &report) {
         R"(|(recvfrom|recvmsg|sendmsg|sendto)\(.*MSG_DONTWAIT.*)"
         R"(|openat\(.*allow_list\.dat".*)"
         R"(|(read|lseek)\(\d+<(/.*/allow_list\.dat|anon_inode:\[signalfd\])>.*)"
-        R"(|futex\(.*FUTEX_WAKE.*|(---|\+\+\+) .*)");
+        R"(|flock\(.*LOCK_UN.*|futex\(.*FUTEX_WAKE.*|(---|\+\+\+) .*)");
     const std::string log = std::getenv("NELVO_HOST_RUNTIME_DIR") + std::string("/calls");
     Ledger &ledger = Ledger::make(0, false);
     // -D: the child is the player, strace a grandchild.

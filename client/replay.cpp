@@ -10,7 +10,7 @@ namespace nelvo::client {
 namespace {
 
 using nlohmann::json;
-using Kind = TapEvent::Kind;
+using Kind = EventKind;
 
 constexpr double CONNECT_SECONDS = 5;
 constexpr double LATE_SECONDS = 0.05; // for answers that should not come

@@ -14,7 +14,7 @@ namespace nelvo::client {
 namespace {
 
 using nlohmann::json;
-using Kind = TapEvent::Kind;
+using Kind = EventKind;
 
 constexpr int VERSION = 1;
 constexpr const char *NAMES[] = {"connected", "registered", "unregistered",

@@ -10,14 +10,16 @@
 #include <nlohmann/json.hpp>
 
 #include "envelope.h"
-#include "tap_reader.h"
 
 namespace nelvo::client {
+
+// What passes between a client and an application.
+enum class EventKind { CONNECTED, REGISTERED, UNREGISTERED, REQUEST, ANSWER, GONE };
 
 // One event of a recorded session.
 struct SessionEvent {
     double seconds = 0; // since the start
-    TapEvent::Kind kind = TapEvent::Kind::GONE;
+    EventKind kind = EventKind::GONE;
     int connection = 0;
     std::string client;     // its id
     std::string app;        // which application; empty: the session has only one

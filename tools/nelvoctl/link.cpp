@@ -19,7 +19,7 @@ namespace {
 using nelvo::client::BundlePtr;
 using nelvo::client::Reply;
 using nelvo::client::Response;
-using Kind = nelvo::client::TapEvent::Kind;
+using Kind = nelvo::client::EventKind;
 
 constexpr double RETRY_SECONDS = 0.05;
 

@@ -8,7 +8,7 @@
 
 #include "cause.h"
 #include "client/message_proxy.h"
-#include "client/tap_reader.h"
+#include "client/session.h"
 #include "diagnosis.h"
 #include "timer.h"
 
@@ -58,7 +58,7 @@ private:
     void startTimer(double seconds, std::function<void()> then);
     void probeThen(std::function<Failure(const Probe &)> explain);
     void finish(const Failure *failure);
-    void record(nelvo::client::TapEvent::Kind kind, bundle *content = nullptr);
+    void record(nelvo::client::EventKind kind, bundle *content = nullptr);
     void fail(const Failure &failure) { finish(&failure); }
 
     Target _target;

@@ -22,7 +22,7 @@ int runRecord(const Options &options) {
     const int status =
         runAndRead(options.program, {},
                    {[](const std::string &line) { std::fprintf(stderr, "%s\n", line.c_str()); },
-                    [] {}, [&](const nelvo::client::TapEvent &event) { recorder.add(event); }});
+                    [] {}, [&](const TapEvent &event) { recorder.add(event); }});
     if (status != 0)
         throw Failure(Cause::FAILURE, explainEnd(options.program[0], status));
     return EXIT_CODE_SUCCESS;

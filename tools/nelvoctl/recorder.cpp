@@ -11,8 +11,7 @@
 namespace nelvoctl {
 
 using nelvo::client::SessionEvent;
-using nelvo::client::TapEvent;
-using Kind = TapEvent::Kind;
+using Kind = nelvo::client::EventKind;
 
 namespace {
 

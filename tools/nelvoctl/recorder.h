@@ -5,6 +5,7 @@
 #include <string>
 
 #include "client/session.h"
+#include "tap_reader.h"
 
 namespace nelvoctl {
 
@@ -14,10 +15,10 @@ public:
     explicit Recorder(const std::string &path);
 
     // What passed between an application and its clients, at that time.
-    void add(const nelvo::client::TapEvent &event);
+    void add(const TapEvent &event);
     // What this process did as a client of that application. The connection is a number that connect() gave.
     int connect(const std::string &app, const std::string &client);
-    void add(int connection, nelvo::client::TapEvent::Kind kind, bundle *content = nullptr);
+    void add(int connection, nelvo::client::EventKind kind, bundle *content = nullptr);
 
 private:
     struct Connection {

@@ -51,7 +51,7 @@ pid_t spawn(const std::vector<std::string> &program, int errorPipe, int tap) {
 }
 
 // Passes on what has arrived at the tap.
-void readTap(int tap, nelvo::client::TapReader &reader) {
+void readTap(int tap, TapReader &reader) {
     char buffer[65536];
     for (ssize_t size; (size = recv(tap, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
         reader.take(buffer, static_cast<std::size_t>(size));
@@ -59,7 +59,7 @@ void readTap(int tap, nelvo::client::TapReader &reader) {
 
 // Reads until the program and all its children have closed their stderr.
 void readAll(int errors, int tap, const Watcher &watcher) {
-    nelvo::client::TapReader reader;
+    TapReader reader;
     reader.event = watcher.passed;
     std::string pending;
     char buffer[4096];

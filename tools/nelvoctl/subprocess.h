@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/tap_reader.h"
+#include "tap_reader.h"
 
 namespace nelvoctl {
 
@@ -16,7 +16,7 @@ struct Watcher {
     std::function<void()> quiet;                   // when no line has come for a while
     // What passed between the program and a client. Called before the lines that the program has
     // written since.
-    std::function<void(const nelvo::client::TapEvent &)> passed;
+    std::function<void(const TapEvent &)> passed;
 };
 
 // Runs a program with additional environment variables, and redirects its stdout to this process's

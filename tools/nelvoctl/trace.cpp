@@ -15,7 +15,6 @@ namespace nelvoctl {
 
 namespace {
 
-using nelvo::client::TapEvent;
 using nlohmann::json;
 
 double milliseconds(double from, double to) {
@@ -66,9 +65,9 @@ public:
 
     void take(const TapEvent &event) {
         char *actionId = nullptr;
-        if (event.kind == TapEvent::Kind::REQUEST)
+        if (event.kind == nelvo::client::EventKind::REQUEST)
             bundle_get_str(event.content.get(), "actionId", &actionId);
-        if (event.kind == TapEvent::Kind::REQUEST)
+        if (event.kind == nelvo::client::EventKind::REQUEST)
             _timeline.arrives(actionId ? actionId : "?");
     }
 

@@ -7,14 +7,14 @@
 
 #include <bundle.h>
 
-namespace nelvo::client {
+#include "client/session.h"
+
+namespace nelvoctl {
 
 // What passed between a client and a served port.
 struct TapEvent {
-    enum class Kind { CONNECTED, REGISTERED, UNREGISTERED, REQUEST, ANSWER, GONE };
-
     double seconds; // of the monotonic clock
-    Kind kind;
+    nelvo::client::EventKind kind;
     std::string connection;          // unique in the process
     std::string client;              // its id
     std::shared_ptr<bundle> content; // of a request or an answer; null if it holds none
@@ -33,4 +33,4 @@ private:
     std::string _pending; // the beginning of an event
 };
 
-} // namespace nelvo::client
+} // namespace nelvoctl

@@ -9,13 +9,14 @@
 
 #include <host/tap.h>
 
-#include "message_proxy.h"
+#include "client/message_proxy.h"
 
-namespace nelvo::client {
+namespace nelvoctl {
 
 namespace {
 
-using Kind = TapEvent::Kind;
+using nelvo::client::Answer, nelvo::client::BundlePtr, nelvo::client::ParcelPtr;
+using Kind = nelvo::client::EventKind;
 
 // Empty if the parcel is none of the interface.
 std::optional<std::pair<Kind, std::shared_ptr<bundle>>> readParcel(bool isReceived,
@@ -25,16 +26,16 @@ std::optional<std::pair<Kind, std::shared_ptr<bundle>>> readParcel(bool isReceiv
         return std::nullopt;
     if (!isReceived) {
         Answer answer;
-        if (readAnswer(parcel.get(), answer))
+        if (nelvo::client::readAnswer(parcel.get(), answer))
             return std::nullopt;
         return {{Kind::ANSWER, answer.response.content}};
     }
-    int method = RESULT;
+    int method = nelvo::client::RESULT;
     if (rpc_port_parcel_read_int32(parcel.get(), &method) != RPC_PORT_ERROR_NONE)
         return std::nullopt;
-    if (method == SET_CB || method == UNSET_CB)
-        return {{method == SET_CB ? Kind::REGISTERED : Kind::UNREGISTERED, nullptr}};
-    if (method != SEND)
+    if (method == nelvo::client::SET_CB || method == nelvo::client::UNSET_CB)
+        return {{method == nelvo::client::SET_CB ? Kind::REGISTERED : Kind::UNREGISTERED, nullptr}};
+    if (method != nelvo::client::SEND)
         return std::nullopt;
     bundle *content = nullptr;
     if (rpc_port_parcel_read_bundle(parcel.get(), &content) != RPC_PORT_ERROR_NONE)
@@ -77,4 +78,4 @@ bool TapReader::takeEvent() {
     return true;
 }
 
-} // namespace nelvo::client
+} // namespace nelvoctl

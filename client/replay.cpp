@@ -52,7 +52,10 @@ void Replay::pass(double seconds) {
 void Replay::play(const SessionEvent &event) {
     if (event.kind == Kind::CONNECTED)
         return connect(event);
-    Connection &connection = *_connections.at(event.connection);
+    const auto found = _connections.find(event.connection);
+    if (found == _connections.end())
+        return; // another application's
+    Connection &connection = *found->second;
     const std::string who =
         "connection " + std::to_string(event.connection) + ", " + event.client + ": ";
     if (event.kind == Kind::REQUEST) {
@@ -74,8 +77,8 @@ void Replay::play(const SessionEvent &event) {
     } else if (event.kind == Kind::GONE && !connection.hasEnded) {
         // What it gets in future would be another connection's, but answers so far are compared.
         auto answers = std::move(connection.answers);
-        _connections[event.connection] = std::make_unique<Connection>();
-        _connections[event.connection]->answers = std::move(answers);
+        found->second = std::make_unique<Connection>();
+        found->second->answers = std::move(answers);
     }
 }
 

@@ -215,7 +215,9 @@ void SessionWriter::add(const SessionEvent &event) {
 }
 
 void SessionWriter::write(const json &line) {
-    if (!_file || std::fprintf(_file.get(), "%s\n", line.dump().c_str()) < 0 ||
+    if (!_file ||
+        std::fprintf(_file.get(), "%s\n",
+                     line.dump(-1, ' ', false, json::error_handler_t::replace).c_str()) < 0 ||
         std::fflush(_file.get()) != 0)
         throw std::runtime_error(_path + " cannot be written: " + std::strerror(errno));
 }

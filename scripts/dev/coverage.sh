@@ -8,7 +8,7 @@ source scripts/dev/common.sh
 COVERAGE_REPORT=build/coverage/report
 
 # Where the compiler adds edges of its own for exceptions without marking them as such.
-COMPILERS_BRANCHES='.*(new \(std::nothrow\)|\} catch \().*'
+COMPILERS_BRANCHES='.*(new \(std::nothrow\)|\} catch \(|return nelvo::logException).*'
 
 # portion A B: A of B, in per cent as well, rounded down: 100.0 % is all.
 portion() {

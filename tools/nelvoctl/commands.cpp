@@ -32,7 +32,7 @@ std::string checkSeconds(const std::string &text) {
     double seconds = 0;
     if (CLI::detail::lexical_cast(text, seconds) && std::isfinite(seconds) && seconds > 0)
         return "";
-    return "\"" + text + "\" is not a number of seconds above 0";
+    return "\"" + text + "\" is not a number above 0";
 }
 
 // The platform checks everything else about an id.

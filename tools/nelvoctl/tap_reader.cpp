@@ -58,8 +58,8 @@ bool TapReader::takeEvent() {
     char name[16], connection[160];
     std::size_t size = 0;
     if (end == std::string::npos ||
-        std::sscanf(_pending.c_str(), "%lf %15s %159s %zu", &seconds, name, connection, &size) !=
-            4 ||
+        std::sscanf(_pending.substr(0, end).c_str(), "%lf %15s %159s %zu", &seconds, name,
+                    connection, &size) != 4 ||
         _pending.size() - end - 1 < size)
         return false;
     const std::string bytes = _pending.substr(end + 1, size);

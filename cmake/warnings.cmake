@@ -4,9 +4,6 @@
 function(nelvo_target_defaults target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
         -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=) # what is built must not depend on where
-    # As many jobs as there are cores, of which the compiler warns unless it is told.
-    target_link_options(${target} PRIVATE
-        $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:$<TARGET_PROPERTY:INTERPROCEDURAL_OPTIMIZATION>>>:-flto=auto>)
     if(NELVO_SANITIZE)
         set(sanitizers -fsanitize=${NELVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
         if(NELVO_SANITIZE STREQUAL thread) # does not see fences; no thread of ours needs one

@@ -12,6 +12,7 @@ die() {
 
 why() {
     case $1 in
+    make) echo "the compiler links with several processes at a time through it" ;;
     cmake | ninja-build) echo "builds the project" ;;
     g++ | g++-* | clang) echo "the compiler" ;;
     debootstrap) echo "makes bare installations" ;;
@@ -127,4 +128,4 @@ build() {
 }
 
 # shellcheck disable=SC2034 # used by the commands
-BUILD_PACKAGES=(cmake ninja-build libexpat1-dev libcli11-dev libedit-dev libvalijson-dev nlohmann-json3-dev)
+BUILD_PACKAGES=(cmake ninja-build make libexpat1-dev libcli11-dev libedit-dev libvalijson-dev nlohmann-json3-dev)

@@ -11,7 +11,6 @@
 #include "output.h"
 #include "recorder.h"
 #include "subprocess.h"
-#include "timer.h"
 
 namespace nelvoctl {
 
@@ -28,28 +27,13 @@ int runRecord(const Options &options) {
     return EXIT_CODE_SUCCESS;
 }
 
-// Runs the main loop until the condition holds, at most that long.
-bool waitFor(double seconds, const std::function<bool()> &until) {
-    bool isOver = false;
-    Timer timer;
-    const auto end = [&] {
-        isOver = true;
-        ecore_main_loop_quit();
-    };
-    if (!timer.start(seconds, end))
-        throw Failure(Cause::INTERNAL, "a timer could not be created");
-    while (!isOver && !(until && until()))
-        ecore_main_loop_begin();
-    return until && until();
-}
-
 int runReplay(const Options &options) {
     nelvo::client::Replay::Settings settings;
     settings.appId = options.target.appId;
     settings.speed = options.isFast ? 0 : options.speed;
     settings.patienceSeconds = options.target.timeoutSeconds;
     settings.ignored = options.ignored;
-    settings.wait = waitFor;
+    settings.wait = runLoopFor;
     settings.now = ecore_time_get;
     settings.introduce = [](nelvo::client::MessageProxy &, const std::string &client) {
         if (host_set_app_id(client.c_str()) != 0)

@@ -26,7 +26,7 @@ void await(Step start) {
 
 } // namespace
 
-void runLoopFor(double seconds) {
+bool runLoopFor(double seconds, const std::function<bool()> &until) {
     bool isOver = false;
     Timer timer;
     const auto end = [&] {
@@ -35,8 +35,9 @@ void runLoopFor(double seconds) {
     };
     if (!timer.start(seconds, end))
         throw Failure(Cause::INTERNAL, "a timer could not be created");
-    while (!isOver)
+    while (!isOver && !(until && until()))
         ecore_main_loop_begin();
+    return until && until();
 }
 
 void Session::connect() {

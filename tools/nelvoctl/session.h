@@ -9,8 +9,9 @@
 
 namespace nelvoctl {
 
-// Runs the main loop for that long.
-void runLoopFor(double seconds);
+// Runs the main loop for that long, or until the condition holds when something wakes the loop. Returns
+// whether the condition holds.
+bool runLoopFor(double seconds, const std::function<bool()> &until = nullptr);
 
 // One connection to an application for commands, which wait for each step: as Link, but each step
 // runs the main loop until it is done, and throws Failure.

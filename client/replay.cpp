@@ -13,7 +13,7 @@ using nlohmann::json;
 using Kind = EventKind;
 
 constexpr double CONNECT_SECONDS = 5;
-constexpr double LATE_SECONDS = 0.05; // for answers that should not come
+constexpr double LATE_SECONDS = 0.2; // for answers that should not come
 
 std::string idOf(const json &entries) {
     return entries.is_object() ? entries.value("requestId", json()).dump() : "";
